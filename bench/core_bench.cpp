@@ -1,0 +1,179 @@
+#include <benchmark/benchmark.h>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_reduce.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <numbers>
+
+#include "bench_floor.h"
+#include "core/parallel.h"
+#include "vorn/core/color_profile.h"
+#include "vorn/core/image_data.h"
+#include "vorn/core/memory_manager.h"
+
+namespace vorn::bench {
+namespace {
+
+using RGBf = _ImageData<PixelRGB<float>>;
+constexpr _Size<int> kFrame(6000, 4000);  // 24 MP, 288 MB of PixelRGB<float>
+
+// A frame with smooth content and some values outside [0, 1], built once.
+const std::shared_ptr<RGBf>& frame() {
+  static const std::shared_ptr<RGBf> image = [] {
+    auto img = std::make_shared<RGBf>(kFrame, ColorProfileType::sRGB());
+    detail::parallelRows(kFrame.height, [&](int first, int end) {
+      for (int y = first; y < end; ++y) {
+        PixelRGB<float>* row = img->row(y);
+        for (int x = 0; x < kFrame.width; ++x) {
+          const float u = static_cast<float>(x) / kFrame.width;
+          const float v = static_cast<float>(y) / kFrame.height;
+          row[x] = PixelRGB<float>(u * 1.2f - 0.1f, v, 0.5f + 0.4f * std::sin(12.0f * u * v));
+        }
+      }
+    });
+    return img;
+  }();
+  return image;
+}
+
+std::shared_ptr<RGBf> prefaulted() {
+  auto img = std::make_shared<RGBf>(kFrame);
+  img->fillRect(PixelRGB<float>(0.0f));
+  return img;
+}
+
+void setBytes(benchmark::State& state, std::uint64_t bytes) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+}
+
+void BM_FloorParallelCopy(benchmark::State& state) {
+  const auto& src = frame();
+  auto dst = prefaulted();
+  for (auto _ : state) {
+    detail::parallelCopy(dst->data(), src->data(), src->sizeInBytes());
+    benchmark::ClobberMemory();
+  }
+  setBytes(state, src->sizeInBytes());
+  markFloor(state, "copy");
+}
+
+void BM_FloorParallelRead(benchmark::State& state) {
+  const auto& src = frame();
+  const float* values = &src->data()->r;
+  const std::size_t count = src->area() * 3;
+  for (auto _ : state) {
+    const float sum = tbb::parallel_reduce(
+        tbb::blocked_range<std::size_t>(0, count / 16, 4096), 0.0f,
+        [&](const tbb::blocked_range<std::size_t>& r, float total) {
+          float lanes[16] = {};
+          for (std::size_t i = r.begin(); i < r.end(); ++i)
+            for (int k = 0; k < 16; ++k) lanes[k] += values[i * 16 + k];
+          for (float lane : lanes) total += lane;
+          return total;
+        },
+        [](float a, float b) { return a + b; });
+    benchmark::DoNotOptimize(sum);
+  }
+  setBytes(state, src->sizeInBytes());
+  markFloor(state, "read");
+}
+
+void BM_Clamp(benchmark::State& state) {
+  auto img = prefaulted();
+  frame()->copyTo(img);
+  for (auto _ : state) {
+    img->clamp();
+    benchmark::ClobberMemory();
+  }
+  setBytes(state, img->sizeInBytes());
+  compareTo(state, "copy");
+}
+
+void BM_Copy(benchmark::State& state) {
+  const auto& src = frame();
+  for (auto _ : state) benchmark::DoNotOptimize(src->copy());
+  setBytes(state, src->sizeInBytes());
+  compareTo(state, "copy");
+}
+
+void BM_ThumbnailDefault(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(frame()->thumbnail());
+  compareTo(state, "read");
+}
+
+void BM_Resize1500x1000(benchmark::State& state) {
+  std::shared_ptr<RGBf> dst;
+  for (auto _ : state) frame()->resizeTo(dst, _Size<int>(1500, 1000));
+  compareTo(state, "read");
+}
+
+void BM_AffineRotate5DegTo1500x1000(benchmark::State& state) {
+  auto dst = std::make_shared<RGBf>(_Size<int>(1500, 1000));
+  AffineTransform turn;
+  turn.translate(750, 500);
+  turn.rotate(5.0f * std::numbers::pi_v<float> / 180.0f);
+  turn.translate(-750, -500);
+  const _Rect<float> whole(0, 0, static_cast<float>(kFrame.width), static_cast<float>(kFrame.height));
+  for (auto _ : state) frame()->copyAffineTransformedTo(dst, whole, turn);
+  compareTo(state, "read");
+}
+
+void BM_ColorTransformSRGBToProPhoto(benchmark::State& state) {
+  auto dst = prefaulted();
+  const auto target = ColorProfileType::proPhotoRGB();
+  for (auto _ : state) frame()->colorTransform(dst, target);
+  setBytes(state, dst->sizeInBytes());
+  compareTo(state, "copy");
+}
+
+void BM_PoolRecycled288MB(benchmark::State& state) {
+  auto& pool = MemoryManager::instance();
+  const std::size_t bytes = frame()->sizeInBytes();
+  pool.free(pool.allocate(bytes, false));
+  for (auto _ : state) {
+    std::uint8_t* block = pool.allocate(bytes, false);
+    benchmark::DoNotOptimize(block);
+    pool.free(block);
+  }
+}
+
+// First touch is the hidden cost of a fresh block: the pool's huge pages against plain malloc.
+void BM_FreshPoolBlockPlusCopy(benchmark::State& state) {
+  auto& pool = MemoryManager::instance();
+  const auto& src = frame();
+  pool.setCachingEnabled(false);
+  for (auto _ : state) {
+    std::uint8_t* block = pool.allocate(src->sizeInBytes(), false);
+    detail::parallelCopy(block, src->data(), src->sizeInBytes());
+    pool.free(block);
+  }
+  pool.setCachingEnabled(true);
+  compareTo(state, "copy");
+}
+
+void BM_FreshMallocPlusCopy(benchmark::State& state) {
+  const auto& src = frame();
+  for (auto _ : state) {
+    void* block = std::malloc(src->sizeInBytes());
+    detail::parallelCopy(block, src->data(), src->sizeInBytes());
+    benchmark::DoNotOptimize(block);
+    std::free(block);
+  }
+  compareTo(state, "copy");
+}
+
+BENCHMARK(BM_FloorParallelCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FloorParallelRead)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Clamp)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Copy)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ThumbnailDefault)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Resize1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AffineRotate5DegTo1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ColorTransformSRGBToProPhoto)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PoolRecycled288MB)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_FreshPoolBlockPlusCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FreshMallocPlusCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+}  // namespace vorn::bench

@@ -1,0 +1,29 @@
+#include "core/kernels.h"
+
+#define VORN_DISPATCH __attribute__((target_clones("avx512f", "avx2", "default")))
+
+namespace vorn::detail {
+
+VORN_DISPATCH void clampFloats(float* values, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    float v = values[i];
+    v = v > 0.0f ? v : 0.0f;
+    values[i] = v > 1.0f ? 1.0f : v;
+  }
+}
+
+VORN_DISPATCH void clampCopyFloats(float* __restrict dst, const float* __restrict src,
+                                   std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    float v = src[i];
+    v = v > 0.0f ? v : 0.0f;
+    dst[i] = v > 1.0f ? 1.0f : v;
+  }
+}
+
+VORN_DISPATCH void accumulateFloats(float* __restrict acc, const float* __restrict row,
+                                    std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) acc[i] += row[i];
+}
+
+}  // namespace vorn::detail

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+
+namespace vorn::detail {
+
+// Hot loops compiled for several instruction sets and picked at load time; the library
+// itself targets the x86-64 baseline.
+
+/// v = v > 0 ? v : 0, then min(v, 1): NaN becomes 0.
+void clampFloats(float* values, std::size_t count);
+/// dst[i] = clamp(src[i]).
+void clampCopyFloats(float* dst, const float* src, std::size_t count);
+/// acc[i] += row[i].
+void accumulateFloats(float* acc, const float* row, std::size_t count);
+
+}  // namespace vorn::detail

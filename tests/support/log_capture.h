@@ -1,0 +1,52 @@
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vorn/core/log.h"
+
+namespace vorn::test {
+
+/// Collects every message the library logs while it lives, at full verbosity.
+class LogCapture {
+ public:
+  LogCapture() : stream_(std::make_shared<Stream>()) {
+    Logger::LogInstance().SetVerbosity(0);
+    Logger::LogInstance().AddStream(stream_);
+  }
+  ~LogCapture() { Logger::LogInstance().Shutdown(); }
+
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(stream_->mutex);
+    return stream_->lines;
+  }
+  /// How many messages end with the text.
+  std::size_t countEndingWith(const std::string& text) const {
+    const auto all = lines();
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const std::string& l) {
+      return l.size() >= text.size() && l.compare(l.size() - text.size(), text.size(), text) == 0;
+    }));
+  }
+  std::size_t countContaining(const std::string& text) const {
+    const auto all = lines();
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; }));
+  }
+
+ private:
+  struct Stream : ILogStream {
+    void write(const LogMessage& message) override {
+      std::lock_guard lock(mutex);
+      lines.push_back(message.text);
+    }
+    void flush() override {}
+    mutable std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  std::shared_ptr<Stream> stream_;
+};
+
+}  // namespace vorn::test
