@@ -1,7 +1,9 @@
 #include "vorn/core/data_store.h"
 
 #include <gtest/gtest.h>
+
 #include <unistd.h>
+#include "support/temp_dir.h"
 
 #include <atomic>
 #include <filesystem>
@@ -16,17 +18,7 @@ namespace fs = std::filesystem;
 
 class DataStoreTest : public ::testing::Test {
  protected:
-  DataStoreTest() {
-    static std::atomic<int> counter{0};
-    dir_ = fs::temp_directory_path() /
-           ("vorn_datastore_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(dir_);
-  }
-  ~DataStoreTest() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    DataStore::instance().clear();
-  }
+  ~DataStoreTest() override { DataStore::instance().clear(); }
   void SetUp() override { DataStore::instance().clear(); }
   std::string writeSettings(const std::string& json) {
     const fs::path path = dir_ / DataStore::kSettingsFileName;
@@ -34,7 +26,8 @@ class DataStoreTest : public ::testing::Test {
     return path.string();
   }
   DataStore& store() { return DataStore::instance(); }
-  fs::path dir_;
+  test::TempDir tmp_{"vorn_datastore"};
+  const fs::path& dir_ = tmp_.path();
 };
 
 TEST_F(DataStoreTest, NestedObjectsGiveDottedKeys) {

@@ -1,7 +1,9 @@
 #include "vorn/core/file_utils.h"
 
 #include <gtest/gtest.h>
+
 #include <unistd.h>
+#include "support/temp_dir.h"
 
 #include <atomic>
 #include <chrono>
@@ -16,16 +18,6 @@ namespace fs = std::filesystem;
 
 class FileUtilsTest : public ::testing::Test {
  protected:
-  FileUtilsTest() {
-    static std::atomic<int> counter{0};
-    dir_ = fs::temp_directory_path() /
-           ("vorn_fileutils_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(dir_);
-  }
-  ~FileUtilsTest() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
   std::string make(const std::string& name, const std::string& content = "x") {
     const fs::path path = dir_ / name;
     std::ofstream(path) << content;
@@ -36,7 +28,8 @@ class FileUtilsTest : public ::testing::Test {
     return std::string(std::istreambuf_iterator<char>(file), {});
   }
   std::string at(const std::string& name) const { return (dir_ / name).string(); }
-  fs::path dir_;
+  test::TempDir tmp_{"vorn_fileutils"};
+  const fs::path& dir_ = tmp_.path();
 };
 
 TEST(FileUtils, AppendPathUsesExactlyOneSeparator) {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "support/temp_dir.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/image_load_state.h"
 #include "vorn/core/log.h"
@@ -19,25 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class TempDir {
- public:
-  TempDir() {
-    static std::atomic<int> counter{0};
-    path_ = fs::temp_directory_path() /
-            ("vorn_library_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::remove_all(path_);
-    fs::create_directories(path_);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  std::string str() const { return path_.string(); }
-  fs::path path() const { return path_; }
-
- private:
-  fs::path path_;
-};
+using test::TempDir;
 
 class TextCapture : public ILogStream {
  public:

@@ -14,6 +14,7 @@
 #include <set>
 #include <thread>
 
+#include "support/temp_dir.h"
 #include "vorn/core/data_store.h"
 
 namespace vorn {
@@ -21,25 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class TempDir {
- public:
-  TempDir() {
-    static std::atomic<int> counter{0};
-    path_ = fs::temp_directory_path() /
-            ("vorn_log_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::remove_all(path_);
-    fs::create_directories(path_);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  std::string str() const { return path_.string(); }
-  fs::path path() const { return path_; }
-
- private:
-  fs::path path_;
-};
+using test::TempDir;
 
 /// Records every message it is handed; can be told to die after its first write.
 class CaptureStream : public ILogStream {
