@@ -14,11 +14,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      if (run.error_occurred) continue;
+      // With repetitions, only the median stands for the benchmark.
+      if (run.run_type == Run::RT_Iteration && run.repetitions > 1) continue;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
       const double seconds = run.GetAdjustedRealTime() * multiplier(run.time_unit);
       const std::string& label = run.report_label;
       if (label.rfind("floor:", 0) == 0) floors_[label.substr(6)] = seconds;
-      rows_.push_back({run.benchmark_name(), label, seconds});
+      rows_.push_back({run.run_name.str(), label, seconds});
     }
   }
 

@@ -7,4 +7,6 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset release
 cmake --build --preset release -j "$(nproc)" --target vorn_bench
+# Three repetitions by default; each figure is the median.
+if [ $# -eq 0 ]; then set -- --benchmark_repetitions=3 --benchmark_report_aggregates_only=true; fi
 ./build/release/bench/vorn_bench "$@"

@@ -24,13 +24,10 @@ constexpr int cvTypeOf() {
 // streaming pass over the source, which is what makes large shrinks cost about one read.
 // The result lives in a pool buffer: a fresh one would pay first-touch page faults every call.
 template <typename T>
-std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Rect<int>& region,
-                                             int kx, int ky) {
+void boxShrinkInto(const _ImageData<T>& src, const _Rect<int>& region, int kx, int ky, float* out,
+                   int outW, int outH) {
   using Channel = typename PixelTraits<T>::Channel;
   constexpr int C = PixelTraits<T>::kChannels;
-  const int outW = (region.width + kx - 1) / kx;
-  const int outH = (region.height + ky - 1) / ky;
-  auto out = std::make_shared<_ImageData<float>>(_Size<int>(outW * C, outH));
   const std::size_t rowValues = static_cast<std::size_t>(region.width) * C;
 
   parallelRows(outH, [&](int first, int end) {
@@ -47,7 +44,7 @@ std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Re
           for (std::size_t i = 0; i < rowValues; ++i) acc[i] += static_cast<float>(line[i]);
         }
       }
-      float* dst = out->row(oy);
+      float* dst = out + static_cast<std::ptrdiff_t>(oy) * outW * C;
       for (int ox = 0; ox < outW; ++ox) {
         const int x0 = ox * kx;
         const int x1 = std::min(region.width, x0 + kx);
@@ -60,6 +57,16 @@ std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Re
       }
     }
   });
+}
+
+template <typename T>
+std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Rect<int>& region,
+                                             int kx, int ky) {
+  constexpr int C = PixelTraits<T>::kChannels;
+  const int outW = (region.width + kx - 1) / kx;
+  const int outH = (region.height + ky - 1) / ky;
+  auto out = std::make_shared<_ImageData<float>>(_Size<int>(outW * C, outH));
+  boxShrinkInto(src, region, kx, ky, out->data(), outW, outH);
   return out;
 }
 
@@ -69,8 +76,8 @@ template <typename T>
 bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T>& dst,
                    bool highQuality) {
   const _Rect<int> region = roi.isZero() ? src.rect() : roi;
-  if (region.width < 1 || region.height < 1 || !liesInside(region, src.size()) ||
-      dst.width() < 1 || dst.height() < 1)
+  if (region.width < 1 || region.height < 1 || !liesInside(region, src.size()) || dst.width() < 1 ||
+      dst.height() < 1)
     return false;
 
   cv::Mat whole(src.height(), src.width(), cvTypeOf<T>(), const_cast<T*>(src.data()));
@@ -81,17 +88,25 @@ bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T
   const int interpolation =
       shrinks ? cv::INTER_AREA : (highQuality ? cv::INTER_LANCZOS4 : cv::INTER_LINEAR);
 
-  // OpenCV's area filter is fast at integer factors but takes several passes at large
-  // non-integer ones; an exact integer box first leaves it a factor of 2 to 4 on a small image.
+  constexpr int C = PixelTraits<T>::kChannels;
+  constexpr bool kFloat = std::is_same_v<typename PixelTraits<T>::Channel, float>;
   const bool integerFactors = region.width % dst.width() == 0 && region.height % dst.height() == 0;
+  if (kFloat && shrinks && integerFactors) {
+    // At whole factors the area filter is a plain box average, done in one streaming pass;
+    // OpenCV's integer path runs a scalar loop per box and costs many reads at large factors.
+    boxShrinkInto(src, region, region.width / dst.width(), region.height / dst.height(),
+                  reinterpret_cast<float*>(dst.data()), dst.width(), dst.height());
+    return true;
+  }
+  // At other factors an exact integer box first leaves OpenCV a factor of 2 to 4 on a small
+  // image, where its generic area filter is cheap.
   const int kx = std::max(1, region.width / dst.width() / 2);
   const int ky = std::max(1, region.height / dst.height() / 2);
-  if (shrinks && !integerFactors && (kx >= 2 || ky >= 2)) {
+  if (shrinks && (kx >= 2 || ky >= 2)) {
     const auto reduced = boxShrink(src, region, kx, ky);
-    constexpr int C = PixelTraits<T>::kChannels;
     cv::Mat reducedView(reduced->height(), reduced->width() / C, CV_MAKETYPE(CV_32F, C),
                         reduced->data());
-    if constexpr (std::is_same_v<typename PixelTraits<T>::Channel, float>) {
+    if constexpr (kFloat) {
       cv::resize(reducedView, output, output.size(), 0, 0, cv::INTER_AREA);
     } else {
       cv::Mat resized;

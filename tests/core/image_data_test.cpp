@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
+
+#include <tbb/task_arena.h>
 
 #include "support/log_capture.h"
 #include "vorn/core/image_data.h"
@@ -266,6 +269,31 @@ TEST(ImageData, AffineMappingScalesAndBackground) {
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not invert transform"),
             std::string::npos);
   EXPECT_FLOAT_EQ(part->at(9, 9).r, -1.0f);
+}
+
+// Every parallel operation must give the same bytes on one worker as on all of them.
+TEST(ImageData, OneThreadEqualsMany) {
+  auto src = gradient(517, 333);
+  AffineTransform turn;
+  turn.rotate(0.2f);
+  const auto render = [&] {
+    std::vector<std::shared_ptr<RGBf>> out;
+    out.push_back(src->resize(_Size<int>(101, 67)));
+    out.push_back(src->thumbnail());
+    out.push_back(src->copy_saturated());
+    auto affine = std::make_shared<RGBf>(_Size<int>(200, 150));
+    src->copyAffineTransformedTo(affine, _Rect<float>(0, 0, 517, 333), turn);
+    out.push_back(affine);
+    return out;
+  };
+  const auto many = render();
+  std::vector<std::shared_ptr<RGBf>> one;
+  tbb::task_arena(1).execute([&] { one = render(); });
+  ASSERT_EQ(one.size(), many.size());
+  for (std::size_t i = 0; i < one.size(); ++i) {
+    ASSERT_EQ(one[i]->size(), many[i]->size());
+    EXPECT_EQ(std::memcmp(one[i]->data(), many[i]->data(), one[i]->sizeInBytes()), 0) << i;
+  }
 }
 
 TEST(MaskImage, OperationsAndDiscretization) {
