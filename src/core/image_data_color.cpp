@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "core/color_engine.h"
+#include "core/color_matrix_shaper.h"
 #include "core/log_failure.h"
 #include "core/parallel.h"
 #include "vorn/core/image_data.h"
@@ -72,6 +73,25 @@ std::string convertInto(const _ImageData<T>& src, std::shared_ptr<_ImageData<T>>
     const std::shared_ptr<ColorProfile> source =
         src.colorProfile() ? src.colorProfile() : ColorProfileType::sRGB();
     const std::shared_ptr<ColorProfile> output = target ? target : ColorProfileType::sRGB();
+    if constexpr (std::is_same_v<T, PixelRGB<float>> || std::is_same_v<T, PixelRGBA<float>>) {
+      // Matrix-shaper pairs (every standard profile) skip lcms's per-pixel stage walk.
+      if (const auto fast = detail::findMatrixShaperTransform(source, output)) {
+        if (!prepareTarget(src, dst, target)) return kNoMemory;
+        constexpr int channels = static_cast<int>(sizeof(T) / sizeof(float));
+        const std::size_t rowFloats = static_cast<std::size_t>(src.width()) * channels;
+        const float* from = reinterpret_cast<const float*>(src.data());
+        float* to = reinterpret_cast<float*>(dst->data());
+        detail::parallelRows(src.height(), [&](int first, int end) {
+          const std::size_t at = static_cast<std::size_t>(first) * rowFloats;
+          detail::runMatrixShaperTransform(*fast, from + at, to + at,
+                                           static_cast<std::size_t>(end - first) * src.width(),
+                                           channels);
+        });
+        dst->setColorProfile(target);
+        dst->setLoadState(src.getLoadState());
+        return {};
+      }
+    }
     detail::takeColorEngineError();
     const detail::ProfileHandle in = detail::openProfile(source->iccProfile());
     if (!in) return "Could not read the source ICC profile";

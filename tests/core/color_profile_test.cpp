@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "core/color_matrix_shaper.h"
 #include "support/log_capture.h"
 #include "vorn/core/color_profile.h"
 #include "vorn/core/image_data.h"
@@ -36,6 +37,22 @@ std::shared_ptr<ImageDataRGBf> randomImage(int w, int h, Profile profile, unsign
   for (std::uint64_t i = 0; i < image->area(); ++i)
     image->data()[i] = RGBf(unit(rng), unit(rng), unit(rng));
   return image;
+}
+
+/// lcms run directly, bypassing the library's own conversion.
+void engineTransform(const Profile& from, const Profile& to, cmsUInt32Number format, const void* in,
+                     void* out, std::uint64_t pixels) {
+  const Blob& a = from->iccProfile();
+  const Blob& b = to->iccProfile();
+  cmsHPROFILE source = cmsOpenProfileFromMem(a.data(), static_cast<cmsUInt32Number>(a.size()));
+  cmsHPROFILE target = cmsOpenProfileFromMem(b.data(), static_cast<cmsUInt32Number>(b.size()));
+  const cmsUInt32Number flags = T_EXTRA(format) ? cmsFLAGS_COPY_ALPHA : 0;
+  cmsHTRANSFORM xf = cmsCreateTransform(source, format, target, format, INTENT_PERCEPTUAL, flags);
+  ASSERT_NE(xf, nullptr);
+  cmsDoTransform(xf, in, out, static_cast<cmsUInt32Number>(pixels));
+  cmsDeleteTransform(xf);
+  cmsCloseProfile(source);
+  cmsCloseProfile(target);
 }
 
 RGBf convertOne(RGBf value, Profile from, Profile to) {
@@ -129,22 +146,19 @@ TEST(ColorTransform, WideGamutRoundTripsAreLossless) {
 }
 
 TEST(ColorTransform, ParallelChunksMatchOneTransformCall) {
-  // 101 x 37 pixels leave a remainder for every thread count up to 36 except 1 and 37.
-  auto src = randomImage(101, 37, ColorProfileType::sRGB());
-  std::shared_ptr<ImageDataRGBf> dst;
+  // 8-bit buffers take lcms's own path. 101 x 37 pixels leave a remainder for every thread count
+  // up to 36 except 1 and 37.
+  using RGB8 = PixelRGB<unsigned char>;
+  auto src = std::make_shared<ImageDataRGB8>(_Size<int>(101, 37), ColorProfileType::sRGB());
+  for (std::uint64_t i = 0; i < src->area(); ++i)
+    src->data()[i] = RGB8(static_cast<unsigned char>(i), static_cast<unsigned char>(i * 7),
+                          static_cast<unsigned char>(i * 13));
+  std::shared_ptr<ImageDataRGB8> dst;
   ASSERT_TRUE(src->colorTransform(dst, ColorProfileType::proPhotoRGB()));
 
-  const Blob& a = ColorProfileType::sRGB()->iccProfile();
-  const Blob& b = ColorProfileType::proPhotoRGB()->iccProfile();
-  cmsHPROFILE in = cmsOpenProfileFromMem(a.data(), static_cast<cmsUInt32Number>(a.size()));
-  cmsHPROFILE out = cmsOpenProfileFromMem(b.data(), static_cast<cmsUInt32Number>(b.size()));
-  cmsHTRANSFORM xf = cmsCreateTransform(in, TYPE_RGB_FLT, out, TYPE_RGB_FLT, INTENT_PERCEPTUAL, 0);
-  ASSERT_NE(xf, nullptr);
-  std::vector<RGBf> reference(src->area());
-  cmsDoTransform(xf, src->data(), reference.data(), static_cast<cmsUInt32Number>(src->area()));
-  cmsDeleteTransform(xf);
-  cmsCloseProfile(in);
-  cmsCloseProfile(out);
+  std::vector<RGB8> reference(src->area());
+  engineTransform(ColorProfileType::sRGB(), ColorProfileType::proPhotoRGB(), TYPE_RGB_8,
+                  src->data(), reference.data(), src->area());
   EXPECT_EQ(0, std::memcmp(reference.data(), dst->data(), dst->sizeInBytes()));
 }
 
@@ -239,6 +253,217 @@ TEST(ColorTransform, OtherPixelTypes) {
   ASSERT_TRUE(plane->colorTransform(planeOut, ColorProfileType::proPhotoRGB()));
   EXPECT_EQ(planeOut->at(3, 3), 0.5f);
   EXPECT_EQ(planeOut->colorProfile(), ColorProfileType::proPhotoRGB());
+}
+
+// The float path for two matrix-shaper profiles is the library's own; lcms run directly is the
+// reference it must follow.
+
+/// A profile with sRGB primaries and `curve` (taken) on every channel.
+Profile curveProfile(cmsToneCurve* curve, double version, const char* name) {
+  const cmsCIExyY d65{0.3127, 0.3290, 1.0};
+  const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
+  cmsToneCurve* curves[3] = {curve, curve, curve};
+  cmsHPROFILE h = cmsCreateRGBProfile(&d65, &primaries, curves);
+  cmsFreeToneCurve(curve);
+  cmsSetProfileVersion(h, version);
+  cmsMLU* description = cmsMLUalloc(nullptr, 1);
+  cmsMLUsetASCII(description, "en", "US", name);
+  cmsWriteTag(h, cmsSigProfileDescriptionTag, description);
+  cmsMLUfree(description);
+  cmsUInt32Number bytes = 0;
+  cmsSaveProfileToMem(h, nullptr, &bytes);
+  std::vector<std::uint8_t> icc(bytes);
+  cmsSaveProfileToMem(h, icc.data(), &bytes);
+  cmsCloseProfile(h);
+  return std::make_shared<ColorProfile>(Blob(icc.data(), icc.size()));
+}
+
+std::shared_ptr<ImageDataRGBf> uniformImage(Profile profile, float lo, float hi, unsigned seed) {
+  auto image = std::make_shared<ImageDataRGBf>(_Size<int>(97, 61), std::move(profile));
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> value(lo, hi);
+  for (std::uint64_t i = 0; i < image->area(); ++i)
+    image->data()[i] = RGBf(value(rng), value(rng), value(rng));
+  return image;
+}
+
+/// The largest difference to lcms over the image, relative to max(1, |lcms|); infinite when
+/// only one side is NaN.
+double worstAgainstEngine(const ImageDataRGBf& src, const Profile& to) {
+  std::shared_ptr<ImageDataRGBf> dst;
+  EXPECT_TRUE(src.colorTransform(dst, to));
+  if (!dst) return std::numeric_limits<double>::infinity();
+  std::vector<RGBf> reference(src.area());
+  engineTransform(src.colorProfile(), to, TYPE_RGB_FLT, src.data(), reference.data(), src.area());
+  double worst = 0.0;
+  for (std::uint64_t i = 0; i < src.area(); ++i) {
+    const float got[3] = {dst->data()[i].r, dst->data()[i].g, dst->data()[i].b};
+    const float want[3] = {reference[i].r, reference[i].g, reference[i].b};
+    for (int c = 0; c < 3; ++c) {
+      if (std::isnan(got[c]) || std::isnan(want[c])) {
+        if (std::isnan(got[c]) != std::isnan(want[c]))
+          return std::numeric_limits<double>::infinity();
+        continue;
+      }
+      if (got[c] == want[c]) continue;  // equal infinities too
+      worst = std::max(worst, std::fabs(static_cast<double>(got[c]) - want[c]) /
+                                  std::max(1.0, std::fabs(static_cast<double>(want[c]))));
+    }
+  }
+  return worst;
+}
+
+TEST(ColorTransformMatrixShaper, FollowsTheEngineInAndOutOfRange) {
+  const auto srgb = ColorProfileType::sRGB(), proPhoto = ColorProfileType::proPhotoRGB();
+  const auto p3 = ColorProfileType::DCI_P3(), xyz = ColorProfileType::D65_XYZ();
+  const std::pair<Profile, Profile> pairs[] = {
+      {srgb, proPhoto},
+      {proPhoto, srgb},
+      {srgb, p3},
+      {p3, srgb},
+      {proPhoto, p3},
+      {p3, proPhoto},
+      {xyz, ColorProfileType::adobeRGB()},
+      {ColorProfileType::sRGBLinear(), ColorProfileType::melissaRGB()}};
+  unsigned seed = 1;
+  for (const auto& [from, to] : pairs) {
+    SCOPED_TRACE(from->name() + " -> " + to->name());
+    EXPECT_TRUE(detail::findMatrixShaperTransform(from, to));
+    EXPECT_LE(worstAgainstEngine(*uniformImage(from, 0.0f, 1.0f, ++seed), to), 2e-5);
+    EXPECT_LE(worstAgainstEngine(*uniformImage(from, -0.5f, 4.0f, ++seed), to), 2e-5);
+  }
+}
+
+TEST(ColorTransformMatrixShaper, OddValuesGiveWhatTheEngineGives) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const float odd[] = {0.0f,   -0.0f,   1e-30f,  -1e-30f,  1e-8f,
+                       1e-45f, 0.0404f, 0.0405f, 0.00313f, 0.5f,
+                       255.9f, 256.0f,  300.0f,  1e6f,     1e21f,
+                       -1e30f, 3.4e38f, inf,     -inf,     std::numeric_limits<float>::quiet_NaN()};
+  const std::size_t n = std::size(odd);
+  for (const auto& [from, to] :
+       {std::pair(ColorProfileType::sRGB(), ColorProfileType::proPhotoRGB()),
+        std::pair(ColorProfileType::proPhotoRGB(), ColorProfileType::sRGB()),
+        std::pair(ColorProfileType::DCI_P3(), ColorProfileType::sRGBLinear()),
+        std::pair(ColorProfileType::sRGBLinear(), ColorProfileType::DCI_P3()),
+        // Equal primaries: lcms drops the matrix, so a NaN stays in its own channel.
+        std::pair(ColorProfileType::sRGB(), ColorProfileType::sRGBLinear())}) {
+    SCOPED_TRACE(from->name() + " -> " + to->name());
+    // Every odd value meets every other in the same pixel, next to a plain value or zero.
+    const int side = static_cast<int>(n);
+    auto src = std::make_shared<ImageDataRGBf>(_Size<int>(side, 3 * side), from);
+    for (int i = 0; i < side; ++i)
+      for (int j = 0; j < side; ++j) {
+        src->at(i, j) = RGBf(odd[i], odd[j], 0.5f);
+        src->at(i, side + j) = RGBf(0.25f, odd[j], odd[i]);
+        src->at(i, 2 * side + j) = RGBf(odd[i], odd[j], 0.0f);
+      }
+    EXPECT_LE(worstAgainstEngine(*src, to), 2e-5);
+  }
+}
+
+TEST(ColorTransformMatrixShaper, HoldsWhereTheDestinationCurveIsSteep) {
+  // Colours with one channel just above black in a pure gamma space: the linear value there comes
+  // from terms that nearly cancel, and a slope of 1000 or more turns any difference in them into
+  // a visible one. The sources are made by lcms from those colours.
+  const auto proPhoto = ColorProfileType::proPhotoRGB();
+  for (const auto& [from, to] :
+       {std::pair(proPhoto, ColorProfileType::DCI_P3()),
+        std::pair(proPhoto, ColorProfileType::adobeRGB()),
+        std::pair(ColorProfileType::D65_XYZ(), ColorProfileType::DCI_P3())}) {
+    SCOPED_TRACE(from->name() + " -> " + to->name());
+    auto wanted = uniformImage(to, 0.0f, 1.0f, 40);
+    std::mt19937 rng(41);
+    std::uniform_real_distribution<float> dark(0.0005f, 0.01f);
+    for (std::uint64_t i = 0; i < wanted->area(); ++i) (&wanted->data()[i].r)[i % 3] = dark(rng);
+    auto src = std::make_shared<ImageDataRGBf>(wanted->size(), from);
+    engineTransform(to, from, TYPE_RGB_FLT, wanted->data(), src->data(), src->area());
+    EXPECT_LE(worstAgainstEngine(*src, to), 2e-5);
+  }
+}
+
+TEST(ColorTransformMatrixShaper, AlphaPassesThroughAndRowsConvertAlone) {
+  auto rgb = uniformImage(ColorProfileType::sRGB(), -0.2f, 1.5f, 11);
+  auto rgba = std::make_shared<_ImageData<PixelRGBA<float>>>(rgb->size(), ColorProfileType::sRGB());
+  const float alphas[] = {0.0f, 0.5f, 1.0f, -1.0f, 2.5f, std::numeric_limits<float>::quiet_NaN()};
+  for (std::uint64_t i = 0; i < rgb->area(); ++i) {
+    const RGBf c = rgb->data()[i];
+    rgba->data()[i] = PixelRGBA<float>(c.r, c.g, c.b, alphas[i % std::size(alphas)]);
+  }
+  const auto p3 = ColorProfileType::DCI_P3();
+  std::shared_ptr<ImageDataRGBf> rgbOut;
+  std::shared_ptr<_ImageData<PixelRGBA<float>>> rgbaOut;
+  ASSERT_TRUE(rgb->colorTransform(rgbOut, p3));
+  ASSERT_TRUE(rgba->colorTransform(rgbaOut, p3));
+  for (std::uint64_t i = 0; i < rgb->area(); ++i) {
+    const PixelRGBA<float> a = rgbaOut->data()[i];
+    ASSERT_EQ(RGBf(a.r, a.g, a.b), rgbOut->data()[i]) << i;
+    ASSERT_EQ(0, std::memcmp(&a.a, &rgba->data()[i].a, sizeof(float))) << i;
+  }
+  // A single row converted on its own equals that row of the whole image.
+  const int y = 37;
+  auto row = std::make_shared<ImageDataRGBf>(_Size<int>(rgb->width(), 1), ColorProfileType::sRGB());
+  std::memcpy(row->data(), rgb->row(y), row->sizeInBytes());
+  std::shared_ptr<ImageDataRGBf> rowOut;
+  ASSERT_TRUE(row->colorTransform(rowOut, p3));
+  EXPECT_EQ(0, std::memcmp(rowOut->data(), rgbOut->row(y), rowOut->sizeInBytes()));
+}
+
+TEST(ColorTransformMatrixShaper, TabulatedAndBlackOffsetCurvesFollowTheEngine) {
+  // A version 2 profile with a 1024-entry 16-bit curve, as many cameras embed: lcms clips and
+  // quantises its input.
+  std::vector<cmsUInt16Number> table(1024);
+  for (std::size_t i = 0; i < table.size(); ++i)
+    table[i] = static_cast<cmsUInt16Number>(
+        std::lround(65535.0 * srgbToLinear(static_cast<float>(i) / 1023.0f)));
+  const Profile tabulated =
+      curveProfile(cmsBuildTabulatedToneCurve16(nullptr, static_cast<cmsUInt32Number>(table.size()),
+                                                table.data()),
+                   2.1, "tabulated");
+  // A version 4 curve that does not reach 0: lcms then adds black point compensation.
+  const double lifted[7] = {2.2, 0.95, 0.05, 0.1, 0.05, 0.02, 0.025};
+  const Profile offset =
+      curveProfile(cmsBuildParametricToneCurve(nullptr, 5, lifted), 4.3, "lifted");
+  const auto proPhoto = ColorProfileType::proPhotoRGB();
+  unsigned seed = 20;
+  for (const auto& [from, to] : {std::pair(tabulated, proPhoto), std::pair(proPhoto, tabulated),
+                                 std::pair(offset, proPhoto), std::pair(proPhoto, offset)}) {
+    SCOPED_TRACE(from->name() + " -> " + to->name());
+    EXPECT_TRUE(detail::findMatrixShaperTransform(from, to));
+    EXPECT_LE(worstAgainstEngine(*uniformImage(from, 0.0f, 1.0f, ++seed), to), 2e-5);
+    EXPECT_LE(worstAgainstEngine(*uniformImage(from, -0.5f, 4.0f, ++seed), to), 2e-5);
+  }
+}
+
+TEST(ColorTransformMatrixShaper, LutProfilesKeepTheEnginePath) {
+  // sRGB plus a perceptual LUT that lcms prefers to the matrix and curves.
+  const Blob& srgb = ColorProfileType::sRGB()->iccProfile();
+  cmsHPROFILE h = cmsOpenProfileFromMem(srgb.data(), static_cast<cmsUInt32Number>(srgb.size()));
+  cmsPipeline* lut = cmsPipelineAlloc(nullptr, 3, 3);
+  cmsPipelineInsertStage(lut, cmsAT_END, cmsStageAllocToneCurves(nullptr, 3, nullptr));
+  cmsWriteTag(h, cmsSigAToB0Tag, lut);
+  cmsPipelineFree(lut);
+  cmsUInt32Number bytes = 0;
+  cmsSaveProfileToMem(h, nullptr, &bytes);
+  std::vector<std::uint8_t> icc(bytes);
+  cmsSaveProfileToMem(h, icc.data(), &bytes);
+  cmsCloseProfile(h);
+  const auto withLut = std::make_shared<ColorProfile>(Blob(icc.data(), icc.size()));
+  EXPECT_FALSE(detail::findMatrixShaperTransform(withLut, ColorProfileType::proPhotoRGB()));
+
+  auto src = uniformImage(withLut, 0.0f, 1.0f, 30);
+  std::shared_ptr<ImageDataRGBf> dst;
+  ASSERT_TRUE(src->colorTransform(dst, ColorProfileType::proPhotoRGB()));
+  std::vector<RGBf> reference(src->area());
+  engineTransform(withLut, ColorProfileType::proPhotoRGB(), TYPE_RGB_FLT, src->data(),
+                  reference.data(), src->area());
+  EXPECT_EQ(0, std::memcmp(reference.data(), dst->data(), dst->sizeInBytes()));
+  // The matrix and curves alone would give something else.
+  auto plain = std::make_shared<ImageDataRGBf>(*src);
+  plain->setColorProfile(ColorProfileType::sRGB());
+  std::shared_ptr<ImageDataRGBf> viaCurves;
+  ASSERT_TRUE(plain->colorTransform(viaCurves, ColorProfileType::proPhotoRGB()));
+  EXPECT_NE(0, std::memcmp(viaCurves->data(), dst->data(), dst->sizeInBytes()));
 }
 
 }  // namespace
