@@ -1,0 +1,126 @@
+#pragma once
+
+#include <string_view>
+
+#include "effects/declared_effect.h"
+
+// Detail, structure and noise effects: parameters are final, processing arrives later (pixels pass
+// through).
+namespace vorn {
+
+using detail::DeclaredParameter;
+using detail::PassThroughEffect;
+
+class ClarityEffect final : public PassThroughEffect<ClarityEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNClarityEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Clarity", 0, 100, 0}};
+};
+
+class StructureEffect final : public PassThroughEffect<StructureEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNStructureEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", -100, 100, 0},
+                                                      {"Softness", 0, 100, 50}};
+};
+
+class StructureHDREffect final : public PassThroughEffect<StructureHDREffect> {
+ public:
+  static constexpr std::string_view kId = "VORNStructureHDREffect";
+  static constexpr DeclaredParameter kParameters[] = {
+      {"Amount", -100, 100, 0}, {"Softness", 0, 100, 50}, {"Boost", 0, 100, 50}};
+};
+
+class SharpenEffect final : public PassThroughEffect<SharpenEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNSharpenEffect";
+  static constexpr DeclaredParameter kParameters[] = {
+      {"Amount", 0, 100, 0}, {"Radius", 0, 100, 30}, {"Masking", 0, 100, 0}};
+};
+
+class HighPassFilterEffect final : public PassThroughEffect<HighPassFilterEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNHighPassFilterEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Radius", 0, 30, 0}};
+};
+
+class MicroStructureEffect final : public PassThroughEffect<MicroStructureEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNMicroStructureEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
+                                                      {"Softness", 0, 100, 50}};
+};
+
+class DenoiseLaplacianEffect final : public PassThroughEffect<DenoiseLaplacianEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseLaplacianEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
+                                                      {"Detail", 0, 100, 50}};
+};
+
+class DenoiseLaplacianNLBEffect final : public PassThroughEffect<DenoiseLaplacianNLBEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseLaplacianNLBEffect";
+  static constexpr DeclaredParameter kParameters[] = {
+      {"Amount", 0, 100, 0}, {"Denoise", 0, 100, 10}, {"Boost", 0, 100, 50}};
+};
+
+class DenoiseCoarseEffect final : public PassThroughEffect<DenoiseCoarseEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseCoarseEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Coarse", 0, 100, 0}};
+};
+
+class DenoiseEffect final : public PassThroughEffect<DenoiseEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Fine", 0, 100, 0}};
+};
+
+class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNSmoothAreaEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
+                                                      {"Radius", 0, 100, 50}};
+};
+
+class DenoiseStructureEffect final : public PassThroughEffect<DenoiseStructureEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseStructureEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Structure", 0, 100, 0}};
+};
+
+class DenoiseDetailsEffect final : public PassThroughEffect<DenoiseDetailsEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDenoiseDetailsEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Details", 0, 100, 0}};
+};
+
+class DetailsEffect final : public PassThroughEffect<DetailsEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNDetailsEffect";
+  static constexpr DeclaredParameter kParameters[] = {
+      {"Small", -100, 100, 0}, {"Medium", -100, 100, 0}, {"Large", -100, 100, 0}};
+};
+
+class ApplyDetailsDEVELOPEffect final : public PassThroughEffect<ApplyDetailsDEVELOPEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNApplyDetailsDEVELOPEffect";
+  static constexpr DeclaredParameter kParameters[] = {
+      {"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Masking", 0, 100, 35}};
+};
+
+class SuperStructureEffect final : public PassThroughEffect<SuperStructureEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNSuperStructureEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
+                                                      {"Softness", 0, 100, 50}};
+};
+
+class RamixDynamicContrastEffect final : public PassThroughEffect<RamixDynamicContrastEffect> {
+ public:
+  static constexpr std::string_view kId = "VORNRamixDynamicContrastEffect";
+  static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0}};
+};
+
+}  // namespace vorn

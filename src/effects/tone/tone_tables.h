@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+
+namespace vorn::detail {
+
+/// Entries of each shared tone table; an entry i stands for the value i / kToneTableScale.
+inline constexpr std::size_t kToneTableSize = 65535;
+inline constexpr float kToneTableScale = 65535.0f;
+
+/// The shared forward (A) and backward (B) tone tables, built once on first use and read-only
+/// afterwards.
+struct ToneTables {
+  const float* forward;
+  const float* backward;
+};
+const ToneTables& toneTables();
+
+/// The perceptual-to-linear (sRGB decoding) curve that table A samples.
+float perceptualToLinear(float value);
+/// The linear-to-perceptual (sRGB encoding) curve that table B samples; undoes the first.
+float linearToPerceptual(float value);
+
+}  // namespace vorn::detail

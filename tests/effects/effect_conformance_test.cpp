@@ -1,0 +1,162 @@
+// Properties every registered effect must keep, checked for each identifier of the factory.
+#include <gtest/gtest.h>
+#include <tbb/global_control.h>
+
+#include <cmath>
+#include <limits>
+#include <set>
+
+#include "effects/effect_test_support.h"
+#include "vorn/effects/effect_factory.h"
+
+namespace vorn {
+namespace {
+
+using test::ImageRGBf;
+
+class EffectConformanceTest : public testing::TestWithParam<std::string> {
+ protected:
+  std::shared_ptr<Effect> make() const {
+    auto effect = EffectFactory::instance().makeEffectWithID(GetParam(), nullptr);
+    // A small render scale keeps neighbourhood effects' reach well inside the test picture.
+    auto context = std::make_shared<EffectContext>();
+    context->scale = 0.1f;
+    effect->setContext(context);
+    return effect;
+  }
+  /// The effect with every parameter three quarters up its range (non-default for most).
+  std::shared_ptr<Effect> makeActive() const {
+    auto effect = make();
+    test::setAllParameters(*effect, 0.75f);
+    return effect;
+  }
+};
+
+TEST_P(EffectConformanceTest, DeclaresSaneParameters) {
+  const auto effect = make();
+  const auto declared = effect->declaredParameters();
+  ASSERT_FALSE(declared.empty());
+  ASSERT_EQ(declared.size(), effect->parameters().size());
+  std::set<std::string> names;
+  for (std::size_t i = 0; i < declared.size(); ++i) {
+    SCOPED_TRACE(declared[i].name());
+    EXPECT_TRUE(names.insert(declared[i].name()).second) << "duplicate name";
+    EXPECT_LE(declared[i].minValue(), declared[i].defaultValue());
+    EXPECT_LE(declared[i].defaultValue(), declared[i].maxValue());
+    EXPECT_LT(declared[i].minValue(), declared[i].maxValue());
+    EXPECT_TRUE(declared[i].isSameType(effect->parameters()[i]));
+    EXPECT_EQ(effect->parameters()[i].value(), declared[i].defaultValue());
+  }
+}
+
+TEST_P(EffectConformanceTest, DefaultsChangeNothing) {
+  const auto effect = make();
+  EXPECT_FALSE(effect->isNeedProcessing());
+  const auto source = test::makeTestImage();
+  const auto output = test::render(*effect, source);
+  ASSERT_TRUE(output);
+  // Exposure runs its tables even at 0; they return the input up to their step.
+  EXPECT_LE(test::maxDifference(*source, *output), 5e-4f);
+}
+
+TEST_P(EffectConformanceTest, ParametersAtTheirBoundsStayFinite) {
+  const auto source = test::makeTestImage();
+  for (const float at : {0.0f, 1.0f}) {
+    SCOPED_TRACE(at);
+    const auto effect = make();
+    test::setAllParameters(*effect, at);
+    const auto output = test::render(*effect, source);
+    ASSERT_TRUE(output);
+    for (int y = 0; y < output->height(); ++y) {
+      for (int x = 0; x < output->width(); ++x) {
+        const auto& p = output->at(x, y);
+        ASSERT_TRUE(std::isfinite(p.r) && std::isfinite(p.g) && std::isfinite(p.b))
+            << "at " << x << ", " << y;
+      }
+    }
+  }
+}
+
+TEST_P(EffectConformanceTest, HostileValuesStayInTheirNeighbourhood) {
+  auto source = test::makeTestImage();
+  const float hostile[] = {std::numeric_limits<float>::quiet_NaN(),
+                           std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity(),
+                           -0.5f,
+                           3.0f,
+                           1e30f};
+  for (int i = 0; i < 6; ++i) source->at(i, 0) = PixelRGB<float>(hostile[i]);
+  source->at(0, 1) = PixelRGB<float>(hostile[0], 0.5f, hostile[1]);
+  const auto effect = makeActive();
+  const auto output = test::render(*effect, source);
+  ASSERT_TRUE(output);
+  const _Rect<int> touched = effect->getOutRectForInRect(_Rect<int>(0, 0, 6, 2));
+  const int reachX = touched.x + touched.width;
+  const int reachY = touched.y + touched.height;
+  for (int y = 0; y < output->height(); ++y) {
+    for (int x = 0; x < output->width(); ++x) {
+      if (x < reachX && y < reachY) continue;
+      const auto& p = output->at(x, y);
+      ASSERT_FALSE(std::isnan(p.r) || std::isnan(p.g) || std::isnan(p.b)) << x << ", " << y;
+    }
+  }
+  // Out-of-range but finite inputs give finite outputs.
+  for (int i = 3; i < 5; ++i) {
+    const auto& p = output->at(i, 0);
+    EXPECT_TRUE(std::isfinite(p.r) && std::isfinite(p.g) && std::isfinite(p.b)) << i;
+  }
+}
+
+TEST_P(EffectConformanceTest, SubRegionMatchesTheFullRender) {
+  const auto effect = makeActive();
+  const auto source = test::makeTestImage(120, 90);
+  const auto full = test::render(*effect, source, source);
+  ASSERT_TRUE(full);
+
+  const _Rect<int> region(37, 29, 41, 33);
+  _Rect<int> needed = effect->getInRectForOutRect(region);
+  const int x0 = std::max(needed.x, 0);
+  const int y0 = std::max(needed.y, 0);
+  const int x1 = std::min(needed.x + needed.width, source->width());
+  const int y1 = std::min(needed.y + needed.height, source->height());
+  needed = _Rect<int>(x0, y0, x1 - x0, y1 - y0);
+  const auto crop = source->copy(needed);
+  ASSERT_TRUE(crop);
+  const auto part = test::render(*effect, crop, source);
+  ASSERT_TRUE(part);
+  EXPECT_LE(test::maxDifference(*full, *part, region, region.x - needed.x, region.y - needed.y),
+            1e-4f);
+}
+
+TEST_P(EffectConformanceTest, OneThreadEqualsMany) {
+  const auto effect = makeActive();
+  const auto source = test::makeTestImage(160, 120);
+  const auto many = test::render(*effect, source);
+  std::shared_ptr<ImageRGBf> one;
+  {
+    tbb::global_control single(tbb::global_control::max_allowed_parallelism, 1);
+    one = test::render(*effect, source);
+  }
+  ASSERT_TRUE(many && one);
+  EXPECT_EQ(test::maxDifference(*many, *one), 0.0f);
+}
+
+TEST_P(EffectConformanceTest, CloneRendersLikeTheOriginal) {
+  const auto effect = makeActive();
+  const auto copy = effect->clone();
+  ASSERT_TRUE(copy);
+  EXPECT_EQ(copy->id(), effect->id());
+  copy->setContext(std::make_shared<EffectContext>(EffectContext{0.1f, {}, false}));
+  const auto source = test::makeTestImage();
+  EXPECT_EQ(test::maxDifference(*test::render(*effect, source), *test::render(*copy, source)),
+            0.0f);
+}
+
+INSTANTIATE_TEST_SUITE_P(Registered, EffectConformanceTest,
+                         testing::ValuesIn(EffectFactory::instance().supportedEffects()),
+                         [](const testing::TestParamInfo<std::string>& param) {
+                           return param.param;
+                         });
+
+}  // namespace
+}  // namespace vorn

@@ -1,0 +1,160 @@
+#include "vorn/effects/effect_factory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "effects/creative/creative_effects.h"
+#include "effects/tone/tone_effects.h"
+#include "vorn/effects/effects_array.h"
+
+namespace vorn {
+namespace {
+
+const std::string kUnsupportedLine =
+    "std::shared_ptr<vorn::Effect> vorn::EffectFactory::makeEffectWithID(const std::string&, "
+    "std::shared_ptr<const vorn::EffectParametersContext>) const Can't create effect. Effect "
+    "isn't supported!\n";
+
+TEST(EffectFactoryTest, RegistersEightyNineIdentifiersSorted) {
+  const auto ids = EffectFactory::instance().supportedEffects();
+  ASSERT_EQ(ids.size(), 89u);
+  EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+  EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
+  EXPECT_EQ(ids.front(), "VORNAdjustableGraduatedEffect");
+  EXPECT_EQ(&EffectFactory::instance(), &EffectFactory::instance());
+}
+
+TEST(EffectFactoryTest, EveryEffectCarriesItsIdentifierAndDefaults) {
+  for (const std::string& id : EffectFactory::instance().supportedEffects()) {
+    SCOPED_TRACE(id);
+    const auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
+    ASSERT_TRUE(effect);
+    EXPECT_EQ(effect->id(), id);
+    EXPECT_FALSE(effect->isNeedProcessing());
+    EXPECT_FALSE(effect->getPrarmetersContext());
+  }
+}
+
+TEST(EffectFactoryTest, UnknownAndWrongCaseIdentifiersAreRefused) {
+  for (const std::string id : {"VORNGaussianBlurEffect", "vornexposureeffect", "VORNEXPOSUREEFFECT",
+                               "VORNAutoCTEffect", "VORNZoomBlurEffect", ""}) {
+    SCOPED_TRACE(id);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(EffectFactory::instance().makeEffectWithID(id, nullptr));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), kUnsupportedLine);
+  }
+}
+
+TEST(EffectFactoryTest, IdentifiersWhoseClassNamesDiffer) {
+  const auto context = std::make_shared<const EffectParametersContext>();
+  const auto accent =
+      EffectFactory::instance().makeEffectWithID("VORNDynamicContrastEffect", context);
+  EXPECT_TRUE(std::dynamic_pointer_cast<Accent20Effect>(accent));
+  EXPECT_EQ(accent->getPrarmetersContext(), context);
+  EXPECT_TRUE(std::dynamic_pointer_cast<BlurEffect>(
+      EffectFactory::instance().makeEffectWithID("VORNSimpleBlurEffect", nullptr)));
+  const auto sky = EffectFactory::instance().makeEffectWithID("VORNSkyEnhancerEffect", nullptr);
+  EXPECT_TRUE(std::dynamic_pointer_cast<EffectsArray<4>>(sky));
+}
+
+TEST(EffectFactoryTest, GroupsHoldTheirNumberOfEffects) {
+  const std::pair<const char*, std::size_t> groups[] = {{"VORNDevelopCommonEffectID", 5},
+                                                        {"VORNRawDevelopCommonEffectID", 1},
+                                                        {"VORNHDRBasicCommonEffectID", 6},
+                                                        {"VORNHDRBasicCommonEffectRawID", 3},
+                                                        {"VORNSkyEnhancerEffect", 4}};
+  for (const auto& [id, size] : groups) {
+    SCOPED_TRACE(id);
+    const auto group = std::dynamic_pointer_cast<EffectsArrayBase>(
+        EffectFactory::instance().makeEffectWithID(id, nullptr));
+    ASSERT_TRUE(group);
+    EXPECT_EQ(group->innerEffectIds().size(), size);
+  }
+}
+
+// The lists the identifier table fixes, name by name.
+TEST(EffectFactoryTest, DeclaredParametersOfTheFixedLists) {
+  struct Expected {
+    const char* name;
+    float min, max, defaultValue;
+  };
+  const std::vector<std::pair<std::string, std::vector<Expected>>> table = {
+      {"VORNExposureEffect", {{"Exposure", -100, 100, 0}}},
+      {"VORNDynBrightnessEffect", {{"Smart Tone", -100, 100, 0}}},
+      {"VORNHighlightsEffect", {{"Highlights", -100, 100, 0}, {"Shadows", -100, 100, 0}}},
+      {"VORNBlackWhiteEffect", {{"Whites", -100, 100, 0}, {"Blacks", -100, 100, 0}}},
+      {"VORNPolarizeEffect", {{"Amount", 0, 100, 0}}},
+      {"VORNClarityEffect", {{"Clarity", 0, 100, 0}}},
+      {"VORNStructureHDREffect",
+       {{"Amount", -100, 100, 0}, {"Softness", 0, 100, 50}, {"Boost", 0, 100, 50}}},
+      {"VORNWhiteBalanceEffect", {{"Temperature", -100, 100, 0}, {"Tint", -100, 100, 0}}},
+      {"VORNGrainNewEffect",
+       {{"Amount", 0, 100, 0}, {"Size", 0, 100, 20}, {"Roughness", 0, 100, 30}}},
+      {"VORNSmartBlurEffect",
+       {{"Amount", 0, 100, 0}, {"Smooth", 0, 200, 100}, {"Boost", 0, 100, 0}}},
+      {"VORNHighPassFilterEffect", {{"Radius", 0, 30, 0}}},
+      {"VORNPhotoshopBrightnessEffect", {{"Brightness", -100, 100, 0}}},
+      {"VORNMicroStructureEffect", {{"Amount", 0, 100, 0}, {"Softness", 0, 100, 50}}},
+      {"VORNDenoiseLaplacianNLBEffect",
+       {{"Amount", 0, 100, 0}, {"Denoise", 0, 100, 10}, {"Boost", 0, 100, 50}}},
+      {"VORNLensVignetteEffect", {{"Amount", -100, 100, 0}, {"Midpoint", -100, 100, 0}}},
+      {"VORNDenoiseCoarseEffect", {{"Coarse", 0, 100, 0}}},
+      {"VORNDenoiseEffect", {{"Fine", 0, 100, 0}}},
+      {"VORNWarmSkylightEffect", {{"Amount", 0, 100, 0}, {"Color correction", -100, 100, 0}}},
+      {"VORNDehazeEffect", {{"Amount", 0, 100, 0}}},
+      {"VORNShadowsEffect", {{"Shadows", -100, 100, 0}}},
+      {"VORNApplyDetailsDEVELOPEffect",
+       {{"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Masking", 0, 100, 35}}},
+      {"VORNSkyEnhancerEffect", {{"Amount", 0, 100, 0}}},
+      {"VORNDynamicContrastEffect", {{"Boost", 0, 100, 0}}},
+      {"VORNExposureEffectHDR", {{"Exposure", -100, 100, 0}}},
+      {"VORNDynBrightnessEffectHDR", {{"Smart Tone", -100, 100, 0}}},
+  };
+  for (const auto& [id, expected] : table) {
+    SCOPED_TRACE(id);
+    const auto declared =
+        EffectFactory::instance().makeEffectWithID(id, nullptr)->declaredParameters();
+    ASSERT_EQ(declared.size(), expected.size());
+    for (std::size_t i = 0; i < declared.size(); ++i) {
+      EXPECT_EQ(declared[i].name(), expected[i].name);
+      EXPECT_EQ(declared[i].minValue(), expected[i].min);
+      EXPECT_EQ(declared[i].maxValue(), expected[i].max);
+      EXPECT_EQ(declared[i].defaultValue(), expected[i].defaultValue);
+      EXPECT_FALSE(declared[i].isHidden());
+    }
+  }
+  const auto hdr = EffectFactory::instance().makeEffectWithID("VORNHighlightsEffectHDR", nullptr);
+  EXPECT_EQ(hdr->parameters()[0].name(), "Highlights Color");
+  EXPECT_TRUE(hdr->parameters()[0].isHidden());
+  EXPECT_EQ(hdr->parameters()[1].name(), "Shadows");
+  EXPECT_EQ(hdr->parameters()[1].maxValue(), 100);
+}
+
+// Several threads ask the singleton for effects at the same time.
+TEST(EffectFactoryTest, ConcurrentCreation) {
+  std::atomic<int> made{0};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      const EffectFactory& factory = EffectFactory::instance();
+      const auto ids = factory.supportedEffects();
+      for (int round = 0; round < 3; ++round) {
+        for (std::size_t k = 0; k < ids.size(); ++k) {
+          const std::string& id = ids[(k + static_cast<std::size_t>(t) * 17) % ids.size()];
+          const auto effect = factory.makeEffectWithID(id, nullptr);
+          (effect && effect->id() == id ? made : wrong)++;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(made.load(), 4 * 3 * 89);
+}
+
+}  // namespace
+}  // namespace vorn
