@@ -15,3 +15,34 @@ add_library(vorn_opencv INTERFACE)
 target_include_directories(vorn_opencv SYSTEM INTERFACE ${OPENCV_INCLUDE_DIR})
 target_link_libraries(vorn_opencv INTERFACE ${OPENCV_IMGPROC_LIB} ${OPENCV_CORE_LIB})
 add_library(vorn::opencv ALIAS vorn_opencv)
+
+find_package(ZLIB REQUIRED)
+pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
+add_library(vorn::libdeflate ALIAS PkgConfig::LIBDEFLATE)
+
+# Magick++'s pkg-config flags carry -fopenmp, which vorn does not use and clang cannot honour
+# without libomp; only its include folders, defines and libraries are kept.
+pkg_check_modules(MAGICKPP REQUIRED Magick++)
+list(FILTER MAGICKPP_CFLAGS_OTHER EXCLUDE REGEX "openmp")
+add_library(vorn_magickpp INTERFACE)
+target_include_directories(vorn_magickpp SYSTEM INTERFACE ${MAGICKPP_INCLUDE_DIRS})
+target_compile_options(vorn_magickpp INTERFACE ${MAGICKPP_CFLAGS_OTHER})
+target_link_libraries(vorn_magickpp INTERFACE ${MAGICKPP_LINK_LIBRARIES})
+add_library(vorn::magickpp ALIAS vorn_magickpp)
+
+# Raster input and output: EXIF, the JPEG fast path, and float TIFF (Magick++ here is 16-bit
+# without HDRI, so it cannot keep values above 1).
+pkg_check_modules(EXIV2 REQUIRED IMPORTED_TARGET exiv2)
+pkg_check_modules(TURBOJPEG REQUIRED IMPORTED_TARGET libturbojpeg)
+pkg_check_modules(LIBTIFF REQUIRED IMPORTED_TARGET libtiff-4)
+add_library(vorn::exiv2 ALIAS PkgConfig::EXIV2)
+add_library(vorn::turbojpeg ALIAS PkgConfig::TURBOJPEG)
+add_library(vorn::libtiff ALIAS PkgConfig::LIBTIFF)
+
+# LibRaw's thread-safe build decodes raw files, one decoder object per decode. Its pkg-config
+# flags carry -fopenmp for the same reason as Magick++'s; the library links its own libgomp.
+pkg_check_modules(LIBRAW REQUIRED libraw_r)
+add_library(vorn_libraw INTERFACE)
+target_include_directories(vorn_libraw SYSTEM INTERFACE ${LIBRAW_INCLUDE_DIRS})
+target_link_libraries(vorn_libraw INTERFACE ${LIBRAW_LINK_LIBRARIES})
+add_library(vorn::libraw ALIAS vorn_libraw)

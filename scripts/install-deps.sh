@@ -7,6 +7,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libtbb-dev liblcms2-dev zlib1g-dev libboost-dev libboost-serialization-dev
   libopencv-imgproc-dev libhwy-dev
+  libmagick++-dev libdeflate-dev
+  libexiv2-dev libturbojpeg0-dev libtiff-dev libvips-tools
+  libraw-dev libraw-bin
 )
 
 missing=()

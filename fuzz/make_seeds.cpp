@@ -1,0 +1,86 @@
+// Writes valid starting inputs for the fuzz targets: make_seeds <folder> fills
+// <folder>/{mask_blob,proxy_blob,zlib_stream}/.
+#include <zlib.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "vorn/io/image_compressor.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<std::uint8_t>;
+
+void save(const fs::path& folder, const std::string& name, const Bytes& bytes) {
+  fs::create_directories(folder);
+  std::ofstream(folder / name, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+
+vorn::MaskImage disc(int w, int h) {
+  vorn::MaskImage mask(vorn::_Size<int>(w, h), 0.0f);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const float d = std::hypot(static_cast<float>(x - w / 2), static_cast<float>(y - h / 2));
+      mask.at(x, y) = std::fmin(1.0f, std::fmax(0.0f, (static_cast<float>(w) / 3 - d) / 4));
+    }
+  return mask;
+}
+
+Bytes deflate(const void* data, std::size_t size) {
+  uLongf length = compressBound(size);
+  Bytes out(length);
+  compress2(out.data(), &length, static_cast<const Bytef*>(data), size, Z_DEFAULT_COMPRESSION);
+  out.resize(length);
+  return out;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: %s <folder>\n", argv[0]);
+    return 2;
+  }
+  const fs::path root = argv[1];
+  for (int size : {4, 17, 40}) {
+    const vorn::MaskImage mask = disc(size, size * 3 / 4 + 1);
+    Bytes tracked;
+    vorn::ImageCompressorProxy::compressMask(mask, tracked);
+    save(root / "mask_blob", "tracked_" + std::to_string(size), tracked);
+
+    Bytes untracked;
+    for (int side : {mask.width(), mask.height()})
+      for (int i = 0; i < 4; ++i) untracked.push_back(static_cast<std::uint8_t>(side >> (8 * i)));
+    const Bytes stream = deflate(mask.data(), mask.sizeInBytes());
+    untracked.insert(untracked.end(), stream.begin(), stream.end());
+    save(root / "mask_blob", "untracked_" + std::to_string(size), untracked);
+
+    vorn::_ImageData<vorn::PixelRGB<float>> frame(vorn::_Size<int>(size, size / 2 + 1),
+                                                  vorn::ColorProfileType::sRGB());
+    for (int y = 0; y < frame.height(); ++y)
+      for (int x = 0; x < frame.width(); ++x)
+        frame.at(x, y) = vorn::PixelRGB<float>(mask.at(x % mask.width(), y % mask.height()), 0.3f,
+                                               static_cast<float>(x) / static_cast<float>(size));
+    Bytes proxy;
+    vorn::ImageCompressorProxy::compress(frame, proxy);
+    save(root / "proxy_blob", "proxy_" + std::to_string(size), proxy);
+
+    // Two bytes of destination size, then the stream (its first 56 bytes double as a header).
+    const std::uint64_t pixels = mask.area();
+    Bytes simple = {static_cast<std::uint8_t>(pixels & 0xFF),
+                    static_cast<std::uint8_t>(pixels >> 8)};
+    simple.insert(simple.end(), tracked.begin() + 56, tracked.end());
+    save(root / "zlib_stream", "stream_" + std::to_string(size), simple);
+    Bytes asTracked = {simple[0], simple[1]};
+    asTracked.insert(asTracked.end(), tracked.begin(), tracked.end());
+    save(root / "zlib_stream", "tracked_" + std::to_string(size), asTracked);
+  }
+  return 0;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "vorn/io/image_metadata.h"
+
+namespace Exiv2 {
+class ExifData;
+class XmpData;
+}  // namespace Exiv2
+
+namespace vorn::detail {
+
+/// Fills the record from EXIF (and XMP white balance); mutableParameters takes the orientation
+/// and the white balance.
+void fillImageMetadata(const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
+                       ImageMetadata& metadata);
+/// The as-shot temperature (Kelvin) and tint; false when neither EXIF nor XMP records them.
+bool findTemperatureAndTint(const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
+                            float& temperature, float& tint);
+/// The tag's text with surrounding blanks and NULs removed; empty when absent.
+std::string exifText(const Exiv2::ExifData& exif, const char* key);
+/// "Exif.Image.Orientation" when it is 1..8, else 1.
+int exifOrientation(const Exiv2::ExifData& exif);
+
+/// The metadata of an encoded file in memory; damaged metadata is dropped with a warning naming
+/// `name` and a default record returned. Never throws.
+std::shared_ptr<ImageMetadata> metadataFromBytes(const std::uint8_t* data, std::size_t size,
+                                                 const std::string& name);
+
+}  // namespace vorn::detail
