@@ -1,5 +1,5 @@
 // Writes valid starting inputs for the fuzz targets: make_seeds <folder> fills
-// <folder>/{mask_blob,proxy_blob,zlib_stream}/.
+// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory}/.
 #include <zlib.h>
 
 #include <cmath>
@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vorn/io/image_compressor.h"
+#include "vorn/io/image_magick_reader.h"
 
 namespace {
 
@@ -81,6 +83,16 @@ int main(int argc, char** argv) {
     Bytes asTracked = {simple[0], simple[1]};
     asTracked.insert(asTracked.end(), tracked.begin(), tracked.end());
     save(root / "zlib_stream", "tracked_" + std::to_string(size), asTracked);
+
+    // Small encoded photos keep each decode quick, so the run explores more of the decoders.
+    fs::create_directories(root / "open_memory");
+    for (const auto& [name, depth] :
+         {std::pair<std::string, int>{".jpg", 8}, {"_8.tif", 8}, {"_16.tif", 16}}) {
+      vorn::ExportParameters parameters;
+      parameters.path = (root / "open_memory" / ("photo_" + std::to_string(size) + name)).string();
+      parameters.tiffBitDepth = depth;
+      if (!vorn::ImageMagickReader::writeImageToFile(frame, parameters)) return 1;
+    }
   }
   return 0;
 }

@@ -15,7 +15,7 @@ runs=build/fuzz/runs
 rm -rf "$runs/seeds"
 build/fuzz/fuzz/fuzz_seeds "$runs/seeds"
 
-for target in mask_blob proxy_blob zlib_stream; do
+for target in mask_blob proxy_blob zlib_stream open_memory; do
   corpus="$runs/corpus/$target"
   artifacts="$runs/artifacts/$target"
   log="$runs/$target.log"

@@ -1,6 +1,6 @@
 #include "core/kernels.h"
 
-#define VORN_DISPATCH __attribute__((target_clones("avx512f", "avx2", "default")))
+#include "core/dispatch.h"
 
 namespace vorn::detail {
 

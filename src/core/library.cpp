@@ -12,6 +12,7 @@
 
 #include "core/log_failure.h"
 #include "core/log_internal.h"
+#include "effects/tone/tone_tables.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/log.h"
 
@@ -170,6 +171,7 @@ bool loadContextFromText(const std::string& text, SVornContext& context) {
 InitErrorCode vornInit() {
   initDataStore(nullptr);
   initParallelLayer();
+  detail::toneTables();  // built here so that no render pays for them
   announce("vorn initialized");
   return kInitOk;
 }
@@ -186,6 +188,7 @@ InitErrorCode vornInit(const SVornContext& context) {
   }
   initDataStore(&context);
   initParallelLayer();
+  detail::toneTables();  // built here so that no render pays for them
   announce("vorn initialized");
   return kInitOk;
 }

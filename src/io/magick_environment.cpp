@@ -28,6 +28,24 @@ void applyLimits(std::uint64_t cap) {
                                  kCacheBytesPerPixel);
 }
 
+// ImageMagick fills its coder and format tables lazily on first use, with checks that are not
+// safe when several threads get there at once; one round trip per coder settles them up front.
+void warmUpCoders() {
+  for (const char* coder : {"JPEG", "TIFF"}) {
+    try {
+      Magick::Image pixel(Magick::Geometry(1, 1), Magick::Color("gray"));
+      pixel.magick(coder);
+      Magick::Blob encoded;
+      pixel.write(&encoded);
+      Magick::Image decoded;
+      decoded.magick(coder);
+      decoded.read(encoded);
+    } catch (const Magick::Exception&) {
+      // A missing coder shows up, with its file and stage, when a real photo is opened.
+    }
+  }
+}
+
 }  // namespace
 
 std::uint64_t maxImagePixels() {
@@ -46,6 +64,7 @@ void ensureMagickEnvironment() {
     Magick::InitializeMagick(nullptr);
     // The callers already run on TBB workers; ImageMagick's own OpenMP team would oversubscribe.
     Magick::ResourceLimits::thread(1);
+    warmUpCoders();
   });
   const std::uint64_t cap = maxImagePixels();
   if (gAppliedCap.load(std::memory_order_acquire) == cap) return;

@@ -2,9 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <string>
 #include <thread>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 #include "effects/creative/creative_effects.h"
 #include "effects/tone/tone_effects.h"
@@ -18,12 +25,118 @@ const std::string kUnsupportedLine =
     "std::shared_ptr<const vorn::EffectParametersContext>) const Can't create effect. Effect "
     "isn't supported!\n";
 
-TEST(EffectFactoryTest, RegistersEightyNineIdentifiersSorted) {
+// The identifier table in registration order, with the class each identifier makes.
+const std::vector<std::pair<std::string, std::string>> kRegistry = {
+    {"VORNSimpleBlurEffect", "BlurEffect"},
+    {"VORNFillColorEffect", "FillColorEffect"},
+    {"VORNExposureEffect", "ExposureEffect"},
+    {"VORNContrastEffect", "ContrastEffect"},
+    {"VORNContrastLumaEffect", "ContrastLumaEffect"},
+    {"VORNContrastAutoEffect", "ContrastAutoEffect"},
+    {"VORNDynBrightnessEffect", "DynBrightnessEffect"},
+    {"VORNHighlightsEffect", "HighlightsEffect"},
+    {"VORNBlackWhiteEffect", "BlackWhiteEffect"},
+    {"VORNSaturationEffect", "SaturationEffect"},
+    {"VORNVibranceEffect", "VibranceEffect"},
+    {"VORNRamixSaturationEffect", "RamixSaturationEffect"},
+    {"VORNRamixVibranceEffect", "RamixVibranceEffect"},
+    {"VORNPolarizeEffect", "PolarizeEffect"},
+    {"VORNClarityEffect", "ClarityEffect"},
+    {"VORNStructureEffect", "StructureEffect"},
+    {"VORNStructureHDREffect", "StructureHDREffect"},
+    {"VORNWhiteBalanceEffect", "WhiteBalanceEffect"},
+    {"VORNVignetteEffect", "VignetteEffect"},
+    {"VORNFoliageEnhanceEffect", "FoliageEnhanceEffect"},
+    {"VORNDepthEffect", "DepthEffect"},
+    {"VORNToolGraduatedNaturalDensityEffect", "ToolGraduatedNaturalDensityEffect"},
+    {"VORNGlowEffect", "GlowEffect"},
+    {"VORNHighKeyEffect", "HighKeyEffect"},
+    {"VORNGrainNewEffect", "GrainNewEffect"},
+    {"VORNBWChannelsEffect", "BWChannelsEffect"},
+    {"VORNCurveEffect", "CurveEffect"},
+    {"VORNSplitToningEffect", "SplitToningEffect"},
+    {"VORNTextureOverlayEffect", "TextureOverlayEffect"},
+    {"VORNColorContrastEffect", "ColorContrastEffect"},
+    {"VORNRawWhiteBalanceEffect", "RawWhiteBalanceEffect"},
+    {"VORNSmartBlurEffect", "SmartBlurEffect"},
+    {"VORNChannelsEffect", "ChannelsEffect"},
+    {"VORNSmartContrastEffect", "SmartContrastEffect"},
+    {"VORNSharpenEffect", "SharpenEffect"},
+    {"VORNHighPassFilterEffect", "HighPassFilterEffect"},
+    {"VORNSplitWarmthEffect", "SplitWarmthEffect"},
+    {"VORNBiColorEffect", "BiColorEffect"},
+    {"VORNPhotoFilterEffect", "PhotoFilterEffect"},
+    {"VORNContrastColorRangeEffect", "ContrastColorRangeEffect"},
+    {"VORNColorsTintEffect", "ColorsTintEffect"},
+    {"VORNFocusBlurDevEffect", "FocusBlurDevEffect"},
+    {"VORNLensCorrectionEffect", "LensCorrectionEffect"},
+    {"VORNRemoveColorCastEffect", "RemoveColorCastEffect"},
+    {"VORNCrossProcessingEffect", "CrossProcessingEffect"},
+    {"VORNPhotoshopBrightnessEffect", "PhotoshopBrightnessEffect"},
+    {"VORNAdjustableGraduatedEffect", "AdjustableGraduatedEffect"},
+    {"VORNChannelMixerEffect", "ChannelMixerEffect"},
+    {"VORNRawDevelopEffect", "RawDevelopEffect"},
+    {"VORNDevelopCommonEffectID", "DevelopCommonEffect"},
+    {"VORNRawDevelopCommonEffectID", "DevelopCommonEffectRaw"},
+    {"VORNDodgeBurnEffect", "DodgeBurnEffect"},
+    {"VORNMicroStructureEffect", "MicroStructureEffect"},
+    {"VORNDenoiseLaplacianEffect", "DenoiseLaplacianEffect"},
+    {"VORNDenoiseLaplacianNLBEffect", "DenoiseLaplacianNLBEffect"},
+    {"VORNLensVignetteEffect", "LensVignetteEffect"},
+    {"VORNColorBalanceEffect", "ColorBalanceEffect"},
+    {"VORNComplexBleachEffect", "ComplexBleachEffect"},
+    {"VORNDenoiseCoarseEffect", "DenoiseCoarseEffect"},
+    {"VORNDenoiseEffect", "DenoiseEffect"},
+    {"VORNSmoothAreaEffect", "SmoothAreaEffect"},
+    {"VORNDenoiseStructureEffect", "DenoiseStructureEffect"},
+    {"VORNDenoiseDetailsEffect", "DenoiseDetailsEffect"},
+    {"VORNFogFilterEffect", "FogFilterEffect"},
+    {"VORNSoftFocusFilterEffect", "SoftFocusFilterEffect"},
+    {"VORNOrtonFilterEffect", "OrtonFilterEffect"},
+    {"VORNWarmSkylightEffect", "WarmSkylightEffect"},
+    {"VORNDehazeEffect", "DehazeEffect"},
+    {"VORNDetailsEffect", "DetailsEffect"},
+    {"VORNSunLightRaysEffect", "SunLightRaysEffect"},
+    {"VORNShadowsEffect", "ShadowsEffect"},
+    {"VORNApplyDetailsDEVELOPEffect", "ApplyDetailsDEVELOPEffect"},
+    {"VORNHDRBasicCommonEffectID", "HDRBasicCommonEffect"},
+    {"VORNHDRBasicCommonEffectRawID", "HDRBasicCommonEffectRaw"},
+    {"VORNBrillianceWarmthEffect", "BrillianceWarmthEffect"},
+    {"VORNLUTMappingEffect", "LUTMappingEffect"},
+    {"VORNFadeEffect", "FadeEffect"},
+    {"VORNHueShiftEffect", "HueShiftEffect"},
+    {"VORNSkyEnhancerEffect", "SkyEnhancerEffect"},
+    {"VORNSuperStructureEffect", "SuperStructureEffect"},
+    {"VORNDynamicContrastEffect", "Accent20Effect"},
+    {"VORNExposureEffectHDR", "ExposureEffectHDR"},
+    {"VORNDynBrightnessEffectHDR", "DynBrightnessEffectHDR"},
+    {"VORNHighlightsEffectHDR", "HighlightsEffectHDR"},
+    {"VORNContrastEffectHDR", "ContrastEffectHDR"},
+    {"VORNAdjustableGraduatedEffectHDR", "AdjustableGraduatedEffectHDR"},
+    {"VORNFaceEffect", "FaceEffect"},
+    {"VORNFaceSkinSoftenerEffect", "FaceSkinSoftenerEffect"},
+    {"VORNRamixDynamicContrastEffect", "RamixDynamicContrastEffect"},
+};
+
+std::string className(const Effect& effect) {
+  int status = 0;
+  char* name = abi::__cxa_demangle(typeid(effect).name(), nullptr, nullptr, &status);
+  std::string text = status == 0 ? name : typeid(effect).name();
+  std::free(name);
+  return text.rfind("vorn::", 0) == 0 ? text.substr(6) : text;
+}
+
+TEST(EffectFactoryTest, RegistersExactlyTheTableSortedWithItsClasses) {
   const auto ids = EffectFactory::instance().supportedEffects();
-  ASSERT_EQ(ids.size(), 89u);
-  EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
-  EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
-  EXPECT_EQ(ids.front(), "VORNAdjustableGraduatedEffect");
+  std::vector<std::string> expected;
+  for (const auto& [id, cls] : kRegistry) expected.push_back(id);
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(ids, expected);
+  for (const auto& [id, cls] : kRegistry) {
+    const auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
+    ASSERT_TRUE(effect) << id;
+    EXPECT_EQ(className(*effect), cls) << id;
+  }
   EXPECT_EQ(&EffectFactory::instance(), &EffectFactory::instance());
 }
 

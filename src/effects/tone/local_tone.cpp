@@ -62,10 +62,13 @@ bool renderLocalTone(EffectCallContext& call, bool identity, const Curve& curve,
                      float scale) {
   if (identity) return detail::copySourceToDestination(call);
   if (!detail::prepareDestination(call)) return false;
-  const auto lookup = detail::makeToneCurve(curve, 1.0f);
-  const Plane base = baseLuminance(*call.source, domain, detail::scaledRadius(kBaseRadius, scale));
-  detail::applyKeyedGain(*lookup, domain, *call.source, base.data(), *call.destination);
-  return true;
+  return detail::failOnExhaustion([&] {
+    const auto lookup = detail::makeToneCurve(curve, 1.0f);
+    const Plane base =
+        baseLuminance(*call.source, domain, detail::scaledRadius(kBaseRadius, scale));
+    detail::applyKeyedGain(*lookup, domain, *call.source, base.data(), *call.destination);
+    return true;
+  });
 }
 
 /// The shadows slider to its curve strength: up to 1.5 lifting, -1 deepening.

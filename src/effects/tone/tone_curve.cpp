@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#define VORN_DISPATCH __attribute__((target_clones("avx512f", "avx2", "default")))
+#include "core/dispatch.h"
 
 namespace vorn::detail {
 

@@ -8,8 +8,8 @@ namespace vorn::detail {
 inline constexpr std::size_t kToneTableSize = 65535;
 inline constexpr float kToneTableScale = 65535.0f;
 
-/// The shared forward (A) and backward (B) tone tables, built once on first use and read-only
-/// afterwards.
+/// The shared forward (A) and backward (B) tone tables, built once (at library start, or on
+/// first use by a host that skips it) and read-only afterwards.
 struct ToneTables {
   const float* forward;
   const float* backward;

@@ -1,0 +1,9 @@
+#pragma once
+
+// Hot loops get AVX2 and AVX-512 clones, picked once at load time. The thread-sanitizer build
+// goes without: the clones' resolvers run during relocation, before its runtime exists.
+#if defined(__SANITIZE_THREAD__)
+#define VORN_DISPATCH
+#else
+#define VORN_DISPATCH __attribute__((target_clones("avx512f", "avx2", "default")))
+#endif

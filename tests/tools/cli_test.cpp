@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "cli.h"
+#include "effect_chain.h"
+#include "effects/effect_test_support.h"
+#include "io/raster_test_support.h"
+#include "support/temp_dir.h"
+#include "vorn/effects/effect_factory.h"
+#include "vorn/io/image_reader.h"
+
+namespace vorn::cli {
+namespace {
+
+struct CommandRun {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+CommandRun run(const std::vector<std::string>& args) {
+  std::ostringstream out;
+  std::ostringstream err;
+  const int code = runCommandLine(args, out, err);
+  return {code, out.str(), err.str()};
+}
+
+std::shared_ptr<Effect> make(const std::string& text, std::string& error,
+                             std::vector<std::string>* warnings = nullptr) {
+  EffectRequest request;
+  std::vector<std::string> ignored;
+  if (!parseEffectRequest(text, request, error)) return nullptr;
+  return makeRequestedEffect(request, error, warnings ? *warnings : ignored);
+}
+
+TEST(CliEffectRequest, ParsesIdentifierAndValuesAndRejectsBadSyntax) {
+  EffectRequest request;
+  std::string error;
+  ASSERT_TRUE(parseEffectRequest("VORNDynBrightnessEffect: Smart Tone = 40 ,X=1", request, error));
+  EXPECT_EQ(request.id, "VORNDynBrightnessEffect");
+  ASSERT_EQ(request.values.size(), 2u);
+  EXPECT_EQ(request.values[0].first, "Smart Tone");
+  EXPECT_EQ(request.values[0].second, "40");
+  EXPECT_EQ(request.values[1].first, "X");
+
+  ASSERT_TRUE(parseEffectRequest("VORNFadeEffect", request, error));
+  EXPECT_TRUE(request.values.empty());
+
+  EXPECT_FALSE(parseEffectRequest(":Exposure=3", request, error));
+  EXPECT_NE(error.find("no identifier"), std::string::npos);
+  EXPECT_FALSE(parseEffectRequest("VORNExposureEffect:Exposure", request, error));
+  EXPECT_NE(error.find("Name=value"), std::string::npos);
+  EXPECT_FALSE(parseEffectRequest("VORNExposureEffect:=4", request, error));
+}
+
+TEST(CliEffectRequest, UnknownIdentifiersNamesAndValuesAreClearErrors) {
+  std::string error;
+  EXPECT_EQ(make("VORNNoSuchEffect", error), nullptr);
+  EXPECT_NE(error.find("unknown effect \"VORNNoSuchEffect\""), std::string::npos);
+  EXPECT_EQ(make("vornexposureeffect", error), nullptr);
+  EXPECT_NE(error.find("did you mean \"VORNExposureEffect\""), std::string::npos);
+
+  EXPECT_EQ(make("VORNExposureEffect:Brightness=3", error), nullptr);
+  EXPECT_NE(error.find("no parameter \"Brightness\""), std::string::npos);
+  EXPECT_NE(error.find("\"Exposure\""), std::string::npos) << "lists the real names";
+
+  for (const char* bad : {"nan", "inf", "-inf", "abc", "", "3x"}) {
+    EXPECT_EQ(make(std::string("VORNExposureEffect:Exposure=") + bad, error), nullptr) << bad;
+    EXPECT_NE(error.find("finite number"), std::string::npos) << bad;
+  }
+}
+
+TEST(CliEffectRequest, NamesIgnoreCaseAndOutOfRangeValuesAreClampedWithAWarning) {
+  std::string error;
+  std::vector<std::string> warnings;
+  auto effect = make("VORNExposureEffect:exposure=250", error, &warnings);
+  ASSERT_NE(effect, nullptr) << error;
+  EXPECT_FLOAT_EQ(effect->parameters()[0].value(), 100.0f);
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_NE(warnings[0].find("clamped to 100"), std::string::npos);
+
+  warnings.clear();
+  effect = make("VORNExposureEffect:Exposure=-12.5", error, &warnings);
+  ASSERT_NE(effect, nullptr);
+  EXPECT_FLOAT_EQ(effect->parameters()[0].value(), -12.5f);
+  EXPECT_TRUE(warnings.empty());
+}
+
+TEST(CliEffectChain, RunsEffectsInOrderAndSkipsDefaults) {
+  const auto source = test::makeTestImage(64, 48);
+  std::string error;
+  const auto idle = make("VORNExposureEffect", error);
+  auto same = runEffectChain(source, {idle}, error);
+  EXPECT_EQ(same, source) << "an effect at its defaults is not run";
+
+  const auto brighter = make("VORNExposureEffect:Exposure=40", error);
+  const auto darker = make("VORNExposureEffect:Exposure=-40", error);
+  const auto chained = runEffectChain(source, {brighter, darker}, error);
+  ASSERT_NE(chained, nullptr) << error;
+  const auto first = test::render(*brighter, source);
+  const auto expected = test::render(*darker, first);
+  EXPECT_EQ(test::maxDifference(*chained, *expected), 0.0f);
+  EXPECT_GT(test::maxDifference(*chained, *source), 0.0f);
+
+  EXPECT_EQ(runEffectChain(nullptr, {brighter}, error), nullptr);
+}
+
+TEST(CliCommands, EffectsListsEveryIdentifierWithItsParameters) {
+  const CommandRun all = run({"effects"});
+  ASSERT_EQ(all.code, kExitOk);
+  for (const std::string& id : EffectFactory::instance().supportedEffects()) {
+    EXPECT_NE(all.out.find(id + "\n"), std::string::npos) << id;
+  }
+  const CommandRun one = run({"effects", "VORNExposureEffect"});
+  EXPECT_EQ(one.out, "VORNExposureEffect\n  Exposure = 0  [-100, 100]\n");
+  EXPECT_EQ(run({"effects", "VORNNope"}).code, kExitUsage);
+  EXPECT_EQ(run({"frobnicate"}).code, kExitUsage);
+  EXPECT_EQ(run({}).code, kExitUsage);
+}
+
+TEST(CliCommands, InfoReportsSizeDepthAndCamera) {
+  const CommandRun info = run({"info", test::raster::dataFile("fallenleaf_canon_eos70d.jpg")});
+  ASSERT_EQ(info.code, kExitOk) << info.err;
+  EXPECT_NE(info.out.find("kind: JPEG\n"), std::string::npos);
+  EXPECT_NE(info.out.find("size: 2560 x 1600\n"), std::string::npos);
+  EXPECT_NE(info.out.find("bit depth: 8\n"), std::string::npos);
+  EXPECT_NE(info.out.find("cameraModel: Canon EOS 70D"), std::string::npos) << info.out;
+
+  test::TempDir folder("vorn_cli");
+  const std::string fake = (folder.path() / "fake.jpg").string();
+  std::ofstream(fake) << "not a jpeg at all";
+  EXPECT_EQ(run({"info", fake}).code, kExitFailed);
+  EXPECT_EQ(run({"info", (folder.path() / "missing.jpg").string()}).code, kExitFailed);
+  EXPECT_EQ(run({"info"}).code, kExitUsage);
+}
+
+TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
+  test::TempDir folder("vorn_cli");
+  const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");
+  const std::string output = (folder.path() / "out.jpg").string();
+
+  const CommandRun applied =
+      run({"apply", input, output, "--effect", "VORNExposureEffect:Exposure=30", "--effect",
+           "VORNContrastEffect", "--long-side", "640"});
+  ASSERT_EQ(applied.code, kExitOk) << applied.err;
+  const _Size<int> written = ImageReader::getImageSize(output);
+  EXPECT_EQ(written.width, 640);
+  EXPECT_EQ(written.height, 400);
+  const auto metadata = ImageReader::readMetadata(output);
+  ASSERT_NE(metadata, nullptr);
+  EXPECT_EQ(metadata->cameraModel, "Canon EOS 70D") << "EXIF travels with the photo";
+
+  const std::string tiff = (folder.path() / "out.tif").string();
+  ASSERT_EQ(run({"apply", input, tiff, "--depth", "16"}).code, kExitOk);
+  EXPECT_EQ(ImageReader::getPreciseColorDepth(tiff), 16);
+
+  const std::string untouched = (folder.path() / "never.jpg").string();
+  for (const std::vector<std::string>& bad :
+       {std::vector<std::string>{"apply", input, untouched, "--effect", "VORNNoSuch"},
+        {"apply", input, untouched, "--effect", "VORNExposureEffect:Gain=2"},
+        {"apply", input, (folder.path() / "out.png").string()},
+        {"apply", input, untouched, "--depth", "16"},
+        {"apply", input, untouched, "--quality", "0"},
+        {"apply", input, untouched, "--bogus", "1"},
+        {"apply", input},
+        {"apply", output, output}}) {
+    EXPECT_EQ(run(bad).code, kExitUsage) << bad.back();
+  }
+  EXPECT_FALSE(std::filesystem::exists(untouched));
+
+  const std::string broken = (folder.path() / "broken.jpg").string();
+  std::ofstream(broken, std::ios::binary) << std::string("\xFF\xD8\xFF\xE0", 4) << "truncated";
+  EXPECT_EQ(run({"apply", broken, untouched}).code, kExitFailed);
+  EXPECT_EQ(run({"apply", (folder.path() / "missing.jpg").string(), untouched}).code, kExitFailed);
+  std::set<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+    left.insert(entry.path().filename().string());
+  EXPECT_EQ(left, (std::set<std::string>{"out.jpg", "out.tif", "broken.jpg"}))
+      << "no output and no temporary file is left by a failed run";
+}
+
+}  // namespace
+}  // namespace vorn::cli

@@ -1,0 +1,44 @@
+#include <ostream>
+
+#include "cli.h"
+#include "vorn/core/library.h"
+
+namespace vorn::cli {
+namespace {
+
+void printHelp(std::ostream& out) {
+  out << "vorn " << vornVersionString() << " - the photo engine on the command line\n\n"
+      << "  vorn info FILE                       size, bit depth and camera metadata\n"
+      << "  vorn effects [ID...]                 effect identifiers and their parameters\n"
+      << "  vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
+      << "             [--depth 8|16|32] [--long-side PIXELS]\n"
+      << "                                       run effects in order and write JPEG or TIFF\n\n"
+      << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n";
+}
+
+}  // namespace
+
+int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  if (args.empty()) {
+    printHelp(err);
+    return kExitUsage;
+  }
+  const std::string& command = args.front();
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (command == "info") return runInfo(rest, out, err);
+  if (command == "effects") return runEffects(rest, out, err);
+  if (command == "apply") return runApply(rest, out, err);
+  if (command == "help" || command == "--help" || command == "-h") {
+    printHelp(out);
+    return kExitOk;
+  }
+  if (command == "--version") {
+    out << "vorn " << vornVersionString() << '\n';
+    return kExitOk;
+  }
+  err << "vorn: unknown command \"" << command << "\"\n\n";
+  printHelp(err);
+  return kExitUsage;
+}
+
+}  // namespace vorn::cli

@@ -1,0 +1,142 @@
+#include "effect_chain.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <sstream>
+
+#include "vorn/effects/effect_factory.h"
+
+namespace vorn::cli {
+namespace {
+
+std::string trimmed(const std::string& text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+bool equalIgnoringCase(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+bool parseFloat(const std::string& text, float& value) {
+  const char* end = text.data() + text.size();
+  const auto [stop, status] = std::from_chars(text.data(), end, value);
+  return status == std::errc() && stop == end && std::isfinite(value);
+}
+
+std::string parameterNames(const Effect& effect) {
+  std::string names;
+  for (const Parameter& parameter : effect.parameters()) {
+    names += (names.empty() ? "\"" : ", \"") + parameter.name() + "\"";
+  }
+  return names.empty() ? "none" : names;
+}
+
+std::string formatted(float value) {
+  std::ostringstream text;
+  text << value;
+  return text.str();
+}
+
+}  // namespace
+
+bool parseEffectRequest(const std::string& text, EffectRequest& request, std::string& error) {
+  request = {};
+  const auto colon = text.find(':');
+  request.id = trimmed(text.substr(0, colon));
+  if (request.id.empty()) {
+    error = "effect \"" + text + "\" has no identifier";
+    return false;
+  }
+  if (colon == std::string::npos) return true;
+  std::istringstream assignments(text.substr(colon + 1));
+  for (std::string assignment; std::getline(assignments, assignment, ',');) {
+    const auto equals = assignment.find('=');
+    std::string name = trimmed(assignment.substr(0, equals));
+    if (equals == std::string::npos || name.empty()) {
+      error = "effect \"" + request.id + "\": expected Name=value, got \"" + assignment + "\"";
+      return false;
+    }
+    request.values.emplace_back(std::move(name), trimmed(assignment.substr(equals + 1)));
+  }
+  return true;
+}
+
+std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::string& error,
+                                            std::vector<std::string>& warnings) {
+  const EffectFactory& factory = EffectFactory::instance();
+  const std::vector<std::string> ids = factory.supportedEffects();
+  if (!std::binary_search(ids.begin(), ids.end(), request.id)) {
+    error = "unknown effect \"" + request.id + "\"";
+    const auto similar = std::find_if(ids.begin(), ids.end(), [&](const std::string& id) {
+      return equalIgnoringCase(id, request.id);
+    });
+    error += similar != ids.end() ? " (did you mean \"" + *similar + "\"?)"
+                                  : "; 'vorn effects' lists them";
+    return nullptr;
+  }
+  std::shared_ptr<Effect> effect = factory.makeEffectWithID(request.id);
+  for (const auto& [name, text] : request.values) {
+    auto& parameters = effect->parameters();
+    const auto parameter = std::find_if(parameters.begin(), parameters.end(), [&](const auto& p) {
+      return equalIgnoringCase(p.name(), name);
+    });
+    if (parameter == parameters.end()) {
+      error = "effect \"" + request.id + "\" has no parameter \"" + name +
+              "\"; its parameters: " + parameterNames(*effect);
+      return nullptr;
+    }
+    float value = 0.0f;
+    if (!parseFloat(text, value)) {
+      error = "effect \"" + request.id + "\": \"" + parameter->name() +
+              "\" needs a finite number, got \"" + text + "\"";
+      return nullptr;
+    }
+    parameter->setValue(value);
+    if (parameter->value() != value) {
+      warnings.push_back("effect \"" + request.id + "\": \"" + parameter->name() + "\" " + text +
+                         " is outside [" + formatted(parameter->minValue()) + ", " +
+                         formatted(parameter->maxValue()) + "] and was clamped to " +
+                         formatted(parameter->value()));
+    }
+  }
+  effect->setNeedRecompute(true);
+  return effect;
+}
+
+std::shared_ptr<const _ImageData<PixelRGB<float>>> runEffectChain(
+    std::shared_ptr<const _ImageData<PixelRGB<float>>> frame,
+    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
+  if (!frame) {
+    error = "there is no image to process";
+    return nullptr;
+  }
+  auto context = std::make_shared<EffectContext>();
+  context->imageSize = frame->size();
+  for (const std::shared_ptr<Effect>& effect : effects) {
+    if (!effect->isNeedProcessing()) continue;
+    effect->setContext(context);
+    auto output = std::make_shared<_ImageData<PixelRGB<float>>>(frame->size());
+    if (!output->data()) {
+      error = "not enough memory for a " + std::to_string(frame->width()) + "x" +
+              std::to_string(frame->height()) + " frame";
+      return nullptr;
+    }
+    output->setColorProfile(frame->colorProfile());
+    EffectCallContext call(frame, output, frame, frame->rect(), nullptr, nullptr);
+    if (!effect->processImageWrapper(call)) {
+      error = "effect \"" + effect->id() + "\" failed";
+      return nullptr;
+    }
+    frame = std::move(output);
+  }
+  return frame;
+}
+
+}  // namespace vorn::cli

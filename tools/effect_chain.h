@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vorn/effects/effect.h"
+
+namespace vorn::cli {
+
+/// One `--effect ID[:Name=value,...]` argument as written, before it is checked.
+struct EffectRequest {
+  std::string id;
+  std::vector<std::pair<std::string, std::string>> values;  ///< name and value text, in order
+};
+
+/// Splits one `--effect` argument; false and a message naming the fault on bad syntax.
+bool parseEffectRequest(const std::string& text, EffectRequest& request, std::string& error);
+
+/// Makes the effect and sets its values. Names match without regard to case; a value outside
+/// the parameter's range is clamped and reported in `warnings`. Empty and `error` set on failure.
+std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::string& error,
+                                            std::vector<std::string>& warnings);
+
+/// Runs the effects in order over the whole frame; effects at their defaults are skipped.
+/// Empty and `error` naming the failing effect on failure.
+std::shared_ptr<const _ImageData<PixelRGB<float>>> runEffectChain(
+    std::shared_ptr<const _ImageData<PixelRGB<float>>> frame,
+    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
+
+}  // namespace vorn::cli
