@@ -14,6 +14,8 @@ cmake --build --preset fuzz -j "$(nproc)"
 runs=build/fuzz/runs
 rm -rf "$runs/seeds"
 build/fuzz/fuzz/fuzz_seeds "$runs/seeds"
+# A small real raw file seeds the raw path of the in-memory opener.
+cp tests/data/truncated_iphone12promax_exiv2.dng "$runs/seeds/open_memory/"
 
 for target in mask_blob proxy_blob zlib_stream open_memory; do
   corpus="$runs/corpus/$target"

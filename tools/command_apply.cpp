@@ -178,7 +178,8 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  out << options.output << ": " << frame->width() << " x " << frame->height() << ", "
+  const _Size<int> outputSize = ImageReader::getImageSize(options.output);
+  out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
       << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
       << " s\n";
   return kExitOk;

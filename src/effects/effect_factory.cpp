@@ -2,14 +2,14 @@
 
 #include <iostream>
 
-#include "effects/color/color_effects.h"
-#include "effects/creative/creative_effects.h"
-#include "effects/detail/detail_effects.h"
-#include "effects/face/face_effects.h"
-#include "effects/grouped/grouped_effects.h"
-#include "effects/lens/lens_effects.h"
-#include "effects/lut/lut_effects.h"
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/color_effects.h"
+#include "vorn/effects/creative_effects.h"
+#include "vorn/effects/detail_effects.h"
+#include "vorn/effects/face_effects.h"
+#include "vorn/effects/grouped_effects.h"
+#include "vorn/effects/lens_effects.h"
+#include "vorn/effects/lut_effects.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "core/parallel.h"
+#include "vorn/effects/declared_effect.h"
 #include "vorn/effects/effect.h"
 
 namespace vorn::detail {
@@ -14,8 +15,6 @@ using ImageRGBf = _ImageData<PixelRGB<float>>;
 /// True when the call has a non-empty source and a destination of its size; an empty
 /// destination is first made with the source's size and profile.
 bool prepareDestination(EffectCallContext& call);
-/// The pass-through and identity path: destination becomes a copy of source.
-bool copySourceToDestination(EffectCallContext& call);
 
 /// Runs kernel(const float* in, float* out, std::size_t count) over the pixel channels of
 /// source into destination, one contiguous span of whole rows per task.

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <mutex>
 #include <string>
 
-#include "vorn/core/data_store.h"
+#include "vorn/core/log.h"
 
 namespace vorn::detail {
 namespace {
@@ -28,35 +27,43 @@ void applyLimits(std::uint64_t cap) {
                                  kCacheBytesPerPixel);
 }
 
+// Only the two formats vorn reads and writes, no external programs, no indirect file names:
+// a file that claims to be something else cannot reach any other coder.
+constexpr const char* kSecurityPolicy =
+    "<policymap>"
+    "<policy domain=\"delegate\" rights=\"none\" pattern=\"*\"/>"
+    "<policy domain=\"path\" rights=\"none\" pattern=\"@*\"/>"
+    "<policy domain=\"coder\" rights=\"none\" pattern=\"*\"/>"
+    "<policy domain=\"coder\" rights=\"read|write\" pattern=\"{JPEG,TIFF}\"/>"
+    "</policymap>";
+
+void restrictCoders() {
+  MagickCore::ExceptionInfo* exception = MagickCore::AcquireExceptionInfo();
+  if (MagickCore::SetMagickSecurityPolicy(kSecurityPolicy, exception) == MagickCore::MagickFalse)
+    LogWarning("%s", "ImageMagick refused vorn's coder policy; its system policy stays in force");
+  MagickCore::DestroyExceptionInfo(exception);
+}
+
 // ImageMagick fills its coder and format tables lazily on first use, with checks that are not
 // safe when several threads get there at once; one round trip per coder settles them up front.
 void warmUpCoders() {
+  const unsigned char gray[3] = {128, 128, 128};
   for (const char* coder : {"JPEG", "TIFF"}) {
     try {
-      Magick::Image pixel(Magick::Geometry(1, 1), Magick::Color("gray"));
+      Magick::Image pixel(1, 1, "RGB", Magick::CharPixel, gray);
       pixel.magick(coder);
       Magick::Blob encoded;
       pixel.write(&encoded);
       Magick::Image decoded;
       decoded.magick(coder);
       decoded.read(encoded);
-    } catch (const Magick::Exception&) {
-      // A missing coder shows up, with its file and stage, when a real photo is opened.
+    } catch (const Magick::Exception& error) {
+      LogWarning("ImageMagick cannot round-trip %s: %s", coder, error.what());
     }
   }
 }
 
 }  // namespace
-
-std::uint64_t maxImagePixels() {
-  const std::string text = DataStore::instance().getString(kMaxPixelsSetting, {});
-  std::uint64_t value = 0;
-  const char* end = text.data() + text.size();
-  const auto parsed = std::from_chars(text.data(), end, value);
-  if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end) return kDefaultMaxPixels;
-  // The setting only raises the cap; a smaller value keeps the default.
-  return std::max(value, kDefaultMaxPixels);
-}
 
 void ensureMagickEnvironment() {
   static std::once_flag once;
@@ -64,6 +71,7 @@ void ensureMagickEnvironment() {
     Magick::InitializeMagick(nullptr);
     // The callers already run on TBB workers; ImageMagick's own OpenMP team would oversubscribe.
     Magick::ResourceLimits::thread(1);
+    restrictCoders();
     warmUpCoders();
   });
   const std::uint64_t cap = maxImagePixels();

@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "effects/creative/creative_effects.h"
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/creative_effects.h"
 #include "vorn/effects/effects_array.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 namespace {
@@ -152,8 +152,14 @@ TEST(EffectFactoryTest, EveryEffectCarriesItsIdentifierAndDefaults) {
 }
 
 TEST(EffectFactoryTest, UnknownAndWrongCaseIdentifiersAreRefused) {
-  for (const std::string id : {"VORNGaussianBlurEffect", "vornexposureeffect", "VORNEXPOSUREEFFECT",
-                               "VORNAutoCTEffect", "VORNZoomBlurEffect", ""}) {
+  // The defined-but-unregistered identifiers, wrong case and the empty string.
+  for (const std::string id :
+       {"VORNAutoCTEffect", "VORNBlackAndWhiteOverlayPixelsEffect", "VORNColorsInversionEffect",
+        "VORNDynamicContrastOldEffect", "VORNFillWithColorEffect", "VORNFocusBlurFastEffect",
+        "VORNGaussianBlurEffect", "VORNGradientBlurEffect", "VORNHotAndColdPixelsEffect",
+        "VORNImageSoftenerEffect", "VORNRamixAccentAIExpertEffect", "VORNMotionBlurEffect",
+        "VORNRawDevelopDenoiseEffect", "VORNSegmentationEffect", "VORNSimpleFocusBlurEffect",
+        "VORNZoomBlurEffect", "vornexposureeffect", "VORNEXPOSUREEFFECT", ""}) {
     SCOPED_TRACE(id);
     testing::internal::CaptureStderr();
     EXPECT_FALSE(EffectFactory::instance().makeEffectWithID(id, nullptr));

@@ -115,6 +115,11 @@ TEST(EffectTest, WrapperLogsAFailureOnce) {
   EXPECT_FALSE(effect.processImageWrapper(call));
   Logger::LogInstance().Flush();
   EXPECT_EQ(log.countEndingWith("VORNProbe processing 40 x 30 image failed!"), 1u);
+  for (const LogMessage& message : log.messages()) {
+    if (message.text.find("image failed!") == std::string::npos) continue;
+    EXPECT_EQ(message.type, LogMessageType::CriticalError);
+    EXPECT_EQ(message.module, ModuleName::Memory);
+  }
 }
 
 TEST(EffectTest, CloneKeepsIdValuesAndParametersContextButNotContext) {

@@ -6,7 +6,7 @@
 
 #include "effects/effect_test_support.h"
 #include "effects/tone/tone_curve.h"
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_shapes.h"
 #include "effects/tone/tone_tables.h"
 #include "vorn/effects/effect_factory.h"

@@ -186,7 +186,7 @@ TEST(MaskBlobRead, CorruptStreamIsLoggedWithZlibsMessage) {
                 "there was not enough room in the output buffer");
 }
 
-TEST(MaskBlobRead, PixelCapIsRaisedOnlyBySetting) {
+TEST(MaskBlobRead, PixelCapFollowsThePositiveSetting) {
   DataStore& settings = DataStore::instance();
   const Bytes blob = test::trackedBlob(20000, 20000, test::zlibStream(Bytes(4, 0)));
   EXPECT_EQ(detail::maxImagePixels(), 268402689u);
@@ -195,7 +195,13 @@ TEST(MaskBlobRead, PixelCapIsRaisedOnlyBySetting) {
   EXPECT_EQ(readerError(blob, true),
             "Mask blob claims 20000 x 20000 pixels, more than its 12-byte stream can hold");
   settings.set(detail::kMaxPixelsSetting, "1000");
-  EXPECT_EQ(detail::maxImagePixels(), 268402689u);
+  EXPECT_EQ(detail::maxImagePixels(), 1000u);
+  EXPECT_EQ(readerError(test::trackedBlob(40, 40, test::zlibStream(Bytes(1600, 0))), true),
+            "Mask blob claims 40 x 40 pixels, more than the limit of 1000");
+  for (const char* bad : {"0", "-5", "lots", ""}) {
+    settings.set(detail::kMaxPixelsSetting, bad);
+    EXPECT_EQ(detail::maxImagePixels(), 268402689u) << bad;
+  }
   settings.set(detail::kMaxPixelsSetting, "lots");
   EXPECT_EQ(detail::maxImagePixels(), 268402689u);
   settings.clear();

@@ -223,6 +223,27 @@ TEST(RasterDecode, EmbeddedProfilesAreKeptAndDamagedOnesDropped) {
   EXPECT_EQ(log.countContaining("embedded ICC profile dropped"), 1u);
 }
 
+TEST(RasterDecode, OnlyTheJpegAndTiffCodersAreAllowed) {
+  detail::ensureMagickEnvironment();
+  const auto allowed = [](const char* coder, MagickCore::PolicyRights rights) {
+    return MagickCore::IsRightsAuthorized(MagickCore::CoderPolicyDomain, rights, coder) ==
+           MagickCore::MagickTrue;
+  };
+  for (const char* coder : {"JPEG", "TIFF"}) {
+    EXPECT_TRUE(allowed(coder, MagickCore::ReadPolicyRights)) << coder;
+    EXPECT_TRUE(allowed(coder, MagickCore::WritePolicyRights)) << coder;
+  }
+  for (const char* coder : {"PNG", "SVG", "MVG", "MSL", "PS", "TEXT", "XC", "EPHEMERAL"})
+    EXPECT_FALSE(allowed(coder, MagickCore::ReadPolicyRights)) << coder;
+  EXPECT_FALSE(MagickCore::IsRightsAuthorized(MagickCore::DelegatePolicyDomain,
+                                              MagickCore::ExecutePolicyRights,
+                                              "gs") == MagickCore::MagickTrue);
+  // A PNG named as such is refused by the policy, not decoded.
+  Magick::Image png;
+  EXPECT_THROW(png.read(Magick::Blob("\x89PNG\r\n\x1a\n", 8), Magick::Geometry(), "PNG"),
+               Magick::Exception);
+}
+
 TEST(RasterDecode, HostileFilesGiveCodesAndOneLogLine) {
   test::TempDir dir("raster");
   const std::vector<std::uint8_t> jpeg = readBytes(dataFile("fallenleaf_canon_eos70d.jpg"));

@@ -2,6 +2,7 @@
 #include <exiv2/exiv2.hpp>
 
 #include "raster_test_support.h"
+#include "raw_test_support.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "vorn/io/thumbnails.h"
@@ -114,6 +115,28 @@ TEST(Thumbnail, PortraitSample) {
   const auto fine = getThumbnailBySide(iphone, 256, true);
   ASSERT_TRUE(fine);
   EXPECT_EQ(fine->size(), _Size<int>(192, 256));
+}
+
+TEST(Thumbnail, RawFilesWithoutAFittingPreviewUseTheHalfSizeDecode) {
+  VORN_REQUIRE_SAMPLE(dng, "bmpcc4k_imageio.dng");
+  for (const _Size<int> box : {_Size<int>(256, 256), _Size<int>(40, 0), _Size<int>(0, 0)}) {
+    SCOPED_TRACE(std::to_string(box.width) + "x" + std::to_string(box.height));
+    for (bool highQuality : {false, true}) {
+      const auto thumb = getThumbnailBySize(dng, box, highQuality);
+      ASSERT_TRUE(thumb);
+      EXPECT_TRUE(fitsInside(thumb->size(), box));
+      EXPECT_GT(thumb->width(), 0);
+      EXPECT_EQ(thumb->getLoadState(), THUMBNAIL);
+    }
+    const auto native = getThumbnailNative(dng, box, true);
+    ASSERT_TRUE(native);
+    EXPECT_TRUE(fitsInside(native->size(), box));
+  }
+  // A raw file whose pixels are missing fails with the path and the stage, never a crash.
+  test::LogCapture log;
+  const std::string truncated = dataFile("truncated_iphone12promax_exiv2.dng");
+  EXPECT_FALSE(getThumbnailBySize(truncated, {64, 64}, true));
+  EXPECT_EQ(log.countContaining("Can't open image at path: " + truncated), 1u);
 }
 
 }  // namespace

@@ -21,30 +21,40 @@ class LogCapture {
 
   std::vector<std::string> lines() const {
     std::lock_guard lock(stream_->mutex);
-    return stream_->lines;
+    std::vector<std::string> texts;
+    for (const LogMessage& message : stream_->messages) texts.push_back(message.text);
+    return texts;
+  }
+  /// Every message with its type and module.
+  std::vector<LogMessage> messages() const {
+    std::lock_guard lock(stream_->mutex);
+    return stream_->messages;
   }
   /// How many messages end with the text.
   std::size_t countEndingWith(const std::string& text) const {
     const auto all = lines();
-    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const std::string& l) {
-      return l.size() >= text.size() && l.compare(l.size() - text.size(), text.size(), text) == 0;
-    }));
+    return static_cast<std::size_t>(
+        std::count_if(all.begin(), all.end(), [&](const std::string& l) {
+          return l.size() >= text.size() &&
+                 l.compare(l.size() - text.size(), text.size(), text) == 0;
+        }));
   }
   std::size_t countContaining(const std::string& text) const {
     const auto all = lines();
-    return static_cast<std::size_t>(std::count_if(
-        all.begin(), all.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; }));
+    return static_cast<std::size_t>(
+        std::count_if(all.begin(), all.end(),
+                      [&](const std::string& l) { return l.find(text) != std::string::npos; }));
   }
 
  private:
   struct Stream : ILogStream {
     void write(const LogMessage& message) override {
       std::lock_guard lock(mutex);
-      lines.push_back(message.text);
+      messages.push_back(message);
     }
     void flush() override {}
     mutable std::mutex mutex;
-    std::vector<std::string> lines;
+    std::vector<LogMessage> messages;
   };
   std::shared_ptr<Stream> stream_;
 };

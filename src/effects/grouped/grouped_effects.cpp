@@ -1,4 +1,4 @@
-#include "effects/grouped/grouped_effects.h"
+#include "vorn/effects/grouped_effects.h"
 
 #include "vorn/effects/parameter.h"
 

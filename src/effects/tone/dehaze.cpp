@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "effects/tone/guided_filter.h"
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 
 namespace vorn {

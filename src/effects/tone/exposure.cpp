@@ -1,4 +1,4 @@
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
 

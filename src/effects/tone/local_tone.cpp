@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "effects/tone/guided_filter.h"
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
 

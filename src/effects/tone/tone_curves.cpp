@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "effects/tone/tone_effects.h"
+#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
 

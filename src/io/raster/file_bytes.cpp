@@ -5,6 +5,9 @@
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <string>
+
+#include "io/input_limits.h"
 
 namespace vorn::detail {
 
@@ -25,6 +28,9 @@ RasterStatus readWholeFile(const std::string& path, FileBytes& bytes) {
   const long length = std::ftell(file);
   if (length < 0 || std::fseek(file, 0, SEEK_SET) != 0)
     return RasterStatus::failure(kImageReaderFailed, "open", "cannot tell the size");
+  if (static_cast<std::uint64_t>(length) > kMaxInputFileBytes)
+    return RasterStatus::failure(kImageReaderTooLarge, "open",
+                                 std::to_string(length) + " bytes, more than any photo holds");
   bytes.size = static_cast<std::size_t>(length);
   bytes.data.reset(new (std::nothrow) std::uint8_t[bytes.size ? bytes.size : 1]);
   if (!bytes.data) return RasterStatus::failure(kImageReaderFailed, "open", "out of memory");

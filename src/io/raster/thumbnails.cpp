@@ -10,7 +10,9 @@
 #include "io/raster/jpeg_decoder.h"
 #include "io/raster/orientation.h"
 #include "io/raster/raster_decode.h"
+#include "io/raw/raw_decoder.h"
 #include "vorn/core/log.h"
+#include "vorn/io/image_reader.h"
 
 namespace vorn {
 namespace {
@@ -21,7 +23,7 @@ enum class Fit {
 };
 
 bool cancelled(const std::shared_ptr<bool>& cancel) {
-  return cancel && *cancel;
+  return raw::isCancelRequested(cancel);
 }
 
 // The factor that fits `size` inside `box` (a side of 0 or less is free), or 1 for a free box.
@@ -74,6 +76,23 @@ struct Failure {
   std::string stage;
   std::string reason;
 };
+
+// A raw file without a suitable preview: the half-size decode, already upright, stands in.
+std::shared_ptr<ImageFrame> decodeRawHalfSize(const std::string& path,
+                                              const std::shared_ptr<bool>& cancel,
+                                              Failure& failure) {
+  std::shared_ptr<const raw::RawInput> input;
+  raw::DecodeOutcome outcome = raw::readRawInput(path, input);
+  raw::RawFrame decoded;
+  if (outcome.code == kImageReaderOk)
+    outcome = raw::decodeRaw(
+        *input, true, [&] { return cancelled(cancel); }, decoded);
+  if (outcome.code != kImageReaderOk) {
+    failure = {outcome.stage, outcome.message};
+    return nullptr;
+  }
+  return decoded.frame;
+}
 
 // Logs under the signature of the public function that was called.
 std::shared_ptr<ImageFrame> fail(const char* function, const std::string& path,
@@ -150,6 +169,11 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
   if (!preview.bytes.empty()) {
     frame =
         decodePreview(preview, path, metadata->mutableParameters.orientation, box, fit, failure);
+  }
+  if (!frame && format == detail::RasterFormat::Unknown && ImageReader::isRawImageFile(path)) {
+    if (cancelled(cancel)) return nullptr;
+    frame = decodeRawHalfSize(path, cancel, failure);
+    if (!frame) return cancelled(cancel) ? nullptr : fail(function, path, failure);
   }
   if (!frame) {
     if (format == detail::RasterFormat::Unknown)

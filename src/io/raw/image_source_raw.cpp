@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -84,7 +85,13 @@ std::shared_ptr<ImageFrame> ImageSourceRawBase::createImage(const _Size<int>& si
   const _Size<int> whole = this->size();
   if (frame->size() == whole) return ImageSource::createImage(size, rect, highQuality);
   const _Rect<int> region = adjustRect(rect);
-  if (region.width < 1 || region.height < 1 || whole.width < 1 || whole.height < 1) return {};
+  if (region.width < 1 || region.height < 1 || whole.width < 1 || whole.height < 1 ||
+      size.width < 0 || size.height < 0) {
+    VORN_LOG_FAILURE(("Cannot render raw image with size: " + std::to_string(size.width) + "x" +
+                      std::to_string(size.height))
+                         .c_str());
+    return {};
+  }
   // The quarter frame covers the whole image at a smaller scale: map the region onto it.
   const double sx = static_cast<double>(frame->width()) / whole.width;
   const double sy = static_cast<double>(frame->height()) / whole.height;

@@ -9,10 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "core/parallel.h"
-#include "vorn/core/data_store.h"
+#include "io/input_limits.h"
 
 namespace vorn::raw {
 namespace {
@@ -67,10 +68,6 @@ class CheckedStream final : public LibRaw_buffer_datastream {
   std::atomic<std::int64_t> missing_{0};
 };
 
-int maxPixels() {
-  return std::max(1, DataStore::instance().getInt("ImageReader.MaxPixels", kDefaultMaxRawPixels));
-}
-
 ImageReaderErrorCode codeOf(int librawError) {
   switch (librawError) {
     case LIBRAW_SUCCESS:
@@ -116,7 +113,8 @@ void configure(LibRaw& decoder, bool halfSize) {
   p.user_qual = 3;  // AHD: the decoder's own default demosaic, sharp without being slow
   p.highlight = 0;
   // The raw buffer holds at most four 16-bit samples per pixel of the largest allowed sensor.
-  const std::uint64_t capMb = (static_cast<std::uint64_t>(maxPixels()) * 8u >> 20) + 1u;
+  const std::uint64_t capMb =
+      (std::min<std::uint64_t>(detail::maxImagePixels(), UINT64_MAX / 8u) * 8u >> 20) + 1u;
   p.max_raw_memory_mb = static_cast<unsigned>(std::clamp<std::uint64_t>(capMb, 64u, 1u << 20));
 }
 
@@ -226,8 +224,8 @@ DecodeOutcome describeIdentified(const LibRaw& decoder, int openResult, RawIdent
   if (s.raw_width == 0 || s.raw_height == 0 || s.width == 0 || s.height == 0)
     return failure("identify", kImageReaderCorrupt, "the file declares no pixels");
   const std::uint64_t pixels = std::uint64_t(s.raw_width) * std::uint64_t(s.raw_height);
-  const int limit = maxPixels();
-  if (pixels > static_cast<std::uint64_t>(limit))
+  const std::uint64_t limit = detail::maxImagePixels();
+  if (pixels > limit)
     return failure("identify", kImageReaderTooLarge,
                    "the file declares " + std::to_string(s.raw_width) + "x" +
                        std::to_string(s.raw_height) + " pixels, more than the limit of " +
@@ -269,6 +267,9 @@ DecodeOutcome readRawInput(const std::string& path, std::shared_ptr<const RawInp
   const std::uintmax_t length = std::filesystem::file_size(path, error);
   if (error) return failure("read", kImageReaderFailed, error.message());
   if (length == 0) return failure("read", kImageReaderFailed, "the file is empty");
+  if (length > detail::kMaxInputFileBytes)
+    return failure("read", kImageReaderTooLarge,
+                   "the file is " + std::to_string(length) + " bytes, more than any photo holds");
   auto data = std::make_shared<RawInput>();
   data->path = path;
   data->length = static_cast<std::size_t>(length);

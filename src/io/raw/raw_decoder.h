@@ -41,9 +41,6 @@ struct RawFrame {
   _Size<int> sensorSize;  ///< the decode's width and height before orientation
 };
 
-/// Default of the "ImageReader.MaxPixels" setting: a 16383 x 16383 sensor.
-inline constexpr int kDefaultMaxRawPixels = 268402689;
-
 /// Reads the whole file; code 4 for a missing, unreadable or empty file.
 DecodeOutcome readRawInput(const std::string& path, std::shared_ptr<const RawInput>& input);
 /// Parses the file's structure and checks its declared size against the pixel limit.

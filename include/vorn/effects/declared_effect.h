@@ -5,10 +5,13 @@
 #include <string_view>
 #include <vector>
 
-#include "effects/render.h"
 #include "vorn/effects/effect.h"
 
 namespace vorn::detail {
+
+/// The pass-through and identity path: the destination becomes a copy of the source (made
+/// first with the source's size and profile when empty); false for an empty source.
+bool copySourceToDestination(EffectCallContext& call);
 
 /// One declared parameter: the single place its name, bounds, default and visibility live.
 struct DeclaredParameter {

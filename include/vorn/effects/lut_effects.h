@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "effects/declared_effect.h"
+#include "vorn/effects/declared_effect.h"
 
 // LUT mapping: parameters are final, processing arrives later (pixels pass through).
 namespace vorn {

@@ -2,10 +2,10 @@
 
 #include <string_view>
 
-#include "effects/declared_effect.h"
+#include "vorn/effects/declared_effect.h"
 
 // Tone effects: brightness distributions changed without moving pixels. Per-value curves are
-// tabulated once per call and applied by the shared lookup kernels (tone_curve.h); local ones
+// tabulated once per call and applied by the shared lookup kernels; local ones
 // key a curve's gain by an edge-preserving base luminance.
 namespace vorn {
 
@@ -16,11 +16,13 @@ using detail::DeclaredParameter;
 template <class Derived>
 class LocalToneEffect : public DeclaredEffect<Derived> {
  public:
-  _Rect<int> getInRectForOutRect(_Rect<int> outRect) override {
-    return detail::grownRect(outRect, Derived::reach(this->renderScale()));
-  }
-  _Rect<int> getOutRectForInRect(_Rect<int> inRect) override {
-    return detail::grownRect(inRect, Derived::reach(this->renderScale()));
+  _Rect<int> getInRectForOutRect(_Rect<int> outRect) override { return grown(outRect); }
+  _Rect<int> getOutRectForInRect(_Rect<int> inRect) override { return grown(inRect); }
+
+ private:
+  _Rect<int> grown(_Rect<int> rect) {
+    const int margin = Derived::reach(this->renderScale());
+    return rect.inset(-margin, -margin);
   }
 };
 
