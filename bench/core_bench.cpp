@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <numbers>
 
+#include "bench_data.h"
 #include "bench_floor.h"
 #include "core/parallel.h"
 #include "vorn/core/color_profile.h"
@@ -14,28 +15,6 @@
 
 namespace vorn::bench {
 namespace {
-
-using RGBf = _ImageData<PixelRGB<float>>;
-constexpr _Size<int> kFrame(6000, 4000);  // 24 MP, 288 MB of PixelRGB<float>
-
-// A frame with smooth content and some values outside [0, 1], built once.
-const std::shared_ptr<RGBf>& frame() {
-  static const std::shared_ptr<RGBf> image = [] {
-    auto img = std::make_shared<RGBf>(kFrame, ColorProfileType::sRGB());
-    detail::parallelRows(kFrame.height, [&](int first, int end) {
-      for (int y = first; y < end; ++y) {
-        PixelRGB<float>* row = img->row(y);
-        for (int x = 0; x < kFrame.width; ++x) {
-          const float u = static_cast<float>(x) / kFrame.width;
-          const float v = static_cast<float>(y) / kFrame.height;
-          row[x] = PixelRGB<float>(u * 1.2f - 0.1f, v, 0.5f + 0.4f * std::sin(12.0f * u * v));
-        }
-      }
-    });
-    return img;
-  }();
-  return image;
-}
 
 std::shared_ptr<RGBf> prefaulted() {
   auto img = std::make_shared<RGBf>(kFrame);
@@ -48,7 +27,7 @@ void setBytes(benchmark::State& state, std::uint64_t bytes) {
 }
 
 void BM_FloorParallelCopy(benchmark::State& state) {
-  const auto& src = frame();
+  const auto& src = benchFrame();
   auto dst = prefaulted();
   for (auto _ : state) {
     detail::parallelCopy(dst->data(), src->data(), src->sizeInBytes());
@@ -59,7 +38,7 @@ void BM_FloorParallelCopy(benchmark::State& state) {
 }
 
 void BM_FloorParallelRead(benchmark::State& state) {
-  const auto& src = frame();
+  const auto& src = benchFrame();
   const float* values = &src->data()->r;
   const std::size_t count = src->area() * 3;
   for (auto _ : state) {
@@ -81,7 +60,7 @@ void BM_FloorParallelRead(benchmark::State& state) {
 
 void BM_Clamp(benchmark::State& state) {
   auto img = prefaulted();
-  frame()->copyTo(img);
+  benchFrame()->copyTo(img);
   for (auto _ : state) {
     img->clamp();
     benchmark::ClobberMemory();
@@ -91,20 +70,20 @@ void BM_Clamp(benchmark::State& state) {
 }
 
 void BM_Copy(benchmark::State& state) {
-  const auto& src = frame();
+  const auto& src = benchFrame();
   for (auto _ : state) benchmark::DoNotOptimize(src->copy());
   setBytes(state, src->sizeInBytes());
   compareTo(state, "copy");
 }
 
 void BM_ThumbnailDefault(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(frame()->thumbnail());
+  for (auto _ : state) benchmark::DoNotOptimize(benchFrame()->thumbnail());
   compareTo(state, "read");
 }
 
 void BM_Resize1500x1000(benchmark::State& state) {
   std::shared_ptr<RGBf> dst;
-  for (auto _ : state) frame()->resizeTo(dst, _Size<int>(1500, 1000));
+  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(1500, 1000));
   compareTo(state, "read");
 }
 
@@ -114,22 +93,23 @@ void BM_AffineRotate5DegTo1500x1000(benchmark::State& state) {
   turn.translate(750, 500);
   turn.rotate(5.0f * std::numbers::pi_v<float> / 180.0f);
   turn.translate(-750, -500);
-  const _Rect<float> whole(0, 0, static_cast<float>(kFrame.width), static_cast<float>(kFrame.height));
-  for (auto _ : state) frame()->copyAffineTransformedTo(dst, whole, turn);
+  const _Rect<float> whole(0, 0, static_cast<float>(kFrame.width),
+                           static_cast<float>(kFrame.height));
+  for (auto _ : state) benchFrame()->copyAffineTransformedTo(dst, whole, turn);
   compareTo(state, "read");
 }
 
 void BM_ColorTransformSRGBToProPhoto(benchmark::State& state) {
   auto dst = prefaulted();
   const auto target = ColorProfileType::proPhotoRGB();
-  for (auto _ : state) frame()->colorTransform(dst, target);
+  for (auto _ : state) benchFrame()->colorTransform(dst, target);
   setBytes(state, dst->sizeInBytes());
   compareTo(state, "copy");
 }
 
 void BM_PoolRecycled288MB(benchmark::State& state) {
   auto& pool = MemoryManager::instance();
-  const std::size_t bytes = frame()->sizeInBytes();
+  const std::size_t bytes = benchFrame()->sizeInBytes();
   pool.free(pool.allocate(bytes, false));
   for (auto _ : state) {
     std::uint8_t* block = pool.allocate(bytes, false);
@@ -141,7 +121,7 @@ void BM_PoolRecycled288MB(benchmark::State& state) {
 // First touch is the hidden cost of a fresh block: the pool's huge pages against plain malloc.
 void BM_FreshPoolBlockPlusCopy(benchmark::State& state) {
   auto& pool = MemoryManager::instance();
-  const auto& src = frame();
+  const auto& src = benchFrame();
   pool.setCachingEnabled(false);
   for (auto _ : state) {
     std::uint8_t* block = pool.allocate(src->sizeInBytes(), false);
@@ -153,7 +133,7 @@ void BM_FreshPoolBlockPlusCopy(benchmark::State& state) {
 }
 
 void BM_FreshMallocPlusCopy(benchmark::State& state) {
-  const auto& src = frame();
+  const auto& src = benchFrame();
   for (auto _ : state) {
     void* block = std::malloc(src->sizeInBytes());
     detail::parallelCopy(block, src->data(), src->sizeInBytes());

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench_data.h"
 #include "bench_floor.h"
 #include "core/parallel.h"
 #include "effects/tone/tone_curve.h"
@@ -15,28 +16,6 @@
 
 namespace vorn::bench {
 namespace {
-
-using RGBf = _ImageData<PixelRGB<float>>;
-constexpr _Size<int> kFrame(6000, 4000);
-
-// The same smooth content as the copy floor's frame, with some values outside [0, 1].
-const std::shared_ptr<const RGBf>& effectFrame() {
-  static const std::shared_ptr<const RGBf> image = [] {
-    auto img = std::make_shared<RGBf>(kFrame);
-    detail::parallelRows(kFrame.height, [&](int first, int end) {
-      for (int y = first; y < end; ++y) {
-        PixelRGB<float>* row = img->row(y);
-        for (int x = 0; x < kFrame.width; ++x) {
-          const float u = static_cast<float>(x) / kFrame.width;
-          const float v = static_cast<float>(y) / kFrame.height;
-          row[x] = PixelRGB<float>(u * 1.2f - 0.1f, v, 0.5f + 0.4f * std::sin(12.0f * u * v));
-        }
-      }
-    });
-    return img;
-  }();
-  return image;
-}
 
 void BM_ExposureCurveFill(benchmark::State& state) {
   const detail::ToneTables& tables = detail::toneTables();
@@ -51,7 +30,7 @@ void runEffect(benchmark::State& state, const std::string& id, const std::vector
   auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
   for (std::size_t i = 0; i < values.size(); ++i) effect->parameters()[i].setValue(values[i]);
   auto destination = std::make_shared<RGBf>(kFrame, PixelRGB<float>(0.0f));
-  EffectCallContext call(effectFrame(), destination, nullptr, {}, nullptr, nullptr);
+  EffectCallContext call(benchFrame(), destination, nullptr, {}, nullptr, nullptr);
   // Steady state of an editor re-rendering: the pool already holds the working planes.
   effect->processImage(call);
   for (auto _ : state) {
@@ -59,7 +38,7 @@ void runEffect(benchmark::State& state, const std::string& id, const std::vector
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(
-      static_cast<std::int64_t>(state.iterations() * effectFrame()->sizeInBytes()));
+      static_cast<std::int64_t>(state.iterations() * benchFrame()->sizeInBytes()));
   compareTo(state, "copy");
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_data.h"
 #include "bench_floor.h"
 #include "vorn/io/image_magick_reader.h"
 #include "vorn/io/thumbnails.h"
@@ -24,9 +25,7 @@ using vorn::bench::compareTo;
 using vorn::bench::markFloor;
 
 std::string samplePath() {
-  const fs::path path = fs::path(__FILE__).parent_path() / ".." / ".." / "shared" / "samples" /
-                        "photo" / "canon_5d3_22mp_issue266.jpg";
-  return fs::exists(path) ? path.lexically_normal().string() : std::string();
+  return vorn::bench::sharedSample("photo", "canon_5d3_22mp_issue266.jpg");
 }
 
 // The sample without its APP1 segments (EXIF with its 160-pixel preview, XMP), so a thumbnail

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string>
 
+#include "bench_data.h"
 #include "bench_floor.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/image_source_raw.h"
@@ -18,9 +19,7 @@ using vorn::bench::compareTo;
 using vorn::bench::markFloor;
 
 std::string samplePath() {
-  const fs::path path = fs::path(__FILE__).parent_path() / ".." / ".." / "shared" / "samples" /
-                        "raw" / "bmpcc4k_imageio.dng";
-  return fs::exists(path) ? path.lexically_normal().string() : std::string();
+  return vorn::bench::sharedSample("raw", "bmpcc4k_imageio.dng");
 }
 
 /// Opens the sample and waits for the quarter or the full frame; the source's teardown (which

@@ -6,10 +6,10 @@
 
 #include "effects/effect_test_support.h"
 #include "effects/tone/tone_curve.h"
-#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_shapes.h"
 #include "effects/tone/tone_tables.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 namespace {

@@ -11,20 +11,19 @@
 #include <vector>
 
 #include "io/magick_environment.h"
+#include "support/test_files.h"
 #include "vorn/io/image.h"
 
 namespace vorn::test::raster {
 
 /// A photo from ../shared/samples/photo beside the repository; empty when absent.
 inline std::string samplePhoto(const std::string& name) {
-  const std::filesystem::path path =
-      std::filesystem::path(VORN_SOURCE_DIR) / ".." / "shared" / "samples" / "photo" / name;
-  return std::filesystem::exists(path) ? path.lexically_normal().string() : std::string();
+  return sharedSample("photo", name);
 }
 
 /// A file kept with the tests.
 inline std::string dataFile(const std::string& name) {
-  return (std::filesystem::path(VORN_SOURCE_DIR) / "tests" / "data" / name).string();
+  return testData(name);
 }
 
 #define VORN_REQUIRE_PHOTO(variable, name)                              \

@@ -10,18 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "support/test_files.h"
+
 namespace vorn::test {
 
 /// A real raw sample from ../shared/samples/raw beside the repository; empty when absent.
 inline std::string rawSample(const std::string& name) {
-  const std::filesystem::path path =
-      std::filesystem::path(VORN_SOURCE_DIR) / ".." / "shared" / "samples" / "raw" / name;
-  return std::filesystem::exists(path) ? path.lexically_normal().string() : std::string();
-}
-
-/// A file kept with the tests.
-inline std::string testData(const std::string& name) {
-  return (std::filesystem::path(VORN_SOURCE_DIR) / "tests" / "data" / name).string();
+  return sharedSample("raw", name);
 }
 
 #define VORN_REQUIRE_SAMPLE(variable, name)                   \

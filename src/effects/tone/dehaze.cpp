@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "effects/tone/guided_filter.h"
-#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 

@@ -1,6 +1,6 @@
-#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 

@@ -1,9 +1,9 @@
 #include <algorithm>
 
 #include "effects/tone/guided_filter.h"
-#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 

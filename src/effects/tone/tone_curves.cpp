@@ -2,9 +2,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "vorn/effects/tone_effects.h"
 #include "effects/tone/tone_render.h"
 #include "effects/tone/tone_shapes.h"
+#include "vorn/effects/tone_effects.h"
 
 namespace vorn {
 

@@ -303,7 +303,7 @@ DecodeOutcome identifyRawFile(const std::string& path, RawIdentity& identity) {
 }
 
 DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::function<bool()>& stop,
-                        RawFrame& result) {
+                        RawFrame& result, const std::function<void()>& beforeProcess) {
   CheckedStream stream(input);
   auto decoder = std::make_unique<LibRaw>();
   configure(*decoder, halfSize);
@@ -320,6 +320,10 @@ DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::functio
   if (stream.truncated())
     return failure("unpack", kImageReaderCorrupt, "image data lies beyond the end of the file");
   if (stop()) return failure("unpack", kImageReaderCancelled, "cancelled");
+  if (beforeProcess) {
+    beforeProcess();
+    if (stop()) return failure("unpack", kImageReaderCancelled, "cancelled");
+  }
 
   rc = decoder->dcraw_process();
   if (rc != LIBRAW_SUCCESS) return librawFailure("process", rc);

@@ -48,9 +48,10 @@ DecodeOutcome identifyRaw(const RawInput& input, RawIdentity& identity);
 /// The same for a file on disk, reading only what the parser needs.
 DecodeOutcome identifyRawFile(const std::string& path, RawIdentity& identity);
 /// Decodes half size (no demosaicing) or full size into float RGB in melissa RGB, upright.
-/// `stop` is asked between stages and from the decoder's progress callback.
+/// `stop` is asked between stages and from the decoder's progress callback; `beforeProcess`,
+/// when given, runs between unpacking and processing (the full loader yields there).
 DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::function<bool()>& stop,
-                        RawFrame& result);
+                        RawFrame& result, const std::function<void()>& beforeProcess = {});
 
 /// The one text a failed step logs: "<stage> '<path>': <message>".
 std::string describeFailure(const DecodeOutcome& outcome, const std::string& path);
