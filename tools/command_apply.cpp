@@ -94,7 +94,7 @@ std::shared_ptr<const ImageFrame> decodeFullFrame(const std::string& path, std::
       path, ImageReader::kNoResizeSize, kOpenDefault, std::make_shared<bool>(false), {});
   if (!opened.image || opened.errorCode != kImageReaderOk) {
     err << "vorn apply: " << path << ": the file cannot be decoded (code " << opened.errorCode
-        << "; see the log for the stage)\n";
+        << ")\n";
     return nullptr;
   }
   opened.image->waitForFullRaw();
@@ -146,6 +146,10 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
   if (!std::filesystem::is_regular_file(options.input)) {
     err << "vorn apply: " << options.input << ": no such file\n";
+    return kExitFailed;
+  }
+  if (!ImageReader::allSupportedFormats().count(getFileExtension(options.input))) {
+    err << "vorn apply: " << options.input << ": not a supported image file (raw, JPEG or TIFF)\n";
     return kExitFailed;
   }
   if (samePath(options.input, options.output)) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "error_echo.h"
 #include "vorn/core/library.h"
 #include "vorn/core/log.h"
 #include "vorn/io/image_reader.h"
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   std::filesystem::create_directories(context.dataFolder, ignored);
   vorn::vornInit(context);
   vorn::InitLog(context);
+  vorn::cli::echoLibraryErrors(std::cerr);
   int code = vorn::cli::kExitFailed;
   try {
     code = vorn::cli::runCommandLine(args, std::cout, std::cerr);

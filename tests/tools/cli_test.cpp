@@ -8,7 +8,9 @@
 #include "cli.h"
 #include "effect_chain.h"
 #include "effects/effect_test_support.h"
+#include "error_echo.h"
 #include "io/raster_test_support.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "vorn/effects/effect_factory.h"
 #include "vorn/io/image_reader.h"
@@ -175,12 +177,30 @@ TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
   const std::string broken = (folder.path() / "broken.jpg").string();
   std::ofstream(broken, std::ios::binary) << std::string("\xFF\xD8\xFF\xE0", 4) << "truncated";
   EXPECT_EQ(run({"apply", broken, untouched}).code, kExitFailed);
+  const std::string png = (folder.path() / "photo.png").string();
+  std::ofstream(png, std::ios::binary) << "\x89PNG";
+  EXPECT_EQ(run({"apply", png, untouched}).code, kExitFailed);
   EXPECT_EQ(run({"apply", (folder.path() / "missing.jpg").string(), untouched}).code, kExitFailed);
   std::set<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
     left.insert(entry.path().filename().string());
-  EXPECT_EQ(left, (std::set<std::string>{"out.jpg", "out.tif", "broken.jpg"}))
+  EXPECT_EQ(left, (std::set<std::string>{"out.jpg", "out.tif", "broken.jpg", "photo.png"}))
       << "no output and no temporary file is left by a failed run";
+}
+
+TEST(CliCommands, LibraryErrorsAreEchoedWithTheFileButWarningsAreNot) {
+  std::ostringstream echoed;  // outlives the log, which flushes its streams when it shuts down
+  test::LogCapture log;
+  echoLibraryErrors(echoed);
+  test::TempDir folder("vorn_cli");
+  const std::string broken = (folder.path() / "broken.tif").string();
+  std::ofstream(broken, std::ios::binary) << std::string("II*\0\x08\0\0\0", 8) << "junk";
+  LogWarning("%s", "a warning the person does not need");
+  EXPECT_EQ(run({"apply", broken, (folder.path() / "out.jpg").string()}).code, kExitFailed);
+  Logger::LogInstance().Flush();
+  EXPECT_NE(echoed.str().find("vorn: "), std::string::npos);
+  EXPECT_NE(echoed.str().find(broken), std::string::npos) << echoed.str();
+  EXPECT_EQ(echoed.str().find("a warning"), std::string::npos);
 }
 
 }  // namespace
