@@ -172,6 +172,7 @@ TEST(EffectFactoryTest, IdentifiersWhoseClassNamesDiffer) {
   const auto accent =
       EffectFactory::instance().makeEffectWithID("VORNDynamicContrastEffect", context);
   EXPECT_TRUE(std::dynamic_pointer_cast<Accent20Effect>(accent));
+  EXPECT_TRUE(std::dynamic_pointer_cast<DynamicContrastEffect>(accent));
   EXPECT_EQ(accent->getPrarmetersContext(), context);
   EXPECT_TRUE(std::dynamic_pointer_cast<BlurEffect>(
       EffectFactory::instance().makeEffectWithID("VORNSimpleBlurEffect", nullptr)));

@@ -120,6 +120,8 @@ class Accent20Effect final : public LocalToneEffect<Accent20Effect> {
   bool processImage(EffectCallContext& call) override;
   static int reach(float scale);
 };
+/// The tone family's name for the same class.
+using DynamicContrastEffect = Accent20Effect;
 
 /// Haze removal by the dark-channel prior with a guided-filter refined transmission.
 class DehazeEffect final : public LocalToneEffect<DehazeEffect> {
