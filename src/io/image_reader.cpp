@@ -119,7 +119,14 @@ ImageReader& ImageReader::instance() {
   return *reader;
 }
 
+// The child-process loader is not built yet, so every raw file decodes in this process.
+constexpr bool kOutOfProcessLoaderBuilt = false;
+
 bool ImageReader::isOutOfProcessLoaderEnabled() {
+  return kOutOfProcessLoaderBuilt && isOutOfProcessLoaderRequested();
+}
+
+bool ImageReader::isOutOfProcessLoaderRequested() {
   const std::shared_ptr<SVornContext> context = getVornContext();
   return context && context->mode != SVornContext::kModeNoOutOfProcess &&
          !context->forbidOutOfProcessLoader &&

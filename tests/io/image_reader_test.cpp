@@ -144,22 +144,24 @@ TEST(ImageReaderTasks, MinusOneNeverCollidesAcrossThreads) {
 }
 
 TEST(ImageReaderLoader, EnabledRuleAndInProcessFallback) {
-  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderEnabled());  // no context yet
+  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());  // no context yet
   TempDir dir;
   SVornContext context(dir.str(), dir.str());
   ASSERT_EQ(vornInit(context), kInitOk);
-  EXPECT_TRUE(ImageReader::isOutOfProcessLoaderEnabled());
-  DataStore::instance().set("IPC.Loader.enable_win", false);
+  EXPECT_TRUE(ImageReader::isOutOfProcessLoaderRequested());
+  // Asked for, but the child-process loader does not exist yet: raw files decode here.
   EXPECT_FALSE(ImageReader::isOutOfProcessLoaderEnabled());
+  DataStore::instance().set("IPC.Loader.enable_win", false);
+  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());
   DataStore::instance().set("IPC.Loader.enable_win", true);
   context.mode = SVornContext::kModeNoOutOfProcess;
   ASSERT_EQ(vornInit(context), kInitOk);
   DataStore::instance().set("IPC.Loader.enable_win", true);
-  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderEnabled());
+  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());
   context.mode = 0;
   context.forbidOutOfProcessLoader = true;
   ASSERT_EQ(vornInit(context), kInitOk);
-  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderEnabled());
+  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());
 
   const std::string nef = test::rawSample("nikon_coolscan4_imageio.nef");
   if (nef.empty()) return;

@@ -72,8 +72,10 @@ class ImageReader {
   static bool isRawImageFile(const std::string& path);
   static bool isDngImageFile(const std::string& path);
   static bool isHEIC(const std::string& path);
-  /// True when raw files would be decoded by the out-of-process loader.
+  /// True when raw files would be decoded by the out-of-process loader: requested and built.
   static bool isOutOfProcessLoaderEnabled();
+  /// True when the context and "IPC.Loader.enable_win" ask for out-of-process raw loading.
+  static bool isOutOfProcessLoaderRequested();
 
   static std::shared_ptr<const ImageMetadata> readMetadata(const std::string& path);
   static std::shared_ptr<const Exiv2::ExifData> readExif(const std::string& path);
