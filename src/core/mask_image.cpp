@@ -1,9 +1,6 @@
 #include "vorn/core/mask_image.h"
-
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_reduce.h>
-
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "core/log_failure.h"
@@ -30,7 +27,9 @@ MaskImage::MaskImage(const float* values, _Size<int> size) : _ImageData<float>(s
 
 MaskImage::MaskImage(_Size<int> size, float fill) : _ImageData<float>(size, fill) {}
 
-void MaskImage::setFilled() { setFillWith(1.0f); }
+void MaskImage::setFilled() {
+  setFillWith(1.0f);
+}
 
 void MaskImage::setEmpty() {
   if (data()) std::memset(data(), 0, sizeInBytes());
@@ -55,13 +54,13 @@ void MaskImage::unionWithMask(const MaskImage& other) {
 
 std::uint64_t MaskImage::zeroPixelsCount() const {
   const float* values = data();
-  return tbb::parallel_reduce(
-      tbb::blocked_range<std::size_t>(0, area(), kGrain), std::uint64_t(0),
-      [values](const tbb::blocked_range<std::size_t>& r, std::uint64_t count) {
-        for (std::size_t i = r.begin(); i != r.end(); ++i) count += values[i] == 0.0f;
-        return count;
-      },
-      [](std::uint64_t a, std::uint64_t b) { return a + b; });
+  std::atomic<std::uint64_t> zeros{0};
+  detail::parallelChunks(area(), kGrain, [&](std::size_t first, std::size_t end) {
+    std::uint64_t count = 0;
+    for (std::size_t i = first; i != end; ++i) count += values[i] == 0.0f;
+    zeros.fetch_add(count, std::memory_order_relaxed);
+  });
+  return zeros.load(std::memory_order_relaxed);
 }
 
 std::shared_ptr<MaskImage> MaskImage::thumbnail(_Size<int> size) const {

@@ -1,6 +1,3 @@
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_reduce.h>
-
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -8,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/parallel.h"
 #include "effects/tone/guided_filter.h"
 #include "effects/tone/tone_render.h"
 #include "vorn/effects/tone_effects.h"
@@ -57,10 +55,10 @@ std::array<float, 3> airlight(const detail::ImageRGBf& image) {
   using Sum = std::array<double, 4>;
   // Deterministic: the same sum, to the last bit, whatever the number of threads.
   constexpr int kRowsPerTask = 16;
-  const Sum sum = tbb::parallel_deterministic_reduce(
-      tbb::blocked_range<int>(0, image.height(), kRowsPerTask), Sum{},
-      [&](const tbb::blocked_range<int>& rows, Sum s) {
-        for (int y = rows.begin(); y < rows.end(); ++y) {
+  const Sum sum = detail::deterministicReduce(
+      image.height(), kRowsPerTask, Sum{},
+      [&](int first, int end, Sum s) {
+        for (int y = first; y < end; ++y) {
           const PixelRGB<float>* row = image.row(y);
           for (int x = 0; x < image.width(); ++x) {
             if (pixelMinimum(row[x]) < cut) continue;

@@ -195,7 +195,6 @@ std::shared_ptr<ImageFrame> toFloatFrame(const LibRaw& decoder, ImageLoadState s
   const float* lut = toneTable();
   const ushort(*image)[4] = decoder.imgdata.image;
   // Same index mapping as LibRaw's own flip_index, so the frame matches its memory images.
-  std::atomic<int> rowsDone{0};
   detail::parallelRows(out.height, [&](int firstRow, int endRow) {
     for (int y = firstRow; y < endRow; ++y) {
       PixelRGB<float>* dst = frame->row(y);
@@ -210,11 +209,7 @@ std::shared_ptr<ImageFrame> toFloatFrame(const LibRaw& decoder, ImageLoadState s
                       : PixelRGB<float>(lut[px[0]], lut[px[1]], lut[px[2]]);
       }
     }
-    rowsDone.fetch_add(endRow - firstRow, std::memory_order_release);
   });
-  // The pool's own join is invisible to race checkers; this acquire orders every row written
-  // by the workers before the frame is handed to another thread.
-  (void)rowsDone.load(std::memory_order_acquire);
   return frame;
 }
 
