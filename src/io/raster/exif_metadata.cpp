@@ -32,6 +32,9 @@ std::string trimmed(std::string text) {
 }
 
 // The n-th component as a finite float; 0 for an absent tag or a rational over zero.
+// Tag 0xa432 of the Photo group: shortest and longest focal length, then the apertures at each.
+constexpr const char* kLensRangeKey = "Exif.Photo.0xa432";
+
 float exifNumber(const Exiv2::ExifData& exif, const char* key, long n = 0) {
   const Exiv2::Exifdatum* datum = findExif(exif, key);
   if (datum == nullptr || n >= datum->count()) return 0.0f;
@@ -72,8 +75,8 @@ void fillLens(const Exiv2::ExifData& exif, ImageMetadata& m) {
       break;
     }
   }
-  m.minFocalLen = exifNumber(exif, "Exif.Photo.LensSpecification", 0);
-  m.maxFocalLen = exifNumber(exif, "Exif.Photo.LensSpecification", 1);
+  m.minFocalLen = exifNumber(exif, kLensRangeKey, 0);
+  m.maxFocalLen = exifNumber(exif, kLensRangeKey, 1);
   if (m.minFocalLen == 0.0f && m.maxFocalLen == 0.0f) {
     // Canon keeps the zoom range as (long end, short end, units per millimetre).
     const float units = exifNumber(exif, "Exif.CanonCs.Lens", 2);
