@@ -30,7 +30,7 @@ void BM_FloorParallelCopy(benchmark::State& state) {
   const auto& src = benchFrame();
   auto dst = prefaulted();
   for (auto _ : state) {
-    detail::parallelCopy(dst->data(), src->data(), src->sizeInBytes());
+    detail::parallelCopy(dst->data, src->data, src->sizeInBytes());
     benchmark::ClobberMemory();
   }
   setBytes(state, src->sizeInBytes());
@@ -39,7 +39,7 @@ void BM_FloorParallelCopy(benchmark::State& state) {
 
 void BM_FloorParallelRead(benchmark::State& state) {
   const auto& src = benchFrame();
-  const float* values = &src->data()->r;
+  const float* values = &src->data->r;
   const std::size_t count = src->area() * 3;
   for (auto _ : state) {
     const float sum = tbb::parallel_reduce(
@@ -125,7 +125,7 @@ void BM_FreshPoolBlockPlusCopy(benchmark::State& state) {
   pool.setCachingEnabled(false);
   for (auto _ : state) {
     std::uint8_t* block = pool.allocate(src->sizeInBytes(), false);
-    detail::parallelCopy(block, src->data(), src->sizeInBytes());
+    detail::parallelCopy(block, src->data, src->sizeInBytes());
     pool.free(block);
   }
   pool.setCachingEnabled(true);
@@ -136,7 +136,7 @@ void BM_FreshMallocPlusCopy(benchmark::State& state) {
   const auto& src = benchFrame();
   for (auto _ : state) {
     void* block = std::malloc(src->sizeInBytes());
-    detail::parallelCopy(block, src->data(), src->sizeInBytes());
+    detail::parallelCopy(block, src->data, src->sizeInBytes());
     benchmark::DoNotOptimize(block);
     std::free(block);
   }

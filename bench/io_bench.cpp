@@ -78,7 +78,7 @@ void BM_FloorMaskCopy(benchmark::State& state) {
   const MaskImage& src = mask();  // built outside the timing
   MaskImage dst(kMaskSize, 0.0f);
   for (auto _ : state) {
-    detail::parallelCopy(dst.data(), src.data(), src.sizeInBytes());
+    detail::parallelCopy(dst.data, src.data, src.sizeInBytes());
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * mask().sizeInBytes()));

@@ -109,7 +109,7 @@ void BM_Thumbnail256Dct(benchmark::State& state) {
   compareTo(state, "vips_thumbnail");
   for (auto _ : state) {
     auto thumb = vorn::getThumbnailBySide(path, 256, true);
-    if (!thumb || thumb->width() != 256) return state.SkipWithError("no 256-pixel thumbnail");
+    if (!thumb || thumb->width != 256) return state.SkipWithError("no 256-pixel thumbnail");
     benchmark::DoNotOptimize(thumb);
   }
 }

@@ -99,7 +99,7 @@ std::shared_ptr<const ImageFrame> decodeFullFrame(const std::string& path, std::
   }
   opened.image->waitForFullRaw();
   ConstImageFrame frame = opened.image->workingImage();
-  if (!frame || frame->width() <= 0 || frame->height() <= 0) {
+  if (!frame || frame->width <= 0 || frame->height <= 0) {
     err << "vorn apply: " << path << ": decoding stopped before the full image was read\n";
     return nullptr;
   }

@@ -123,12 +123,12 @@ std::shared_ptr<const _ImageData<PixelRGB<float>>> runEffectChain(
     if (!effect->isNeedProcessing()) continue;
     effect->setContext(context);
     auto output = std::make_shared<_ImageData<PixelRGB<float>>>(frame->size());
-    if (!output->data()) {
-      error = "not enough memory for a " + std::to_string(frame->width()) + "x" +
-              std::to_string(frame->height()) + " frame";
+    if (!output->data) {
+      error = "not enough memory for a " + std::to_string(frame->width) + "x" +
+              std::to_string(frame->height) + " frame";
       return nullptr;
     }
-    output->setColorProfile(frame->colorProfile());
+    output->setColorProfile(frame->colorProfile);
     EffectCallContext call(frame, output, frame, frame->rect(), nullptr, nullptr);
     if (!effect->processImageWrapper(call)) {
       error = "effect \"" + effect->id() + "\" failed";

@@ -21,7 +21,8 @@ namespace detail {
 std::optional<_Rect<int>> clipToImage(const _Rect<int>& roi, _Size<int> size) {
   const long long left = std::max<long long>(roi.x, 0);
   const long long top = std::max<long long>(roi.y, 0);
-  const long long right = std::min<long long>(static_cast<long long>(roi.x) + roi.width, size.width);
+  const long long right =
+      std::min<long long>(static_cast<long long>(roi.x) + roi.width, size.width);
   const long long bottom =
       std::min<long long>(static_cast<long long>(roi.y) + roi.height, size.height);
   if (right - left < 1 || bottom - top < 1) return std::nullopt;
@@ -43,7 +44,7 @@ template <typename T>
 void copyRows(const _ImageData<T>& src, const _Rect<int>& from, _ImageData<T>& dst, int dstX,
               int dstY) {
   const std::size_t rowBytes = static_cast<std::size_t>(from.width) * sizeof(T);
-  if (from.width == src.width() && from.width == dst.width() && dstX == 0) {
+  if (from.width == src.width && from.width == dst.width && dstX == 0) {
     detail::parallelCopy(dst.row(dstY), src.row(from.y), rowBytes * from.height);
     return;
   }
@@ -64,53 +65,53 @@ void _ImageData<T>::allocate(_Size<int> size) {
     VORN_LOG_FAILURE(text);
     size = _Size<int>();
   }
-  width_ = size.width;
-  height_ = size.height;
-  data_ = nullptr;
+  width = size.width;
+  height = size.height;
+  data = nullptr;
   if (area() == 0) return;
-  data_ = reinterpret_cast<T*>(MemoryManager::instance().allocate(sizeInBytes(), false));
-  if (!data_) {
-    width_ = height_ = 0;
+  data = reinterpret_cast<T*>(MemoryManager::instance().allocate(sizeInBytes(), false));
+  if (!data) {
+    width = height = 0;
     throw std::bad_alloc();
   }
 }
 
 template <typename T>
 void _ImageData<T>::release() {
-  if (data_) MemoryManager::instance().free(reinterpret_cast<std::uint8_t*>(data_));
-  data_ = nullptr;
-  width_ = height_ = 0;
+  if (data) MemoryManager::instance().free(reinterpret_cast<std::uint8_t*>(data));
+  data = nullptr;
+  width = height = 0;
 }
 
 template <typename T>
 _ImageData<T>::_ImageData(_Size<int> size, std::shared_ptr<ColorProfile> profile)
-    : colorProfile_(std::move(profile)) {
+    : colorProfile(std::move(profile)) {
   allocate(size);
 }
 
 template <typename T>
 _ImageData<T>::_ImageData(_Size<int> size, const T& fill, std::shared_ptr<ColorProfile> profile)
-    : colorProfile_(std::move(profile)) {
+    : colorProfile(std::move(profile)) {
   allocate(size);
   fillRect(fill);
 }
 
 template <typename T>
 _ImageData<T>::_ImageData(const _ImageData& other)
-    : colorProfile_(other.colorProfile_), loadState_(other.loadState_) {
+    : colorProfile(other.colorProfile), loadState(other.loadState) {
   allocate(other.size());
-  if (data_) detail::parallelCopy(data_, other.data_, sizeInBytes());
+  if (data) detail::parallelCopy(data, other.data, sizeInBytes());
 }
 
 template <typename T>
 _ImageData<T>::_ImageData(_ImageData&& other) noexcept
-    : width_(other.width_),
-      height_(other.height_),
-      data_(other.data_),
-      colorProfile_(std::move(other.colorProfile_)),
-      loadState_(other.loadState_) {
-  other.data_ = nullptr;
-  other.width_ = other.height_ = 0;
+    : width(other.width),
+      height(other.height),
+      data(other.data),
+      colorProfile(std::move(other.colorProfile)),
+      loadState(other.loadState) {
+  other.data = nullptr;
+  other.width = other.height = 0;
 }
 
 template <typename T>
@@ -120,9 +121,9 @@ _ImageData<T>& _ImageData<T>::operator=(const _ImageData& other) {
     release();
     allocate(other.size());
   }
-  if (data_) detail::parallelCopy(data_, other.data_, sizeInBytes());
-  colorProfile_ = other.colorProfile_;
-  loadState_ = other.loadState_;
+  if (data) detail::parallelCopy(data, other.data, sizeInBytes());
+  colorProfile = other.colorProfile;
+  loadState = other.loadState;
   return *this;
 }
 
@@ -130,13 +131,13 @@ template <typename T>
 _ImageData<T>& _ImageData<T>::operator=(_ImageData&& other) noexcept {
   if (this == &other) return *this;
   release();
-  width_ = other.width_;
-  height_ = other.height_;
-  data_ = other.data_;
-  colorProfile_ = std::move(other.colorProfile_);
-  loadState_ = other.loadState_;
-  other.data_ = nullptr;
-  other.width_ = other.height_ = 0;
+  width = other.width;
+  height = other.height;
+  data = other.data;
+  colorProfile = std::move(other.colorProfile);
+  loadState = other.loadState;
+  other.data = nullptr;
+  other.width = other.height = 0;
   return *this;
 }
 
@@ -148,9 +149,9 @@ _ImageData<T>::~_ImageData() {
 template <typename T>
 bool _ImageData<T>::isSameType(const _ImageData& other) const {
   if (size() != other.size()) return false;
-  if (colorProfile_ == other.colorProfile_) return true;
-  if (!colorProfile_ || !other.colorProfile_) return false;
-  return *colorProfile_ == *other.colorProfile_;
+  if (colorProfile == other.colorProfile) return true;
+  if (!colorProfile || !other.colorProfile) return false;
+  return *colorProfile == *other.colorProfile;
 }
 
 template <typename T>
@@ -161,9 +162,9 @@ std::shared_ptr<_ImageData<T>> _ImageData<T>::copy(const _Rect<int>& roi) const 
     VORN_LOG_FAILURE("Roi rect is outside the ImageData");
     return {};
   }
-  auto result = std::make_shared<_ImageData>(clipped->size(), colorProfile_);
+  auto result = std::make_shared<_ImageData>(clipped->size(), colorProfile);
   copyRows(*this, *clipped, *result, 0, 0);
-  result->loadState_ = loadState_;
+  result->loadState = loadState;
   return result;
 }
 
@@ -172,9 +173,9 @@ void _ImageData<T>::copyTo(std::shared_ptr<_ImageData>& dst, const _Rect<int>& r
   if (dst.get() == this) return;
   if (dst && dst->size() == size()) {
     // A same-sized destination always receives the whole image; roi is not looked at.
-    dst->colorProfile_ = colorProfile_;
-    dst->loadState_ = loadState_;
-    if (data_) detail::parallelCopy(dst->data_, data_, sizeInBytes());
+    dst->colorProfile = colorProfile;
+    dst->loadState = loadState;
+    if (data) detail::parallelCopy(dst->data, data, sizeInBytes());
     return;
   }
   dst = copy(roi);
@@ -190,8 +191,9 @@ void _ImageData<T>::copyPartTo(std::shared_ptr<_ImageData>& dst, const _Rect<int
     VORN_LOG_FAILURE("Invalid roi");
     return;
   }
-  if (dst.get() != this && roi.width > 0 && roi.height > 0) copyRows(*this, roi, *dst, roi.x, roi.y);
-  dst->loadState_ = loadState_;
+  if (dst.get() != this && roi.width > 0 && roi.height > 0)
+    copyRows(*this, roi, *dst, roi.x, roi.y);
+  dst->loadState = loadState;
 }
 
 template <typename T>
@@ -211,8 +213,8 @@ std::shared_ptr<_ImageData<T>> _ImageData<T>::copy_saturated(const _Rect<int>& r
       if (area() != 0) VORN_LOG_FAILURE("Roi rect is outside the ImageData");
       return area() == 0 ? std::make_shared<_ImageData>(*this) : nullptr;
     }
-    auto result = std::make_shared<_ImageData>(clipped->size(), colorProfile_);
-    result->loadState_ = loadState_;
+    auto result = std::make_shared<_ImageData>(clipped->size(), colorProfile);
+    result->loadState = loadState;
     const auto body = [&](int first, int end) {
       for (int y = first; y < end; ++y)
         detail::clampCopyFloats(&result->row(y)->r, &(row(clipped->y + y) + clipped->x)->r,
@@ -237,16 +239,18 @@ void _ImageData<T>::fillRect(const T& value, const _Rect<int>& roi) {
     return;
   }
   detail::parallelRows(region.height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) std::fill_n(row(region.y + y) + region.x, region.width, value);
+    for (int y = first; y < end; ++y)
+      std::fill_n(row(region.y + y) + region.x, region.width, value);
   });
 }
 
 template <typename T>
 void _ImageData<T>::clamp() {
   if constexpr (detail::kIsFloatPixel<T>) {
-    const std::size_t perRow = static_cast<std::size_t>(width_) * detail::PixelTraits<T>::kChannels;
-    detail::parallelRows(height_, [&](int first, int end) {
-      detail::clampFloats(detail::channels(row(first)), perRow * static_cast<std::size_t>(end - first));
+    const std::size_t perRow = static_cast<std::size_t>(width) * detail::PixelTraits<T>::kChannels;
+    detail::parallelRows(height, [&](int first, int end) {
+      detail::clampFloats(detail::channels(row(first)),
+                          perRow * static_cast<std::size_t>(end - first));
     });
   }
 }
@@ -261,7 +265,7 @@ std::uint64_t _ImageData<T>::selfCheck() const {
     constexpr bool kOneIsValid = !std::is_same_v<T, PixelRGB<float>>;
     std::uint64_t bad = 0;
     for (std::uint64_t i = 0; i < area(); ++i) {
-      const float* c = detail::channels(data_ + i);
+      const float* c = detail::channels(data + i);
       bool ok = true;
       for (int k = 0; k < kChannels; ++k)
         ok = ok && c[k] >= 0.0f && (kOneIsValid ? c[k] <= 1.0f : c[k] < 1.0f);
@@ -269,8 +273,8 @@ std::uint64_t _ImageData<T>::selfCheck() const {
       ++bad;
       std::string pixel = "(";
       for (int k = 0; k < kChannels; ++k) pixel += (k ? ", " : "") + std::to_string(c[k]);
-      pixel += ") at " + std::to_string(i % static_cast<std::uint64_t>(width_)) + ", " +
-               std::to_string(i / static_cast<std::uint64_t>(width_));
+      pixel += ") at " + std::to_string(i % static_cast<std::uint64_t>(width)) + ", " +
+               std::to_string(i / static_cast<std::uint64_t>(width));
       VORN_LOG_FAILURE(("Bad pixel value " + pixel).c_str());
     }
     return bad;

@@ -44,8 +44,8 @@ struct Sampler {
     const int iy = static_cast<int>(sy);
     const float fx = sx - static_cast<float>(ix);
     const float fy = sy - static_cast<float>(iy);
-    const int ix1 = std::min(ix + 1, src.width() - 1);
-    const int iy1 = std::min(iy + 1, src.height() - 1);
+    const int ix1 = std::min(ix + 1, src.width - 1);
+    const int iy1 = std::min(iy + 1, src.height - 1);
     const Channel* p00 = detail::channels(src.row(iy) + ix);
     const Channel* p10 = detail::channels(src.row(iy) + ix1);
     const Channel* p01 = detail::channels(src.row(iy1) + ix);
@@ -114,7 +114,7 @@ void _ImageData<T>::copyAffineTransformedTo(std::shared_ptr<_ImageData>& dst, _R
   const AffineTransform m =
       adaptAffineTransformForCoppying(transform, srcRect, dst->size(), minScale, maxScale);
   if (std::isnan(maxScale)) return;  // invert() has already reported the singular transform
-  dst->loadState_ = loadState_;
+  dst->loadState = loadState;
   if (area() == 0) return;
 
   // Sample offsets in destination pixels: the four corners, then Halton points when one
@@ -145,7 +145,7 @@ void _ImageData<T>::copyAffineTransformedTo(std::shared_ptr<_ImageData>& dst, _R
     region = *clipped;
   }
 
-  const Sampler<T> sampler{*this, static_cast<float>(width_), static_cast<float>(height_)};
+  const Sampler<T> sampler{*this, static_cast<float>(width), static_cast<float>(height)};
   const float background = std::is_same_v<Channel, float> ? kBackground : kBackground * 255.0f;
   _ImageData& out = *dst;
   // Bands of rows walked in small square tiles: a turned row crosses a diagonal band hundreds

@@ -58,7 +58,7 @@ constexpr const char* kNoMemory = "Not enough memory for the destination buffer"
 template <typename T>
 std::string convertInto(const _ImageData<T>& src, std::shared_ptr<_ImageData<T>>& dst,
                         const std::shared_ptr<ColorProfile>& target) {
-  if (dst.get() == &src && src.colorProfile() == target) return {};
+  if (dst.get() == &src && src.colorProfile == target) return {};
   // Decision: unreadable ICC bytes or a transform lcms cannot build fail before dst is touched.
   if (target && !target->isValid()) return "Could not read the ICC profile";
 
@@ -66,25 +66,25 @@ std::string convertInto(const _ImageData<T>& src, std::shared_ptr<_ImageData<T>>
     // Decision: masks and grey planes have no colour to convert; pixels are copied unchanged
     // and only the profile is attached.
     if (!prepareTarget(src, dst, target)) return kNoMemory;
-    if (dst.get() != &src) detail::parallelCopy(dst->data(), src.data(), src.sizeInBytes());
+    if (dst.get() != &src) detail::parallelCopy(dst->data, src.data, src.sizeInBytes());
   } else {
     using Layout = EngineLayout<T>;
     // Decision: a missing profile counts as sRGB, at either end.
     const std::shared_ptr<ColorProfile> source =
-        src.colorProfile() ? src.colorProfile() : ColorProfileType::sRGB();
+        src.colorProfile ? src.colorProfile : ColorProfileType::sRGB();
     const std::shared_ptr<ColorProfile> output = target ? target : ColorProfileType::sRGB();
     if constexpr (std::is_same_v<T, PixelRGB<float>> || std::is_same_v<T, PixelRGBA<float>>) {
       // Matrix-shaper pairs (every standard profile) skip lcms's per-pixel stage walk.
       if (const auto fast = detail::findMatrixShaperTransform(source, output)) {
         if (!prepareTarget(src, dst, target)) return kNoMemory;
         constexpr int channels = static_cast<int>(sizeof(T) / sizeof(float));
-        const std::size_t rowFloats = static_cast<std::size_t>(src.width()) * channels;
-        const float* from = reinterpret_cast<const float*>(src.data());
-        float* to = reinterpret_cast<float*>(dst->data());
-        detail::parallelRows(src.height(), [&](int first, int end) {
+        const std::size_t rowFloats = static_cast<std::size_t>(src.width) * channels;
+        const float* from = reinterpret_cast<const float*>(src.data);
+        float* to = reinterpret_cast<float*>(dst->data);
+        detail::parallelRows(src.height, [&](int first, int end) {
           const std::size_t at = static_cast<std::size_t>(first) * rowFloats;
           detail::runMatrixShaperTransform(*fast, from + at, to + at,
-                                           static_cast<std::size_t>(end - first) * src.width(),
+                                           static_cast<std::size_t>(end - first) * src.width,
                                            channels);
         });
         dst->setColorProfile(target);
@@ -113,8 +113,8 @@ std::string convertInto(const _ImageData<T>& src, std::shared_ptr<_ImageData<T>>
     const std::size_t count = src.area();
     const std::size_t threads = std::max(1u, std::thread::hardware_concurrency());
     const std::size_t chunk = count / threads;
-    const T* from = src.data();
-    T* to = dst->data();
+    const T* from = src.data;
+    T* to = dst->data;
     if (chunk > 0) {
       detail::parallelChunks(threads, 1, [&](std::size_t first, std::size_t end) {
         for (std::size_t i = first; i < end; ++i)
@@ -136,7 +136,7 @@ template <typename T>
 bool _ImageData<T>::colorTransform(std::shared_ptr<_ImageData>& dst) const {
   // Decision: an empty dst carries no profile, so it gets a new buffer in sRGB, none attached.
   const std::string failure =
-      convertInto(*this, dst, dst ? dst->colorProfile() : ColorProfileType::None());
+      convertInto(*this, dst, dst ? dst->colorProfile : ColorProfileType::None());
   if (!failure.empty()) VORN_LOG_FAILURE(failure.c_str());
   return failure.empty();
 }

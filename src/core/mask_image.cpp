@@ -13,7 +13,7 @@ constexpr std::size_t kGrain = std::size_t(64) << 10;
 
 template <typename Body>
 void forEachValue(MaskImage& mask, Body&& body) {
-  float* values = mask.data();
+  float* values = mask.data;
   detail::parallelChunks(mask.area(), kGrain, [&](std::size_t first, std::size_t end) {
     for (std::size_t i = first; i < end; ++i) values[i] = body(values[i], i);
   });
@@ -22,7 +22,7 @@ void forEachValue(MaskImage& mask, Body&& body) {
 }  // namespace
 
 MaskImage::MaskImage(const float* values, _Size<int> size) : _ImageData<float>(size) {
-  if (data() && values) detail::parallelCopy(data(), values, sizeInBytes());
+  if (data && values) detail::parallelCopy(data, values, sizeInBytes());
 }
 
 MaskImage::MaskImage(_Size<int> size, float fill) : _ImageData<float>(size, fill) {}
@@ -32,7 +32,7 @@ void MaskImage::setFilled() {
 }
 
 void MaskImage::setEmpty() {
-  if (data()) std::memset(data(), 0, sizeInBytes());
+  if (data) std::memset(data, 0, sizeInBytes());
 }
 
 void MaskImage::setFillWith(float value) {
@@ -48,12 +48,12 @@ void MaskImage::unionWithMask(const MaskImage& other) {
     VORN_LOG_FAILURE("Different sizes.");
     return;
   }
-  const float* theirs = other.data();
+  const float* theirs = other.data;
   forEachValue(*this, [theirs](float v, std::size_t i) { return std::max(v, theirs[i]); });
 }
 
 std::uint64_t MaskImage::zeroPixelsCount() const {
-  const float* values = data();
+  const float* values = data;
   std::atomic<std::uint64_t> zeros{0};
   detail::parallelChunks(area(), kGrain, [&](std::size_t first, std::size_t end) {
     std::uint64_t count = 0;
@@ -71,7 +71,7 @@ std::shared_ptr<MaskImage> MaskImage::thumbnail(_Size<int> size) const {
 
 void discretizeMask(const MaskImage& mask, std::vector<std::uint8_t>& out) {
   out.resize(mask.area());
-  const float* values = mask.data();
+  const float* values = mask.data;
   std::uint8_t* bytes = out.data();
   detail::parallelChunks(mask.area(), kGrain, [&](std::size_t first, std::size_t end) {
     for (std::size_t i = first; i < end; ++i) {

@@ -66,7 +66,7 @@ std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Re
   const int outW = (region.width + kx - 1) / kx;
   const int outH = (region.height + ky - 1) / ky;
   auto out = std::make_shared<_ImageData<float>>(_Size<int>(outW * C, outH));
-  boxShrinkInto(src, region, kx, ky, out->data(), outW, outH);
+  boxShrinkInto(src, region, kx, ky, out->data, outW, outH);
   return out;
 }
 
@@ -76,36 +76,35 @@ template <typename T>
 bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T>& dst,
                    bool highQuality) {
   const _Rect<int> region = roi.isZero() ? src.rect() : roi;
-  if (region.width < 1 || region.height < 1 || !liesInside(region, src.size()) || dst.width() < 1 ||
-      dst.height() < 1)
+  if (region.width < 1 || region.height < 1 || !liesInside(region, src.size()) || dst.width < 1 ||
+      dst.height < 1)
     return false;
 
-  cv::Mat whole(src.height(), src.width(), cvTypeOf<T>(), const_cast<T*>(src.data()));
+  cv::Mat whole(src.height, src.width, cvTypeOf<T>(), const_cast<T*>(src.data));
   cv::Mat input = whole(cv::Rect(region.x, region.y, region.width, region.height));
-  cv::Mat output(dst.height(), dst.width(), cvTypeOf<T>(), dst.data());
+  cv::Mat output(dst.height, dst.width, cvTypeOf<T>(), dst.data);
 
-  const bool shrinks = dst.width() < region.width || dst.height() < region.height;
+  const bool shrinks = dst.width < region.width || dst.height < region.height;
   const int interpolation =
       shrinks ? cv::INTER_AREA : (highQuality ? cv::INTER_LANCZOS4 : cv::INTER_LINEAR);
 
   constexpr int C = PixelTraits<T>::kChannels;
   constexpr bool kFloat = std::is_same_v<typename PixelTraits<T>::Channel, float>;
-  const bool integerFactors = region.width % dst.width() == 0 && region.height % dst.height() == 0;
+  const bool integerFactors = region.width % dst.width == 0 && region.height % dst.height == 0;
   if (kFloat && shrinks && integerFactors) {
     // At whole factors the area filter is a plain box average, done in one streaming pass;
     // OpenCV's integer path runs a scalar loop per box and costs many reads at large factors.
-    boxShrinkInto(src, region, region.width / dst.width(), region.height / dst.height(),
-                  reinterpret_cast<float*>(dst.data()), dst.width(), dst.height());
+    boxShrinkInto(src, region, region.width / dst.width, region.height / dst.height,
+                  reinterpret_cast<float*>(dst.data), dst.width, dst.height);
     return true;
   }
   // At other factors an exact integer box first leaves OpenCV a factor of 2 to 4 on a small
   // image, where its generic area filter is cheap.
-  const int kx = std::max(1, region.width / dst.width() / 2);
-  const int ky = std::max(1, region.height / dst.height() / 2);
+  const int kx = std::max(1, region.width / dst.width / 2);
+  const int ky = std::max(1, region.height / dst.height / 2);
   if (shrinks && (kx >= 2 || ky >= 2)) {
     const auto reduced = boxShrink(src, region, kx, ky);
-    cv::Mat reducedView(reduced->height(), reduced->width() / C, CV_MAKETYPE(CV_32F, C),
-                        reduced->data());
+    cv::Mat reducedView(reduced->height, reduced->width / C, CV_MAKETYPE(CV_32F, C), reduced->data);
     if constexpr (kFloat) {
       cv::resize(reducedView, output, output.size(), 0, 0, cv::INTER_AREA);
     } else {
@@ -116,7 +115,7 @@ bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T
   } else {
     cv::resize(input, output, output.size(), 0, 0, interpolation);
   }
-  return output.data == reinterpret_cast<uchar*>(dst.data());
+  return output.data == reinterpret_cast<uchar*>(dst.data);
 }
 
 template bool resampleImage(const _ImageData<float>&, const _Rect<int>&, _ImageData<float>&, bool);

@@ -79,7 +79,7 @@ bool runChain(const std::vector<std::shared_ptr<Effect>>& active, EffectCallCont
       auto& buffer = scratch[k % 2];
       if (!buffer) {
         buffer =
-            std::make_shared<detail::ImageRGBf>(call.source->size(), call.source->colorProfile());
+            std::make_shared<detail::ImageRGBf>(call.source->size(), call.source->colorProfile);
       }
       target = buffer;
     }

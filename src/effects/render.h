@@ -20,10 +20,10 @@ bool prepareDestination(EffectCallContext& call);
 /// source into destination, one contiguous span of whole rows per task.
 template <typename Kernel>
 void forEachRowSpan(const ImageRGBf& source, ImageRGBf& destination, Kernel&& kernel) {
-  const std::size_t rowFloats = static_cast<std::size_t>(source.width()) * 3;
-  const float* in = &source.data()->r;
-  float* out = &destination.data()->r;
-  parallelRows(source.height(), [&](int first, int end) {
+  const std::size_t rowFloats = static_cast<std::size_t>(source.width) * 3;
+  const float* in = &source.data->r;
+  float* out = &destination.data->r;
+  parallelRows(source.height, [&](int first, int end) {
     const std::size_t offset = static_cast<std::size_t>(first) * rowFloats;
     kernel(in + offset, out + offset, static_cast<std::size_t>(end - first) * rowFloats);
   });

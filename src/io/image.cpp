@@ -85,7 +85,7 @@ DistortionCorrectionType ImageSource::distortionCorrectionType() const {
 
 std::shared_ptr<ColorProfile> ImageSource::colorProfile() const {
   const ConstImageFrame frame = getImageData();
-  return frame ? frame->colorProfile() : nullptr;
+  return frame ? frame->colorProfile : nullptr;
 }
 
 std::shared_ptr<const ImageMetadata> ImageSource::metadata() const {

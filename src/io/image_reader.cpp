@@ -238,7 +238,7 @@ ImageResult ImageReader::imageResize(const ImageResult& result, const _Size<int>
     // The quarter frame serves sizes it covers; larger ones wait for the full frame.
     rawSource->waitForQuarterFrame();
     const ConstImageFrame shown = rawSource->getImageData();
-    if (!shown || shown->width() < size.width || shown->height() < size.height)
+    if (!shown || shown->width < size.width || shown->height < size.height)
       rawSource->waitForFullRaw();
     if (!rawSource->getImageData()) {
       const ImageReaderErrorCode failed = rawSource->errorCode();

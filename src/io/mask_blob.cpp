@@ -62,8 +62,8 @@ void checkClaimedSize(std::uint32_t width, std::uint32_t height, std::uint64_t b
 void ImageCompressorProxy::compressMask(const MaskImage& mask, std::vector<std::uint8_t>& blob) {
   std::vector<std::uint8_t> bytes;
   discretizeMask(mask, bytes);
-  ImageCompressorLosslessZlib::compressEx(bytes, blob, static_cast<unsigned>(mask.width()),
-                                          static_cast<unsigned>(mask.height()), 4, 1,
+  ImageCompressorLosslessZlib::compressEx(bytes, blob, static_cast<unsigned>(mask.width),
+                                          static_cast<unsigned>(mask.height), 4, 1,
                                           detail::kProfileNone, 1, Z_DEFAULT_COMPRESSION, 1, 0);
 }
 
@@ -85,7 +85,7 @@ std::shared_ptr<MaskImage> ImageCompressorProxy::uncompressMask_1_0(
 
   auto mask = std::make_shared<MaskImage>(
       _Size<int>(static_cast<int>(header.format.width), static_cast<int>(header.format.height)));
-  float* values = mask->data();
+  float* values = mask->data;
   const std::uint8_t* source = bytes.data();
   detail::parallelChunks(count, kGrain, [&](std::size_t first, std::size_t end) {
     for (std::size_t i = first; i < end; ++i) values[i] = kByteToMask[source[i]];
@@ -107,11 +107,11 @@ std::shared_ptr<MaskImage> ImageCompressorProxy::uncompressMask_untracked(
       std::make_shared<MaskImage>(_Size<int>(static_cast<int>(width), static_cast<int>(height)));
   // A short stream leaves zeros (unselected) rather than whatever the pool block held.
   const auto result = detail::inflateInto(blob.data() + kHeader, streamBytes,
-                                          reinterpret_cast<std::uint8_t*>(mask->data()),
+                                          reinterpret_cast<std::uint8_t*>(mask->data),
                                           mask->sizeInBytes(), detail::InflateTail::Zero);
   detail::throwIfZlibFailed(result.status);
   // Stored floats are not trusted: NaN becomes 0 and the rest is held to [0, 1], as a mask is.
-  float* values = mask->data();
+  float* values = mask->data;
   detail::parallelChunks(mask->area(), kGrain, [&](std::size_t first, std::size_t end) {
     for (std::size_t i = first; i < end; ++i) values[i] = clampChannel(values[i]);
   });

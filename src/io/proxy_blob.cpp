@@ -72,7 +72,7 @@ std::shared_ptr<Frame> decodeProxy(const std::vector<std::uint8_t>& blob) {
 
   const _Size<int> size(static_cast<int>(header.width), static_cast<int>(header.height));
   auto frame = std::make_shared<Frame>(size, profile);
-  decoded.write(0, 0, header.width, header.height, "RGB", Magick::FloatPixel, frame->data());
+  decoded.write(0, 0, header.width, header.height, "RGB", Magick::FloatPixel, frame->data);
   return frame;
 }
 
@@ -80,16 +80,16 @@ std::shared_ptr<Frame> decodeProxy(const std::vector<std::uint8_t>& blob) {
 
 void ImageCompressorProxy::compress(const _ImageData<PixelRGB<float>>& image,
                                     std::vector<std::uint8_t>& blob) {
-  if (image.width() <= 0 || image.height() <= 0 || image.empty()) return;
-  const std::uint32_t code = detail::to_colorProfileCode(image.colorProfile());
+  if (image.width <= 0 || image.height <= 0 || image.empty()) return;
+  const std::uint32_t code = detail::to_colorProfileCode(image.colorProfile);
   detail::ensureMagickEnvironment();
   // ImageMagick converts NaN to an integer without a check, so it is given clamped pixels.
   const std::shared_ptr<Frame> clamped = image.copy_saturated();
   Magick::Blob encoded;
   try {
-    Magick::Image magick(static_cast<std::size_t>(image.width()),
-                         static_cast<std::size_t>(image.height()), "RGB", Magick::FloatPixel,
-                         clamped->data());
+    Magick::Image magick(static_cast<std::size_t>(image.width),
+                         static_cast<std::size_t>(image.height), "RGB", Magick::FloatPixel,
+                         clamped->data);
     magick.compressType(kProxyCompression);
     magick.quality(kJpegQuality);
     magick.depth(8);
@@ -100,8 +100,8 @@ void ImageCompressorProxy::compress(const _ImageData<PixelRGB<float>>& image,
   }
 
   std::vector<std::uint8_t> out(kHeader + encoded.length());
-  detail::writeProxyHeader(out.data(), {static_cast<std::uint32_t>(image.width()),
-                                        static_cast<std::uint32_t>(image.height()), code});
+  detail::writeProxyHeader(out.data(), {static_cast<std::uint32_t>(image.width),
+                                        static_cast<std::uint32_t>(image.height), code});
   std::memcpy(out.data() + kHeader, encoded.data(), encoded.length());
   blob = std::move(out);
 }

@@ -35,7 +35,7 @@ std::shared_ptr<ImageDataRGBf> randomImage(int w, int h, Profile profile, unsign
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   for (std::uint64_t i = 0; i < image->area(); ++i)
-    image->data()[i] = RGBf(unit(rng), unit(rng), unit(rng));
+    image->data[i] = RGBf(unit(rng), unit(rng), unit(rng));
   return image;
 }
 
@@ -138,7 +138,7 @@ TEST(ColorTransform, WideGamutRoundTripsAreLossless) {
     ASSERT_TRUE(there->colorTransform(back, ColorProfileType::sRGB()));
     float worst = 0.0f;
     for (std::uint64_t i = 0; i < src->area(); ++i) {
-      const RGBf a = src->data()[i], b = back->data()[i];
+      const RGBf a = src->data[i], b = back->data[i];
       worst = std::max({worst, std::fabs(a.r - b.r), std::fabs(a.g - b.g), std::fabs(a.b - b.b)});
     }
     EXPECT_LT(worst, 1e-4f) << wide->name();
@@ -151,15 +151,15 @@ TEST(ColorTransform, ParallelChunksMatchOneTransformCall) {
   using RGB8 = PixelRGB<unsigned char>;
   auto src = std::make_shared<ImageDataRGB8>(_Size<int>(101, 37), ColorProfileType::sRGB());
   for (std::uint64_t i = 0; i < src->area(); ++i)
-    src->data()[i] = RGB8(static_cast<unsigned char>(i), static_cast<unsigned char>(i * 7),
-                          static_cast<unsigned char>(i * 13));
+    src->data[i] = RGB8(static_cast<unsigned char>(i), static_cast<unsigned char>(i * 7),
+                        static_cast<unsigned char>(i * 13));
   std::shared_ptr<ImageDataRGB8> dst;
   ASSERT_TRUE(src->colorTransform(dst, ColorProfileType::proPhotoRGB()));
 
   std::vector<RGB8> reference(src->area());
-  engineTransform(ColorProfileType::sRGB(), ColorProfileType::proPhotoRGB(), TYPE_RGB_8,
-                  src->data(), reference.data(), src->area());
-  EXPECT_EQ(0, std::memcmp(reference.data(), dst->data(), dst->sizeInBytes()));
+  engineTransform(ColorProfileType::sRGB(), ColorProfileType::proPhotoRGB(), TYPE_RGB_8, src->data,
+                  reference.data(), src->area());
+  EXPECT_EQ(0, std::memcmp(reference.data(), dst->data, dst->sizeInBytes()));
 }
 
 TEST(ColorTransform, DestinationIsReusedReplacedOrConvertedInPlace) {
@@ -167,11 +167,11 @@ TEST(ColorTransform, DestinationIsReusedReplacedOrConvertedInPlace) {
   auto src = randomImage(33, 17, ColorProfileType::sRGB());
   std::shared_ptr<ImageDataRGBf> out;
   ASSERT_TRUE(src->colorTransform(out, p3));
-  EXPECT_EQ(out->colorProfile().get(), p3.get());  // the caller's object, not a copy
+  EXPECT_EQ(out->colorProfile.get(), p3.get());  // the caller's object, not a copy
   auto self = std::make_shared<ImageDataRGBf>(*src), alias = self;
   ASSERT_TRUE(self->colorTransform(alias, p3));
   EXPECT_EQ(alias.get(), self.get());
-  EXPECT_EQ(0, std::memcmp(out->data(), self->data(), out->sizeInBytes()));
+  EXPECT_EQ(0, std::memcmp(out->data, self->data, out->sizeInBytes()));
 
   // Without a profile argument the destination's own profile is the target.
   auto same = std::make_shared<ImageDataRGBf>(src->size(), ColorProfileType::sRGBLinear());
@@ -186,14 +186,14 @@ TEST(ColorTransform, DestinationIsReusedReplacedOrConvertedInPlace) {
   ASSERT_TRUE(src->colorTransform(other, icc.data(), icc.size()));
   EXPECT_NE(other.get(), old);
   EXPECT_EQ(other->size(), src->size());
-  EXPECT_TRUE(*other->colorProfile() == *ColorProfileType::sRGBLinear());
+  EXPECT_TRUE(*other->colorProfile == *ColorProfileType::sRGBLinear());
   EXPECT_NEAR(other->at(32, 16).r, srgbToLinear(src->at(32, 16).r), 1e-4f);
 
   // Converting a buffer into its own profile object is a no-op, even for odd values.
   self->at(0, 0) = RGBf(std::numeric_limits<float>::quiet_NaN(), 2.5f, -0.3f);
   const ImageDataRGBf before(*self);
   ASSERT_TRUE(self->colorTransform(alias, p3));
-  EXPECT_EQ(0, std::memcmp(before.data(), self->data(), self->sizeInBytes()));
+  EXPECT_EQ(0, std::memcmp(before.data, self->data, self->sizeInBytes()));
 }
 
 TEST(ColorTransform, UnreadableProfilesFailAndLeaveTheDestinationAlone) {
@@ -217,7 +217,7 @@ TEST(ColorTransform, UnreadableProfilesFailAndLeaveTheDestinationAlone) {
   cmsCloseProfile(lab);
   EXPECT_FALSE(src->colorTransform(dst, labIcc.data(), labIcc.size()));
   EXPECT_EQ(dst.get(), kept);
-  EXPECT_EQ(dst->colorProfile(), ColorProfileType::adobeRGB());
+  EXPECT_EQ(dst->colorProfile, ColorProfileType::adobeRGB());
   EXPECT_EQ(dst->at(7, 7), RGBf(0.25f));
   // Each failure is one line under the public function's signature.
   EXPECT_EQ(log.countEndingWith(" Could not read the ICC profile"), 2u);
@@ -252,7 +252,7 @@ TEST(ColorTransform, OtherPixelTypes) {
   std::shared_ptr<_ImageData<float>> planeOut;
   ASSERT_TRUE(plane->colorTransform(planeOut, ColorProfileType::proPhotoRGB()));
   EXPECT_EQ(planeOut->at(3, 3), 0.5f);
-  EXPECT_EQ(planeOut->colorProfile(), ColorProfileType::proPhotoRGB());
+  EXPECT_EQ(planeOut->colorProfile, ColorProfileType::proPhotoRGB());
 }
 
 // The float path for two matrix-shaper profiles is the library's own; lcms run directly is the
@@ -283,7 +283,7 @@ std::shared_ptr<ImageDataRGBf> uniformImage(Profile profile, float lo, float hi,
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> value(lo, hi);
   for (std::uint64_t i = 0; i < image->area(); ++i)
-    image->data()[i] = RGBf(value(rng), value(rng), value(rng));
+    image->data[i] = RGBf(value(rng), value(rng), value(rng));
   return image;
 }
 
@@ -294,10 +294,10 @@ double worstAgainstEngine(const ImageDataRGBf& src, const Profile& to) {
   EXPECT_TRUE(src.colorTransform(dst, to));
   if (!dst) return std::numeric_limits<double>::infinity();
   std::vector<RGBf> reference(src.area());
-  engineTransform(src.colorProfile(), to, TYPE_RGB_FLT, src.data(), reference.data(), src.area());
+  engineTransform(src.colorProfile, to, TYPE_RGB_FLT, src.data, reference.data(), src.area());
   double worst = 0.0;
   for (std::uint64_t i = 0; i < src.area(); ++i) {
-    const float got[3] = {dst->data()[i].r, dst->data()[i].g, dst->data()[i].b};
+    const float got[3] = {dst->data[i].r, dst->data[i].g, dst->data[i].b};
     const float want[3] = {reference[i].r, reference[i].g, reference[i].b};
     for (int c = 0; c < 3; ++c) {
       if (std::isnan(got[c]) || std::isnan(want[c])) {
@@ -375,9 +375,9 @@ TEST(ColorTransformMatrixShaper, HoldsWhereTheDestinationCurveIsSteep) {
     auto wanted = uniformImage(to, 0.0f, 1.0f, 40);
     std::mt19937 rng(41);
     std::uniform_real_distribution<float> dark(0.0005f, 0.01f);
-    for (std::uint64_t i = 0; i < wanted->area(); ++i) (&wanted->data()[i].r)[i % 3] = dark(rng);
+    for (std::uint64_t i = 0; i < wanted->area(); ++i) (&wanted->data[i].r)[i % 3] = dark(rng);
     auto src = std::make_shared<ImageDataRGBf>(wanted->size(), from);
-    engineTransform(to, from, TYPE_RGB_FLT, wanted->data(), src->data(), src->area());
+    engineTransform(to, from, TYPE_RGB_FLT, wanted->data, src->data, src->area());
     EXPECT_LE(worstAgainstEngine(*src, to), 2e-5);
   }
 }
@@ -387,8 +387,8 @@ TEST(ColorTransformMatrixShaper, AlphaPassesThroughAndRowsConvertAlone) {
   auto rgba = std::make_shared<_ImageData<PixelRGBA<float>>>(rgb->size(), ColorProfileType::sRGB());
   const float alphas[] = {0.0f, 0.5f, 1.0f, -1.0f, 2.5f, std::numeric_limits<float>::quiet_NaN()};
   for (std::uint64_t i = 0; i < rgb->area(); ++i) {
-    const RGBf c = rgb->data()[i];
-    rgba->data()[i] = PixelRGBA<float>(c.r, c.g, c.b, alphas[i % std::size(alphas)]);
+    const RGBf c = rgb->data[i];
+    rgba->data[i] = PixelRGBA<float>(c.r, c.g, c.b, alphas[i % std::size(alphas)]);
   }
   const auto p3 = ColorProfileType::DCI_P3();
   std::shared_ptr<ImageDataRGBf> rgbOut;
@@ -396,17 +396,17 @@ TEST(ColorTransformMatrixShaper, AlphaPassesThroughAndRowsConvertAlone) {
   ASSERT_TRUE(rgb->colorTransform(rgbOut, p3));
   ASSERT_TRUE(rgba->colorTransform(rgbaOut, p3));
   for (std::uint64_t i = 0; i < rgb->area(); ++i) {
-    const PixelRGBA<float> a = rgbaOut->data()[i];
-    ASSERT_EQ(RGBf(a.r, a.g, a.b), rgbOut->data()[i]) << i;
-    ASSERT_EQ(0, std::memcmp(&a.a, &rgba->data()[i].a, sizeof(float))) << i;
+    const PixelRGBA<float> a = rgbaOut->data[i];
+    ASSERT_EQ(RGBf(a.r, a.g, a.b), rgbOut->data[i]) << i;
+    ASSERT_EQ(0, std::memcmp(&a.a, &rgba->data[i].a, sizeof(float))) << i;
   }
   // A single row converted on its own equals that row of the whole image.
   const int y = 37;
-  auto row = std::make_shared<ImageDataRGBf>(_Size<int>(rgb->width(), 1), ColorProfileType::sRGB());
-  std::memcpy(row->data(), rgb->row(y), row->sizeInBytes());
+  auto row = std::make_shared<ImageDataRGBf>(_Size<int>(rgb->width, 1), ColorProfileType::sRGB());
+  std::memcpy(row->data, rgb->row(y), row->sizeInBytes());
   std::shared_ptr<ImageDataRGBf> rowOut;
   ASSERT_TRUE(row->colorTransform(rowOut, p3));
-  EXPECT_EQ(0, std::memcmp(rowOut->data(), rgbOut->row(y), rowOut->sizeInBytes()));
+  EXPECT_EQ(0, std::memcmp(rowOut->data, rgbOut->row(y), rowOut->sizeInBytes()));
 }
 
 TEST(ColorTransformMatrixShaper, TabulatedAndBlackOffsetCurvesFollowTheEngine) {
@@ -455,15 +455,15 @@ TEST(ColorTransformMatrixShaper, LutProfilesKeepTheEnginePath) {
   std::shared_ptr<ImageDataRGBf> dst;
   ASSERT_TRUE(src->colorTransform(dst, ColorProfileType::proPhotoRGB()));
   std::vector<RGBf> reference(src->area());
-  engineTransform(withLut, ColorProfileType::proPhotoRGB(), TYPE_RGB_FLT, src->data(),
+  engineTransform(withLut, ColorProfileType::proPhotoRGB(), TYPE_RGB_FLT, src->data,
                   reference.data(), src->area());
-  EXPECT_EQ(0, std::memcmp(reference.data(), dst->data(), dst->sizeInBytes()));
+  EXPECT_EQ(0, std::memcmp(reference.data(), dst->data, dst->sizeInBytes()));
   // The matrix and curves alone would give something else.
   auto plain = std::make_shared<ImageDataRGBf>(*src);
   plain->setColorProfile(ColorProfileType::sRGB());
   std::shared_ptr<ImageDataRGBf> viaCurves;
   ASSERT_TRUE(plain->colorTransform(viaCurves, ColorProfileType::proPhotoRGB()));
-  EXPECT_NE(0, std::memcmp(viaCurves->data(), dst->data(), dst->sizeInBytes()));
+  EXPECT_NE(0, std::memcmp(viaCurves->data, dst->data, dst->sizeInBytes()));
 }
 
 }  // namespace

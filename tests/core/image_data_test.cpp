@@ -29,7 +29,7 @@ TEST(ImageData, SizesAndEmptyBuffers) {
   RGBf empty(_Size<int>(0, 0));
   EXPECT_EQ(empty.area(), 0u);
   EXPECT_EQ(empty.sizeInBytes(), 0u);
-  EXPECT_EQ(empty.data(), nullptr);
+  EXPECT_EQ(empty.data, nullptr);
   empty.clamp();
   empty.fillRect(PixelRGB<float>(1.0f));
 
@@ -48,16 +48,16 @@ TEST(ImageData, CopiesShareTheProfileAndKeepTheLoadState) {
   src->setColorProfile(profile);
   src->setLoadState(QUARTER_LOADED);
   RGBf copy(*src);
-  EXPECT_EQ(copy.colorProfile().get(), profile.get());
+  EXPECT_EQ(copy.colorProfile.get(), profile.get());
   EXPECT_EQ(copy.getLoadState(), QUARTER_LOADED);
-  EXPECT_NE(copy.data(), src->data());
+  EXPECT_NE(copy.data, src->data);
   EXPECT_EQ(copy.at(7, 5), src->at(7, 5));
 
   RGBf assigned(_Size<int>(2, 2));
   assigned = *src;
   EXPECT_EQ(assigned.size(), src->size());
   EXPECT_EQ(assigned.at(3, 4), src->at(3, 4));
-  EXPECT_NE(assigned.data(), src->data());
+  EXPECT_NE(assigned.data, src->data);
 }
 
 TEST(ImageData, CopyOfRegions) {
@@ -88,9 +88,9 @@ TEST(ImageData, CopyToAndCopyPartTo) {
   EXPECT_EQ(dst->size(), _Size<int>(4, 4));  // empty dst: copy of the region
 
   auto same = std::make_shared<RGBf>(_Size<int>(20, 10), PixelRGB<float>(9.0f));
-  const PixelRGB<float>* kept = same->data();
+  const PixelRGB<float>* kept = same->data;
   src->copyTo(same, _Rect<int>(0, 0, 3, 3));
-  EXPECT_EQ(same->data(), kept);               // array reused
+  EXPECT_EQ(same->data, kept);                 // array reused
   EXPECT_EQ(same->at(19, 9), src->at(19, 9));  // and the whole image copied despite the roi
 
   auto part = std::make_shared<RGBf>(_Size<int>(20, 10), PixelRGB<float>(-1.0f));
@@ -208,9 +208,9 @@ TEST(ImageData, ResizeAndThumbnail) {
   EXPECT_FALSE(ramp->resizeTo(dst, _Size<int>(10, 10), false, _Rect<int>(-5, 0, 20, 20)));
   EXPECT_EQ(log.countEndingWith(" Can't resize image"), 1u);
   ASSERT_TRUE(ramp->resizeTo(dst, _Size<int>(32, 24)));
-  const auto* reused = dst->data();
+  const auto* reused = dst->data;
   ASSERT_TRUE(ramp->resizeTo(dst, _Size<int>(32, 24)));
-  EXPECT_EQ(dst->data(), reused);
+  EXPECT_EQ(dst->data, reused);
 
   _ImageData<PixelRGB<unsigned char>> bytes(_Size<int>(300, 200),
                                             PixelRGB<unsigned char>(10, 20, 200));
@@ -292,7 +292,7 @@ TEST(ImageData, OneThreadEqualsMany) {
   ASSERT_EQ(one.size(), many.size());
   for (std::size_t i = 0; i < one.size(); ++i) {
     ASSERT_EQ(one[i]->size(), many[i]->size());
-    EXPECT_EQ(std::memcmp(one[i]->data(), many[i]->data(), one[i]->sizeInBytes()), 0) << i;
+    EXPECT_EQ(std::memcmp(one[i]->data, many[i]->data, one[i]->sizeInBytes()), 0) << i;
   }
 }
 

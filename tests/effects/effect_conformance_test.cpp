@@ -67,8 +67,8 @@ TEST_P(EffectConformanceTest, ParametersAtTheirBoundsStayFinite) {
     test::setAllParameters(*effect, at);
     const auto output = test::render(*effect, source);
     ASSERT_TRUE(output);
-    for (int y = 0; y < output->height(); ++y) {
-      for (int x = 0; x < output->width(); ++x) {
+    for (int y = 0; y < output->height; ++y) {
+      for (int x = 0; x < output->width; ++x) {
         const auto& p = output->at(x, y);
         ASSERT_TRUE(std::isfinite(p.r) && std::isfinite(p.g) && std::isfinite(p.b))
             << "at " << x << ", " << y;
@@ -93,8 +93,8 @@ TEST_P(EffectConformanceTest, HostileValuesStayInTheirNeighbourhood) {
   const _Rect<int> touched = effect->getOutRectForInRect(_Rect<int>(0, 0, 6, 2));
   const int reachX = touched.x + touched.width;
   const int reachY = touched.y + touched.height;
-  for (int y = 0; y < output->height(); ++y) {
-    for (int x = 0; x < output->width(); ++x) {
+  for (int y = 0; y < output->height; ++y) {
+    for (int x = 0; x < output->width; ++x) {
       if (x < reachX && y < reachY) continue;
       const auto& p = output->at(x, y);
       ASSERT_FALSE(std::isnan(p.r) || std::isnan(p.g) || std::isnan(p.b)) << x << ", " << y;
@@ -117,8 +117,8 @@ TEST_P(EffectConformanceTest, SubRegionMatchesTheFullRender) {
   _Rect<int> needed = effect->getInRectForOutRect(region);
   const int x0 = std::max(needed.x, 0);
   const int y0 = std::max(needed.y, 0);
-  const int x1 = std::min(needed.x + needed.width, source->width());
-  const int y1 = std::min(needed.y + needed.height, source->height());
+  const int x1 = std::min(needed.x + needed.width, source->width);
+  const int y1 = std::min(needed.y + needed.height, source->height);
   needed = _Rect<int>(x0, y0, x1 - x0, y1 - y0);
   const auto crop = source->copy(needed);
   ASSERT_TRUE(crop);

@@ -43,7 +43,7 @@ TEST(MaskBlobWrite, AllOnesStoreAs255AndReadBackAsTheQuantisedValue) {
   ASSERT_EQ(read->size(), _Size<int>(5, 3));
   EXPECT_EQ(read->at(4, 2), readBack(255));
   EXPECT_NE(read->at(0, 0), 1.0f);
-  EXPECT_EQ(read->colorProfile(), nullptr);
+  EXPECT_EQ(read->colorProfile, nullptr);
 }
 
 TEST(MaskBlobWrite, QuantisationClampsAndTruncates) {
@@ -62,8 +62,8 @@ TEST(MaskBlobRoundTrip, BothEnginesReadWhatTheWriterWrote) {
   std::mt19937 random(11);
   std::uniform_real_distribution<float> value(-0.2f, 1.2f);
   MaskImage mask(_Size<int>(137, 61));
-  for (int y = 0; y < mask.height(); ++y)
-    for (int x = 0; x < mask.width(); ++x) mask.at(x, y) = x < 40 ? 0.0f : value(random);
+  for (int y = 0; y < mask.height; ++y)
+    for (int x = 0; x < mask.width; ++x) mask.at(x, y) = x < 40 ? 0.0f : value(random);
   Bytes blob;
   Proxy::compressMask(mask, blob);
   std::vector<std::uint8_t> bytes;
@@ -74,7 +74,7 @@ TEST(MaskBlobRoundTrip, BothEnginesReadWhatTheWriterWrote) {
     Proxy::uncompressMask(blob, read);
     ASSERT_TRUE(read);
     for (std::size_t i = 0; i < bytes.size(); ++i)
-      ASSERT_EQ(read->data()[i], readBack(bytes[i])) << "sample " << i;
+      ASSERT_EQ(read->data[i], readBack(bytes[i])) << "sample " << i;
   }
 }
 
@@ -85,7 +85,7 @@ TEST(MaskBlobRead, UntrackedLayoutBuiltByHand) {
   ASSERT_TRUE(read);
   ASSERT_EQ(read->size(), _Size<int>(2, 3));
   // Stored floats are trusted only as far as a mask goes: NaN to 0, the rest held to [0, 1].
-  EXPECT_EQ(std::vector<float>(read->data(), read->data() + 6),
+  EXPECT_EQ(std::vector<float>(read->data, read->data + 6),
             std::vector<float>({0.0f, 0.125f, 1.0f, 0.75f, 0.0f, 1.0f}));
 }
 
@@ -111,7 +111,7 @@ TEST(MaskBlobRead, ShortStreamLeavesZerosBehindIt) {
     std::shared_ptr<MaskImage> read;
     Proxy::uncompressMask(test::trackedBlob(3, 2, test::zlibStream(Bytes({255, 255}))), read);
     ASSERT_TRUE(read);
-    EXPECT_EQ(std::vector<float>(read->data(), read->data() + 6),
+    EXPECT_EQ(std::vector<float>(read->data, read->data + 6),
               std::vector<float>({readBack(255), readBack(255), 0, 0, 0, 0}));
   }
 }

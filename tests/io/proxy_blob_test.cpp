@@ -48,7 +48,7 @@ TEST(ProxyBlob, RoundTripWithinJpegToleranceForEveryProfileCode) {
     Proxy::uncompress(blob, read);
     ASSERT_TRUE(read) << code;
     EXPECT_EQ(read->size(), frame->size());
-    EXPECT_EQ(read->colorProfile(), profile) << code;
+    EXPECT_EQ(read->colorProfile, profile) << code;
     double worst = 0.0, total = 0.0;
     for (int y = 0; y < 45; ++y)
       for (int x = 0; x < 67; ++x)

@@ -76,7 +76,7 @@ TEST(RasterDecode, JpegMatchesTheReferenceDecoderAndKeepsMetadata) {
   const auto frame = openFrame(path);
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->size(), _Size<int>(2560, 1600));
-  EXPECT_EQ(frame->colorProfile(), ColorProfileType::sRGB());  // the file has no ICC profile
+  EXPECT_EQ(frame->colorProfile, ColorProfileType::sRGB());  // the file has no ICC profile
   int w = 0, h = 0;
   const std::vector<float> reference = magickReference("JPEG:" + path, w, h);
   ASSERT_EQ(_Size<int>(w, h), frame->size());
@@ -156,8 +156,8 @@ TEST(RasterDecode, EveryOrientationIsTurnedUpright) {
     ASSERT_EQ(frame->size(), swaps ? _Size<int>(70, 100) : _Size<int>(100, 70));
     EXPECT_EQ(rasterImageSize(path), frame->size());
     int mismatches = 0;
-    for (int y = 0; y < frame->height(); ++y)
-      for (int x = 0; x < frame->width(); ++x) {
+    for (int y = 0; y < frame->height; ++y)
+      for (int x = 0; x < frame->width; ++x) {
         int sx = 0, sy = 0;
         storedPosition(orientation, x, y, 100, 70, sx, sy);
         mismatches +=
@@ -202,8 +202,8 @@ TEST(RasterDecode, EmbeddedProfilesAreKeptAndDamagedOnesDropped) {
     writeWithMagick(image, coder, path);
     const auto frame = openFrame(path);
     ASSERT_TRUE(frame);
-    ASSERT_TRUE(frame->colorProfile());
-    EXPECT_EQ(frame->colorProfile()->name(), adobe->name()) << coder;
+    ASSERT_TRUE(frame->colorProfile);
+    EXPECT_EQ(frame->colorProfile->name(), adobe->name()) << coder;
   }
 
   // The same JPEG with its profile's colour space field spoilt: pixels kept, sRGB assumed.
@@ -218,7 +218,7 @@ TEST(RasterDecode, EmbeddedProfilesAreKeptAndDamagedOnesDropped) {
   test::LogCapture log;
   const auto frame = openFrame(spoilt);
   ASSERT_TRUE(frame);
-  EXPECT_EQ(frame->colorProfile(), ColorProfileType::sRGB());
+  EXPECT_EQ(frame->colorProfile, ColorProfileType::sRGB());
   EXPECT_NEAR(frame->at(5, 5).g, 0.5f, 2.0f / 255.0f);
   EXPECT_EQ(log.countContaining("embedded ICC profile dropped"), 1u);
 }
@@ -370,9 +370,9 @@ TEST(RasterDecode, LargeSamples) {
   ASSERT_EQ(reader.openImage(canon, {-1, -1}), kImageReaderOk);
   const auto frame = reader.getOpenedImage()->workingImage();
   EXPECT_EQ(frame->size(), _Size<int>(5760, 3840));
-  ASSERT_TRUE(frame->colorProfile());
-  EXPECT_NE(frame->colorProfile(), ColorProfileType::sRGB());
-  EXPECT_TRUE(frame->colorProfile()->isValid());
+  ASSERT_TRUE(frame->colorProfile);
+  EXPECT_NE(frame->colorProfile, ColorProfileType::sRGB());
+  EXPECT_TRUE(frame->colorProfile->isValid());
 
   ASSERT_EQ(reader.openImage(dji, {-1, -1}), kImageReaderOk);
   const auto grey = reader.getOpenedImage()->workingImage();

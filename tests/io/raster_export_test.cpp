@@ -91,7 +91,7 @@ TEST(Export, ProfileResizeOrientationAndPages) {
   const auto back = reopen(p.path);
   ASSERT_TRUE(back);
   EXPECT_EQ(back->size(), _Size<int>(100, 50));
-  EXPECT_EQ(back->colorProfile()->name(), ColorProfileType::adobeRGB()->name());
+  EXPECT_EQ(back->colorProfile->name(), ColorProfileType::adobeRGB()->name());
   // Converting the written pixels back to sRGB gives the source colours again.
   std::shared_ptr<ImageFrame> srgb;
   ASSERT_TRUE(back->colorTransform(srgb, ColorProfileType::sRGB()));

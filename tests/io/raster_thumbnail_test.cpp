@@ -32,8 +32,8 @@ TEST(Thumbnail, NeverLargerThanAskedAndUpright) {
         EXPECT_EQ(thumb->getLoadState(), THUMBNAIL);
         // Aspect kept within a pixel of rounding.
         const _Size<int> full = path == tiff ? _Size<int>(2147, 1027) : _Size<int>(2560, 1600);
-        EXPECT_NEAR(double(thumb->width()) / thumb->height(), double(full.width) / full.height,
-                    2.0 / std::min(thumb->width(), thumb->height()));
+        EXPECT_NEAR(double(thumb->width) / thumb->height, double(full.width) / full.height,
+                    2.0 / std::min(thumb->width, thumb->height));
       }
       const auto native = getThumbnailNative(path, box, true);
       ASSERT_TRUE(native);
@@ -65,8 +65,8 @@ TEST(Thumbnail, SourcesPreviewsAndDctScales) {
   int w = 0, h = 0;
   const std::vector<float> full = magickReference("JPEG:" + ripple, w, h);
   double mean = 0.0, referenceMean = 0.0;
-  for (int y = 0; y < scaled->height(); ++y)
-    for (int x = 0; x < scaled->width(); ++x) mean += scaled->at(x, y).g;
+  for (int y = 0; y < scaled->height; ++y)
+    for (int x = 0; x < scaled->width; ++x) mean += scaled->at(x, y).g;
   for (std::size_t i = 1; i < full.size(); i += 3) referenceMean += full[i];
   EXPECT_NEAR(mean / double(scaled->area()), referenceMean / double(full.size() / 3), 0.01);
 }
@@ -125,7 +125,7 @@ TEST(Thumbnail, RawFilesWithoutAFittingPreviewUseTheHalfSizeDecode) {
       const auto thumb = getThumbnailBySize(dng, box, highQuality);
       ASSERT_TRUE(thumb);
       EXPECT_TRUE(fitsInside(thumb->size(), box));
-      EXPECT_GT(thumb->width(), 0);
+      EXPECT_GT(thumb->width, 0);
       EXPECT_EQ(thumb->getLoadState(), THUMBNAIL);
     }
     const auto native = getThumbnailNative(dng, box, true);

@@ -92,11 +92,11 @@ TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
   ASSERT_TRUE(full);
   EXPECT_EQ(full->getLoadState(), FULL_LOADED);
   EXPECT_EQ(full->size(), result.image->size());
-  EXPECT_EQ(full->colorProfile(), ColorProfileType::melissaRGB());
+  EXPECT_EQ(full->colorProfile, ColorProfileType::melissaRGB());
   EXPECT_EQ(source->errorCode(), kImageReaderOk);
   double sum = 0;
-  for (int y = 0; y < full->height(); y += 7)
-    for (int x = 0; x < full->width(); x += 7) {
+  for (int y = 0; y < full->height; y += 7)
+    for (int x = 0; x < full->width; x += 7) {
       const PixelRGB<float>& p = full->at(x, y);
       ASSERT_TRUE(p.r >= 0.0f && p.r <= 1.0f && p.g >= 0.0f && p.g <= 1.0f && p.b >= 0.0f &&
                   p.b <= 1.0f);
@@ -122,7 +122,7 @@ TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
   const auto [code, synced, metadata] = dngImageRead(dng);
   ASSERT_EQ(code, kImageReaderOk);
   ASSERT_EQ(synced->size(), full->size());
-  EXPECT_EQ(std::memcmp(synced->data(), full->data(), full->sizeInBytes()), 0);
+  EXPECT_EQ(std::memcmp(synced->data, full->data, full->sizeInBytes()), 0);
   EXPECT_EQ(metadata->cameraModel, "Pocket Cinema Camera 4K");
 }
 

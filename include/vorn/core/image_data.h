@@ -15,10 +15,20 @@ namespace vorn {
 /// A width x height row-major pixel array (stride = width) drawn from MemoryManager, with a
 /// shared colour profile and a load state. Held through std::shared_ptr; every operation that
 /// makes a new buffer returns a new one. A region argument of (0, 0, 0, 0) means the whole image.
+/// Host code reads the public fields directly (img->data[y * img->width + x]); a member cannot
+/// also be a function of the same name, so width, height and colorProfile are read as fields.
 template <typename T>
 class _ImageData {
  public:
   using PixelType = T;
+
+  int width = 0;
+  int height = 0;
+  /// width x height pixels from MemoryManager, owned by the buffer; null when empty.
+  T* data = nullptr;
+  /// Shared between copies; empty means no profile.
+  std::shared_ptr<ColorProfile> colorProfile;
+  ImageLoadState loadState = FULL_LOADED;
 
   /// Pixels are not cleared. Negative sides give an empty 0 x 0 buffer and a log line;
   /// std::bad_alloc when the pool cannot supply the bytes.
@@ -32,28 +42,23 @@ class _ImageData {
   _ImageData& operator=(_ImageData&& other) noexcept;
   ~_ImageData();
 
-  _Size<int> size() const { return _Size<int>(width_, height_); }
-  int width() const { return width_; }
-  int height() const { return height_; }
-  _Rect<int> rect() const { return _Rect<int>(0, 0, width_, height_); }
+  _Size<int> size() const { return _Size<int>(width, height); }
+  _Rect<int> rect() const { return _Rect<int>(0, 0, width, height); }
   std::uint64_t area() const {
-    return static_cast<std::uint64_t>(width_) * static_cast<std::uint64_t>(height_);
+    return static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height);
   }
   std::uint64_t sizeInBytes() const { return area() * sizeof(T); }
   std::uint64_t sizeInMBytes() const { return sizeInBytes() >> 20; }
-  bool empty() const { return data_ == nullptr; }
+  bool empty() const { return data == nullptr; }
 
-  T* data() { return data_; }
-  const T* data() const { return data_; }
-  T* row(int y) { return data_ + static_cast<std::ptrdiff_t>(y) * width_; }
-  const T* row(int y) const { return data_ + static_cast<std::ptrdiff_t>(y) * width_; }
+  T* row(int y) { return data + static_cast<std::ptrdiff_t>(y) * width; }
+  const T* row(int y) const { return data + static_cast<std::ptrdiff_t>(y) * width; }
   T& at(int x, int y) { return row(y)[x]; }
   const T& at(int x, int y) const { return row(y)[x]; }
 
-  std::shared_ptr<ColorProfile> colorProfile() const { return colorProfile_; }
-  void setColorProfile(std::shared_ptr<ColorProfile> profile) { colorProfile_ = std::move(profile); }
-  ImageLoadState getLoadState() const { return loadState_; }
-  void setLoadState(ImageLoadState state) { loadState_ = state; }
+  void setColorProfile(std::shared_ptr<ColorProfile> profile) { colorProfile = std::move(profile); }
+  ImageLoadState getLoadState() const { return loadState; }
+  void setLoadState(ImageLoadState state) { loadState = state; }
   /// Same size and profiles equal by name (two missing profiles are equal).
   bool isSameType(const _ImageData& other) const;
 
@@ -105,12 +110,6 @@ class _ImageData {
  private:
   void allocate(_Size<int> size);
   void release();
-
-  int width_ = 0;
-  int height_ = 0;
-  T* data_ = nullptr;
-  std::shared_ptr<ColorProfile> colorProfile_;
-  ImageLoadState loadState_ = FULL_LOADED;
 };
 
 extern template class _ImageData<float>;

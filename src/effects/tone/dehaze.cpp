@@ -56,11 +56,11 @@ std::array<float, 3> airlight(const detail::ImageRGBf& image) {
   // Deterministic: the same sum, to the last bit, whatever the number of threads.
   constexpr int kRowsPerTask = 16;
   const Sum sum = detail::deterministicReduce(
-      image.height(), kRowsPerTask, Sum{},
+      image.height, kRowsPerTask, Sum{},
       [&](int first, int end, Sum s) {
         for (int y = first; y < end; ++y) {
           const PixelRGB<float>* row = image.row(y);
-          for (int x = 0; x < image.width(); ++x) {
+          for (int x = 0; x < image.width; ++x) {
             if (pixelMinimum(row[x]) < cut) continue;
             s[0] += finiteUnit(row[x].r);
             s[1] += finiteUnit(row[x].g);
@@ -88,8 +88,8 @@ std::array<float, 3> airlight(const detail::ImageRGBf& image) {
 /// J = (I - A) / t + A with t the refined transmission of the dark channel.
 bool dehaze(const detail::ImageRGBf& source, detail::ImageRGBf& destination,
             const std::array<float, 3>& light, float strength, float scale) {
-  const int width = source.width();
-  const int height = source.height();
+  const int width = source.width;
+  const int height = source.height;
 
   Plane dark(width, height), guide(width, height);
   detail::parallelRows(height, [&](int first, int end) {

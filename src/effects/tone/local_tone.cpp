@@ -23,12 +23,12 @@ constexpr float kFilterCeiling = 256.0f;
 
 /// Finite luminance per pixel (NaN as 0) in the domain the curve works in.
 Plane luminancePlane(const detail::ImageRGBf& image, GainDomain domain) {
-  Plane plane(image.width(), image.height());
-  detail::parallelRows(image.height(), [&](int first, int end) {
+  Plane plane(image.width, image.height);
+  detail::parallelRows(image.height, [&](int first, int end) {
     for (int y = first; y < end; ++y) {
       const PixelRGB<float>* in = image.row(y);
       float* out = plane.row(y);
-      for (int x = 0; x < image.width(); ++x) {
+      for (int x = 0; x < image.width; ++x) {
         float luma = 0.2126f * in[x].r + 0.7152f * in[x].g + 0.0722f * in[x].b;
         luma = luma > 0.0f ? luma : 0.0f;
         luma = luma < kFilterCeiling ? luma : kFilterCeiling;
@@ -163,13 +163,13 @@ bool boostDetail(const detail::ImageRGBf& source, detail::ImageRGBf& destination
   Plane base;
   detail::guidedFilter(luma, luma, detail::scaledRadius(kDetailRadius, scale), kDetailEps, base);
   constexpr float kShadowKnee = 0.05f;
-  detail::parallelRows(source.height(), [&](int first, int end) {
+  detail::parallelRows(source.height, [&](int first, int end) {
     for (int y = first; y < end; ++y) {
       const PixelRGB<float>* in = source.row(y);
       PixelRGB<float>* out = destination.row(y);
       const float* l = luma.row(y);
       const float* b = base.row(y);
-      for (int x = 0; x < source.width(); ++x) {
+      for (int x = 0; x < source.width; ++x) {
         const float weight = b[x] / (b[x] + kShadowKnee);
         const float boosted = b[x] + (l[x] - b[x]) * (1.0f + boost * weight);
         const float key = l[x] > detail::kMinKey ? l[x] : detail::kMinKey;

@@ -207,8 +207,8 @@ void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const Image
                     const float* keys, ImageRGBf& destination) {
   constexpr std::size_t kBlock = 512;
   const bool hdr = domain == GainDomain::Hdr;
-  const auto width = static_cast<std::size_t>(source.width());
-  parallelRows(source.height(), [&](int first, int end) {
+  const auto width = static_cast<std::size_t>(source.width);
+  parallelRows(source.height, [&](int first, int end) {
     alignas(64) float limited[kBlock];
     alignas(64) float argument[kBlock];
     alignas(64) float mapped[kBlock];
@@ -216,10 +216,10 @@ void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const Image
     const std::size_t stop = static_cast<std::size_t>(end) * width;
     for (std::size_t start = begin; start < stop; start += kBlock) {
       const std::size_t count = std::min(kBlock, stop - start);
-      const float* pixels = &source.data()[start].r;
+      const float* pixels = &source.data[start].r;
       prepareKeys(pixels, keys ? keys + start : nullptr, limited, argument, count, hdr);
       applyToneCurve(curve, argument, mapped, count);
-      applyGains(pixels, limited, mapped, &destination.data()[start].r, count, hdr);
+      applyGains(pixels, limited, mapped, &destination.data[start].r, count, hdr);
     }
   });
 }

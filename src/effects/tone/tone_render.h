@@ -44,11 +44,11 @@ std::vector<std::uint64_t> histogram(const ImageRGBf& image, std::size_t bins, c
   tbb::combinable<std::vector<std::uint64_t>> partial(
       [bins] { return std::vector<std::uint64_t>(bins, 0); });
   const float scale = static_cast<float>(bins - 1);
-  parallelRows((image.height() + step - 1) / step, [&](int first, int end) {
+  parallelRows((image.height + step - 1) / step, [&](int first, int end) {
     std::vector<std::uint64_t>& counts = partial.local();
-    for (int y = first * step; y < end * step && y < image.height(); y += step) {
+    for (int y = first * step; y < end * step && y < image.height; y += step) {
       const PixelRGB<float>* row = image.row(y);
-      for (int x = 0; x < image.width(); x += step) {
+      for (int x = 0; x < image.width; x += step) {
         const float v = value(row[x]);
         if (!(v == v)) continue;
         ++counts[static_cast<std::size_t>((v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f) * scale)];

@@ -57,8 +57,8 @@ bool writeFloatTiff(const ImageFrame& frame, const std::string& file, std::strin
     return false;
   }
   TIFF* t = tiff.get();
-  const auto width = static_cast<std::uint32_t>(frame.width());
-  const auto height = static_cast<std::uint32_t>(frame.height());
+  const auto width = static_cast<std::uint32_t>(frame.width);
+  const auto height = static_cast<std::uint32_t>(frame.height);
   TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
   TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
   TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
@@ -70,7 +70,7 @@ bool writeFloatTiff(const ImageFrame& frame, const std::string& file, std::strin
   TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
   TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_FLOATINGPOINT);
   TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
-  const auto profile = frame.colorProfile() ? frame.colorProfile() : ColorProfileType::sRGB();
+  const auto profile = frame.colorProfile ? frame.colorProfile : ColorProfileType::sRGB();
   if (profile && !profile->iccProfile().empty())
     TIFFSetField(t, TIFFTAG_ICCPROFILE, static_cast<std::uint32_t>(profile->iccProfile().size()),
                  profile->iccProfile().data());

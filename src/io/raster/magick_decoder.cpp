@@ -110,7 +110,7 @@ RasterStatus decodeWithMagick(const std::uint8_t* data, std::size_t size, Raster
   // Alpha is dropped rather than composited: the editor has no background to composite onto.
   status = guarded("decode", name, [&] {
     image.write(0, 0, image.columns(), image.rows(), "RGB", Magick::FloatPixel,
-                decoded.frame->data());
+                decoded.frame->data);
   });
   if (!status.ok()) decoded.frame.reset();
   return status;

@@ -46,8 +46,8 @@ constexpr int kTileColumns = 64;
 template <typename Src, typename Convert>
 void remapOriented(const Src* src, _Size<int> stored, std::ptrdiff_t stride, int orientation,
                    ImageFrame& dst, Convert convert) {
-  const int width = dst.width();
-  parallelRows(dst.height(), [&](int first, int end) {
+  const int width = dst.width;
+  parallelRows(dst.height, [&](int first, int end) {
     if (!orientationSwapsAxes(orientation)) {
       for (int y = first; y < end; ++y) {
         const RowWalk walk = rowWalk(orientation, y, stored.width, stored.height, stride);
@@ -111,10 +111,9 @@ void convertRgb8Oriented(const std::uint8_t* src, _Size<int> stored, std::size_t
 
 std::shared_ptr<ImageFrame> orientFrame(const ImageFrame& src, int orientation) {
   orientation = normalizedOrientation(orientation);
-  auto dst =
-      std::make_shared<ImageFrame>(orientedSize(src.size(), orientation), src.colorProfile());
+  auto dst = std::make_shared<ImageFrame>(orientedSize(src.size(), orientation), src.colorProfile);
   dst->setLoadState(src.getLoadState());
-  remapOriented(src.data(), src.size(), src.width(), orientation, *dst,
+  remapOriented(src.data, src.size(), src.width, orientation, *dst,
                 [](const PixelRGB<float>& p) { return p; });
   return dst;
 }

@@ -41,7 +41,7 @@ _Size<int> exportSize(_Size<int> frame, const ExportParameters& p) {
 // [0, 1] (NaN to 0). Null with a reason when a step fails.
 std::shared_ptr<ImageFrame> preparePixels(const ImageFrame& frame, const ExportParameters& p,
                                           std::string& reason) {
-  const auto source = frame.colorProfile() ? frame.colorProfile() : ColorProfileType::sRGB();
+  const auto source = frame.colorProfile ? frame.colorProfile : ColorProfileType::sRGB();
   const auto target = p.colorProfile ? p.colorProfile : source;
   std::shared_ptr<ImageFrame> pixels;
   const _Size<int> size = exportSize(frame.size(), p);
@@ -170,12 +170,12 @@ bool ImageMagickReader::writeImagesToFile(
       std::string reason;
       const auto pixels = preparePixels(*frame, parameters, reason);
       if (!pixels) return failExport(__PRETTY_FUNCTION__, path, "pixels", reason);
-      Magick::Image image(static_cast<std::size_t>(pixels->width()),
-                          static_cast<std::size_t>(pixels->height()), "RGB", Magick::FloatPixel,
-                          pixels->data());
+      Magick::Image image(static_cast<std::size_t>(pixels->width),
+                          static_cast<std::size_t>(pixels->height), "RGB", Magick::FloatPixel,
+                          pixels->data);
       flipRotateImage(image, parameters);
       SetAdditionalExportParams(image, parameters);
-      const Blob& icc = pixels->colorProfile()->iccProfile();
+      const Blob& icc = pixels->colorProfile->iccProfile();
       if (!icc.empty()) image.iccColorProfile(Magick::Blob(icc.data(), icc.size()));
       if (images.empty())
         firstSize = _Size<int>(static_cast<int>(image.columns()), static_cast<int>(image.rows()));

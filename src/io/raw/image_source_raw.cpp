@@ -94,14 +94,14 @@ std::shared_ptr<ImageFrame> ImageSourceRawBase::createImage(const _Size<int>& si
     return {};
   }
   // The quarter frame covers the whole image at a smaller scale: map the region onto it.
-  const double sx = static_cast<double>(frame->width()) / whole.width;
-  const double sy = static_cast<double>(frame->height()) / whole.height;
-  const int left = std::clamp(static_cast<int>(std::floor(region.x * sx)), 0, frame->width() - 1);
-  const int top = std::clamp(static_cast<int>(std::floor(region.y * sy)), 0, frame->height() - 1);
+  const double sx = static_cast<double>(frame->width) / whole.width;
+  const double sy = static_cast<double>(frame->height) / whole.height;
+  const int left = std::clamp(static_cast<int>(std::floor(region.x * sx)), 0, frame->width - 1);
+  const int top = std::clamp(static_cast<int>(std::floor(region.y * sy)), 0, frame->height - 1);
   const int right = std::clamp(static_cast<int>(std::ceil((region.x + region.width) * sx)),
-                               left + 1, frame->width());
+                               left + 1, frame->width);
   const int bottom = std::clamp(static_cast<int>(std::ceil((region.y + region.height) * sy)),
-                                top + 1, frame->height());
+                                top + 1, frame->height);
   const _Rect<int> mapped(left, top, right - left, bottom - top);
   const _Size<int> target = (size.width == 0 && size.height == 0) ? region.size() : size;
   if (target == mapped.size()) return frame->copy(mapped);
