@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!frame) return 0;
   if (frame->empty()) __builtin_trap();
   // Raster frames hold values in [0, 1]; raw frames are finite.
-  const float* values = &frame->data()->r;
+  const float* values = &frame->data->r;
   for (std::uint64_t i = 0; i < frame->area() * 3; ++i)
     if (!(values[i] >= 0.0f && values[i] <= 1.0f + 1e-6f)) __builtin_trap();
   return 0;

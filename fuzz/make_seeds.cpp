@@ -58,17 +58,17 @@ int main(int argc, char** argv) {
     save(root / "mask_blob", "tracked_" + std::to_string(size), tracked);
 
     Bytes untracked;
-    for (int side : {mask.width(), mask.height()})
+    for (int side : {mask.width, mask.height})
       for (int i = 0; i < 4; ++i) untracked.push_back(static_cast<std::uint8_t>(side >> (8 * i)));
-    const Bytes stream = deflate(mask.data(), mask.sizeInBytes());
+    const Bytes stream = deflate(mask.data, mask.sizeInBytes());
     untracked.insert(untracked.end(), stream.begin(), stream.end());
     save(root / "mask_blob", "untracked_" + std::to_string(size), untracked);
 
     vorn::_ImageData<vorn::PixelRGB<float>> frame(vorn::_Size<int>(size, size / 2 + 1),
                                                   vorn::ColorProfileType::sRGB());
-    for (int y = 0; y < frame.height(); ++y)
-      for (int x = 0; x < frame.width(); ++x)
-        frame.at(x, y) = vorn::PixelRGB<float>(mask.at(x % mask.width(), y % mask.height()), 0.3f,
+    for (int y = 0; y < frame.height; ++y)
+      for (int x = 0; x < frame.width; ++x)
+        frame.at(x, y) = vorn::PixelRGB<float>(mask.at(x % mask.width, y % mask.height), 0.3f,
                                                static_cast<float>(x) / static_cast<float>(size));
     Bytes proxy;
     vorn::ImageCompressorProxy::compress(frame, proxy);

@@ -16,9 +16,9 @@ using Exception = vorn::ImageCompressorLosslessZlib::CompressorException;
 void check(const std::shared_ptr<vorn::MaskImage>& mask, std::uint32_t width,
            std::uint32_t height) {
   if (!mask) return;
-  if (mask->width() != static_cast<int>(width) || mask->height() != static_cast<int>(height))
+  if (mask->width != static_cast<int>(width) || mask->height != static_cast<int>(height))
     __builtin_trap();
-  const float* values = mask->data();
+  const float* values = mask->data;
   for (std::uint64_t i = 0; i < mask->area(); ++i)
     if (!(values[i] >= 0.0f && values[i] <= 1.0000002f)) __builtin_trap();
 }

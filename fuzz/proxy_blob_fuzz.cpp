@@ -29,8 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<std::uint8_t> blob(data, data + size);
   std::shared_ptr<Frame> image;
   vorn::ImageCompressorProxy::uncompress(blob, image);
-  if (image && (size < 12 || image->width() != static_cast<int>(vorn::detail::getU32(data)) ||
-                image->height() != static_cast<int>(vorn::detail::getU32(data + 4))))
+  if (image && (size < 12 || image->width != static_cast<int>(vorn::detail::getU32(data)) ||
+                image->height != static_cast<int>(vorn::detail::getU32(data + 4))))
     __builtin_trap();
   return 0;
 }

@@ -31,7 +31,9 @@ void toneCurveScalar(const ToneCurveLookup& lookup, const float* in, float* out,
 // GCC 12's intrinsic headers seed results with self-initialised "undefined" vectors, which
 // -Wmaybe-uninitialized reports in every caller; the values are always overwritten.
 #pragma GCC diagnostic push
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 // The table branch is computed for every lane with x limited to [0, threshold], which keeps
 // the index inside the table, and the line replaces it where x is above the threshold.
