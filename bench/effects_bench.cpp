@@ -9,7 +9,7 @@
 #include "bench_data.h"
 #include "bench_floor.h"
 #include "core/parallel.h"
-#include "effects/tone/tone_curve.h"
+#include "effects/kernels/tone_curve.h"
 #include "effects/tone/tone_shapes.h"
 #include "vorn/core/image_data.h"
 #include "vorn/effects/effect_factory.h"

@@ -160,7 +160,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   const auto started = std::chrono::steady_clock::now();
   std::shared_ptr<const ImageFrame> frame = decodeFullFrame(options.input, err);
   if (!frame) return kExitFailed;
-  frame = runEffectChain(std::move(frame), effects, error);
+  frame = applyEffects(std::move(frame), effects, error);
   if (!frame) {
     err << "vorn apply: " << error << '\n';
     return kExitFailed;

@@ -4,8 +4,10 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <new>
 #include <sstream>
 
+#include "vorn/effects/effect_chain.h"
 #include "vorn/effects/effect_factory.h"
 
 namespace vorn::cli {
@@ -110,33 +112,35 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
   return effect;
 }
 
-std::shared_ptr<const _ImageData<PixelRGB<float>>> runEffectChain(
+std::shared_ptr<const _ImageData<PixelRGB<float>>> applyEffects(
     std::shared_ptr<const _ImageData<PixelRGB<float>>> frame,
     const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
   if (!frame) {
     error = "there is no image to process";
     return nullptr;
   }
+  const bool idle = std::none_of(effects.begin(), effects.end(),
+                                 [](const auto& effect) { return effect->isNeedProcessing(); });
+  if (idle) return frame;
   auto context = std::make_shared<EffectContext>();
   context->imageSize = frame->size();
-  for (const std::shared_ptr<Effect>& effect : effects) {
-    if (!effect->isNeedProcessing()) continue;
-    effect->setContext(context);
-    auto output = std::make_shared<_ImageData<PixelRGB<float>>>(frame->size());
-    if (!output->data) {
-      error = "not enough memory for a " + std::to_string(frame->width) + "x" +
-              std::to_string(frame->height) + " frame";
-      return nullptr;
-    }
-    output->setColorProfile(frame->colorProfile);
-    EffectCallContext call(frame, output, frame, frame->rect(), nullptr, nullptr);
-    if (!effect->processImageWrapper(call)) {
-      error = "effect \"" + effect->id() + "\" failed";
-      return nullptr;
-    }
-    frame = std::move(output);
+  for (const std::shared_ptr<Effect>& effect : effects) effect->setContext(context);
+  std::shared_ptr<_ImageData<PixelRGB<float>>> output;
+  try {
+    output = std::make_shared<_ImageData<PixelRGB<float>>>(frame->size(), frame->colorProfile);
+  } catch (const std::bad_alloc&) {
+    error = "not enough memory for a " + std::to_string(frame->width) + "x" +
+            std::to_string(frame->height) + " frame";
+    return nullptr;
   }
-  return frame;
+  EffectCallContext call(frame, output, nullptr, {}, nullptr, nullptr);
+  const EffectChainResult result = runEffectChain(effects, call);
+  if (result.status != EffectChainStatus::Done) {
+    error = result.failedEffect.empty() ? "the effects could not be applied (out of memory)"
+                                        : "effect \"" + result.failedEffect + "\" failed";
+    return nullptr;
+  }
+  return output;
 }
 
 }  // namespace vorn::cli

@@ -12,9 +12,9 @@
 
 #include "core/log_failure.h"
 #include "core/log_internal.h"
-#include "effects/tone/tone_tables.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/log.h"
+#include "vorn/effects/effect_factory.h"
 
 namespace vorn::detail {
 
@@ -120,7 +120,7 @@ void announce(const char* step) {
 void initDataStore(const SVornContext* context) {
   announce("datastore init");
   DataStore& store = DataStore::instance();
-  if (context) {
+  if (context && !context->dataFolder.empty()) {
     store.loadFromFolder(context->dataFolder);
     detail::reportSettingsLoadError();
   }
@@ -171,24 +171,21 @@ bool loadContextFromText(const std::string& text, SVornContext& context) {
 InitErrorCode vornInit() {
   initDataStore(nullptr);
   initParallelLayer();
-  detail::toneTables();  // built here so that no render pays for them
+  EffectFactory::initializeEffects();
   announce("vorn initialized");
   return kInitOk;
 }
 
+// The context is kept whatever its folders hold: without a data folder the settings keep
+// their defaults and InitLog writes no log file.
 InitErrorCode vornInit(const SVornContext& context) {
-  // Without a data folder there is nowhere for the settings and the log; refused up front.
-  if (context.dataFolder.empty()) {
-    VORN_LOG_FAILURE("Context has no data folder");
-    return kInitBadContext;
-  }
   {
     std::lock_guard lock(gStateMutex);
     gContext = std::make_shared<SVornContext>(context);
   }
   initDataStore(&context);
   initParallelLayer();
-  detail::toneTables();  // built here so that no render pays for them
+  EffectFactory::initializeEffects();
   announce("vorn initialized");
   return kInitOk;
 }

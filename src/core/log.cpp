@@ -298,8 +298,11 @@ void reportSettingsLoadError() {
 
 }  // namespace detail
 
+// A context without a data folder has nowhere to keep a log file: the console stream only.
 void InitLog(const SVornContext& context) {
-  Logger::Initialize(AppendPath(context.dataFolder, "Logs"), context.logFlags);
+  const unsigned flags =
+      context.dataFolder.empty() ? (context.logFlags & ~kLogToFile) : context.logFlags;
+  Logger::Initialize(AppendPath(context.dataFolder, "Logs"), flags);
 }
 
 void InitLog(const std::string& folder) {

@@ -1,7 +1,9 @@
 #include "vorn/effects/effect.h"
 
+#include <algorithm>
 #include <iostream>
 
+#include "effects/kernels/spatial.h"
 #include "vorn/core/log.h"
 #include "vorn/effects/effect_factory.h"
 
@@ -102,6 +104,14 @@ float Effect::mappedValue(std::size_t index, float atMin, float atMid, float atM
 
 float Effect::renderScale() const {
   return context_ && context_->scale > 0.0f ? context_->scale : 1.0f;
+}
+
+float Effect::spatialScale() const {
+  if (context_ && context_->imageSize.width > 0 && context_->imageSize.height > 0) {
+    return static_cast<float>(std::min(context_->imageSize.width, context_->imageSize.height)) /
+           detail::kReferenceShortSide;
+  }
+  return renderScale();
 }
 
 }  // namespace vorn

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "effects/tone/tone_tables.h"
 #include "vorn/effects/color_effects.h"
 #include "vorn/effects/creative_effects.h"
 #include "vorn/effects/detail_effects.h"
@@ -21,6 +22,12 @@ std::shared_ptr<Effect> make() {
 }
 
 }  // namespace
+
+// One line per effect family that keeps tables between calls.
+void EffectFactory::initializeEffects() {
+  instance();
+  detail::initializeToneEffects();
+}
 
 const EffectFactory& EffectFactory::instance() {
   static const EffectFactory factory;

@@ -1,9 +1,7 @@
 #include "vorn/effects/effects_array.h"
 
-#include <array>
-#include <new>
-
-#include "effects/render.h"
+#include "vorn/core/processing_status.h"
+#include "vorn/effects/effect_chain.h"
 #include "vorn/effects/effect_factory.h"
 
 namespace vorn {
@@ -67,44 +65,11 @@ std::vector<std::shared_ptr<Effect>> EffectsArrayBase::configuredInnerEffects() 
   return configured;
 }
 
-namespace {
-
-/// Runs the effects one after another, ping-ponging between two intermediate buffers.
-bool runChain(const std::vector<std::shared_ptr<Effect>>& active, EffectCallContext& call) {
-  std::array<std::shared_ptr<detail::ImageRGBf>, 2> scratch;
-  std::shared_ptr<const detail::ImageRGBf> current = call.source;
-  for (std::size_t k = 0; k < active.size(); ++k) {
-    std::shared_ptr<detail::ImageRGBf> target = call.destination;
-    if (k + 1 < active.size()) {
-      auto& buffer = scratch[k % 2];
-      if (!buffer) {
-        buffer =
-            std::make_shared<detail::ImageRGBf>(call.source->size(), call.source->colorProfile);
-      }
-      target = buffer;
-    }
-    EffectCallContext step(current, target, call.reference, call.roi, call.image, call.cancel);
-    if (!active[k]->processImage(step)) return false;
-    current = target;
-  }
-  return true;
-}
-
-}  // namespace
-
 bool EffectsArrayBase::processImage(EffectCallContext& call) {
-  if (!detail::prepareDestination(call)) return false;
-  std::vector<std::shared_ptr<Effect>> active = configuredInnerEffects();
-  std::erase_if(active,
-                [](const std::shared_ptr<Effect>& effect) { return !effect->isNeedProcessing(); });
-  if (active.empty()) return detail::copySourceToDestination(call);
-
-  // Running out of memory for the intermediate buffers fails the call instead of throwing.
-  try {
-    return runChain(active, call);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  const EffectChainResult result = runEffectChain(configuredInnerEffects(), call);
+  // A cancelled group unwinds its owner's render too.
+  if (result.status == EffectChainStatus::Cancelled) throw ImageProcessingStatus::cancelException();
+  return result.status == EffectChainStatus::Done;
 }
 
 void EffectsArrayBase::clearCache() {

@@ -162,9 +162,21 @@ TEST_F(LibraryTest, InitAnnouncesStepsAndKeepsContext) {
   EXPECT_EQ(capture->messages().size(), 10u);
 }
 
-TEST_F(LibraryTest, EmptyDataFolderIsRefused) {
-  EXPECT_EQ(vornInit(SVornContext("", "resources")), kInitBadContext);
-  EXPECT_FALSE(getVornContext());
+TEST_F(LibraryTest, ContextWithoutDataFolderIsKeptAndLogsWithoutAFile) {
+  const SVornContext context("", "resources");
+  EXPECT_EQ(vornInit(context), kInitOk);
+  const auto stored = getVornContext();
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(*stored, context);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_.path());
+  InitLog(*stored);
+  Logger::LogInstance().LogAlways(ModuleName::Global, "running without a data folder");
+  const std::string logFile = Logger::logFileName();
+  UnInitLog();
+  std::filesystem::current_path(before);
+  EXPECT_TRUE(logFile.empty()) << logFile;
+  EXPECT_FALSE(std::filesystem::exists(dir_.path() / "Logs"));
 }
 
 TEST_F(LibraryTest, MissingSettingsFileWarnsOnceInTheLaterLog) {

@@ -7,7 +7,9 @@
 #include <set>
 
 #include "effects/effect_test_support.h"
+#include "vorn/core/processing_status.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/effects/stencil_effect.h"
 
 namespace vorn {
 namespace {
@@ -126,6 +128,72 @@ TEST_P(EffectConformanceTest, SubRegionMatchesTheFullRender) {
   ASSERT_TRUE(part);
   EXPECT_LE(test::maxDifference(*full, *part, region, region.x - needed.x, region.y - needed.y),
             1e-4f);
+}
+
+TEST_P(EffectConformanceTest, RegionRenderEqualsTheSameRegionOfAWholeRender) {
+  const auto effect = makeActive();
+  const auto source = test::makeTestImage(120, 90);
+  const auto full = test::render(*effect, source, source);
+  ASSERT_TRUE(full);
+  constexpr float kUntouched = -7.0f;
+  // Inside, and clipped at the top-left and bottom-right corners.
+  for (const _Rect<int> region :
+       {_Rect<int>(37, 29, 41, 33), _Rect<int>(-5, -5, 30, 20), _Rect<int>(100, 70, 40, 40)}) {
+    SCOPED_TRACE(testing::Message() << region.x << ", " << region.y);
+    auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(kUntouched));
+    EffectCallContext call(source, destination, source, region, nullptr, nullptr);
+    ASSERT_TRUE(effect->processImage(call));
+    const int x0 = std::max(region.x, 0);
+    const int y0 = std::max(region.y, 0);
+    const _Rect<int> inside(x0, y0, std::min(region.x + region.width, source->width) - x0,
+                            std::min(region.y + region.height, source->height) - y0);
+    EXPECT_LE(test::maxDifference(*full, *destination, inside), 1e-4f);
+    int written = 0;
+    for (int y = 0; y < source->height; ++y) {
+      for (int x = 0; x < source->width; ++x) {
+        written += destination->at(x, y).r != kUntouched ? 1 : 0;
+      }
+    }
+    EXPECT_EQ(written, inside.width * inside.height) << "pixels outside the region were written";
+  }
+}
+
+TEST_P(EffectConformanceTest, ASetCancelFlagStopsTheRenderBeforeItWrites) {
+  const auto effect = makeActive();
+  const auto source = test::makeTestImage();
+  auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(-7.0f));
+  ImageProcessingStatus status;
+  status.cancel();
+  EffectCallContext call(source, destination, nullptr, {}, nullptr, status.flag().get());
+  EXPECT_THROW(effect->processImage(call), ImageProcessingStatus::cancelException);
+  EXPECT_EQ(destination->at(0, 0).r, -7.0f);
+  EXPECT_EQ(destination->at(source->width - 1, source->height - 1).g, -7.0f);
+}
+
+// Spatial sizes follow the frame: a render of the same scene at half the size, told its size,
+// looks like the full render shrunk, and much more so than one told the full size.
+TEST_P(EffectConformanceTest, HalfSizeRenderLooksLikeTheFullRenderShrunk) {
+  const auto effect = makeActive();
+  if (!dynamic_cast<StencilEffect*>(effect.get())) GTEST_SKIP() << "reads no neighbourhood";
+  const auto large = test::makeSceneImage(1920, 1280);
+  const auto small = test::makeSceneImage(960, 640);
+  const auto renderAs = [&](const std::shared_ptr<ImageRGBf>& image, _Size<int> frame) {
+    auto context = std::make_shared<EffectContext>();
+    context->imageSize = frame;
+    effect->setContext(context);
+    return test::render(*effect, image);
+  };
+  const auto largeOutput = renderAs(large, large->size());
+  const auto smallOutput = renderAs(small, small->size());
+  const auto unscaledOutput = renderAs(small, large->size());
+  ASSERT_TRUE(largeOutput && smallOutput && unscaledOutput);
+  const auto shrunk = largeOutput->resize(small->size());
+  ASSERT_TRUE(shrunk);
+  // The effect must change the scene, or the comparison proves nothing.
+  EXPECT_GT(test::meanDifference(*smallOutput, *small), 0.003f);
+  const float scaled = test::meanDifference(*shrunk, *smallOutput);
+  EXPECT_LT(scaled, 0.002f);
+  EXPECT_LT(scaled, 0.2f * test::meanDifference(*shrunk, *unscaledOutput));
 }
 
 TEST_P(EffectConformanceTest, OneThreadEqualsMany) {

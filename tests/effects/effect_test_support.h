@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <memory>
@@ -29,6 +31,25 @@ inline std::shared_ptr<ImageRGBf> makeTestImage(int width = 96, int height = 64)
   return image;
 }
 
+/// The same scene at any size: blocks, a ramp and waves whose sizes are fractions of the frame,
+/// so that two sizes differ only in resolution.
+inline std::shared_ptr<ImageRGBf> makeSceneImage(int width, int height) {
+  auto image = std::make_shared<ImageRGBf>(_Size<int>(width, height));
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const float u = (static_cast<float>(x) + 0.5f) / static_cast<float>(width);
+      const float v = (static_cast<float>(y) + 0.5f) / static_cast<float>(height);
+      const bool block = (static_cast<int>(u * 6.0f) + static_cast<int>(v * 4.0f)) % 2 == 0;
+      const float wave = 0.1f * std::sin(40.0f * u) * std::sin(27.0f * v);
+      const float base = (block ? 0.55f : 0.2f) + 0.25f * u + wave;
+      image->at(x, y) = PixelRGB<float>(std::clamp(base, 0.0f, 1.0f),
+                                        std::clamp(0.8f * base + 0.1f * v, 0.0f, 1.0f),
+                                        std::clamp(0.6f * base + 0.2f, 0.0f, 1.0f));
+    }
+  }
+  return image;
+}
+
 /// Renders the whole source through processImage into a new buffer; null on failure.
 inline std::shared_ptr<ImageRGBf> render(Effect& effect, std::shared_ptr<const ImageRGBf> source,
                                          std::shared_ptr<const ImageRGBf> reference = {}) {
@@ -36,6 +57,17 @@ inline std::shared_ptr<ImageRGBf> render(Effect& effect, std::shared_ptr<const I
   EffectCallContext call(source, destination, std::move(reference), source->rect(), nullptr,
                          nullptr);
   return effect.processImage(call) ? destination : nullptr;
+}
+
+/// render(), with a failed render reported and replaced by a NaN picture of the source's size,
+/// so that a fault fails the test instead of crashing the run.
+inline std::shared_ptr<ImageRGBf> renderOrFail(Effect& effect,
+                                               std::shared_ptr<const ImageRGBf> source,
+                                               std::shared_ptr<const ImageRGBf> reference = {}) {
+  auto output = render(effect, source, std::move(reference));
+  if (output) return output;
+  ADD_FAILURE() << effect.id() << " failed to render";
+  return std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(std::nanf("")));
 }
 
 /// Largest channel difference inside rect of a and the same-sized rect of b at (bx, by).
@@ -55,6 +87,19 @@ inline float maxDifference(const ImageRGBf& a, const ImageRGBf& b, _Rect<int> re
     }
   }
   return worst;
+}
+
+/// Mean absolute channel difference of two same-sized images.
+inline float meanDifference(const ImageRGBf& a, const ImageRGBf& b) {
+  double sum = 0.0;
+  for (int y = 0; y < a.height; ++y) {
+    for (int x = 0; x < a.width; ++x) {
+      const PixelRGB<float>& p = a.at(x, y);
+      const PixelRGB<float>& q = b.at(x, y);
+      sum += std::fabs(p.r - q.r) + std::fabs(p.g - q.g) + std::fabs(p.b - q.b);
+    }
+  }
+  return static_cast<float>(sum / (3.0 * static_cast<double>(a.area())));
 }
 
 /// Every parameter set to the value `at` of its range (0 = min, 1 = max).

@@ -6,12 +6,10 @@
 #include <vector>
 
 #include "vorn/effects/effect.h"
+#include "vorn/effects/point_effect.h"
+#include "vorn/effects/stencil_effect.h"
 
 namespace vorn::detail {
-
-/// The pass-through and identity path: the destination becomes a copy of the source (made
-/// first with the source's size and profile when empty); false for an empty source.
-bool copySourceToDestination(EffectCallContext& call);
 
 /// One declared parameter: the single place its name, bounds, default and visibility live.
 struct DeclaredParameter {
@@ -33,13 +31,14 @@ inline std::vector<Parameter> makeParameters(std::span<const DeclaredParameter> 
 }
 
 /// Base of every concrete effect: Derived names its identifier (kId) and its parameter table
-/// (kParameters); construction follows the fixed order base, defaults, identifier.
-template <class Derived>
-class DeclaredEffect : public Effect {
+/// (kParameters) and Base is the family base that owns its render loop; construction follows
+/// the fixed order base, defaults, identifier.
+template <class Derived, class Base = Effect>
+class DeclaredEffect : public Base {
  public:
   DeclaredEffect() {
-    setParametersDefault();
-    setId(std::string(Derived::kId));
+    this->setParametersDefault();
+    this->setId(std::string(Derived::kId));
   }
   std::vector<Parameter> declaredParameters() const override {
     return makeParameters(Derived::kParameters);
@@ -48,9 +47,9 @@ class DeclaredEffect : public Effect {
 
 /// An effect whose processing arrives later: it keeps its parameters and copies its input.
 template <class Derived>
-class PassThroughEffect : public DeclaredEffect<Derived> {
- public:
-  bool processImage(EffectCallContext& call) override { return copySourceToDestination(call); }
+class PassThroughEffect : public DeclaredEffect<Derived, PointEffect> {
+ protected:
+  typename PointEffect::Kernel prepare(const RenderSetup&) const override { return nullptr; }
 };
 
 /// PassThroughEffect for effects that need detected faces.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,10 +17,11 @@ class Image;
 
 /// Per-effect environment set by the owner (the image processor) before rendering.
 struct EffectContext {
-  /// Output pixels per pixel of the full-resolution working image; radii are multiplied by it
-  /// so that a preview looks like the export.
+  /// Output pixels per pixel of the full-resolution working image.
   float scale = 1.0f;
-  /// The whole working image at that scale; (0, 0) when the owner does not know it.
+  /// The whole working image at that scale; (0, 0) when the owner does not know it. Spatial
+  /// sizes (radii, grain) follow its short side, so a preview looks like the export shrunk;
+  /// without it they follow scale, as if the full-resolution frame were 24 MP.
   _Size<int> imageSize;
   /// Rendering a preview rather than an export.
   bool preview = false;
@@ -110,6 +112,10 @@ class Effect {
   /// processImage plus one CriticalError log line when it fails.
   bool processImageWrapper(EffectCallContext& call);
 
+  /// Identifies what this effect would render: its identifier, parameter values and optional
+  /// data hashed together. Equal keys mean equal output for the same input and render scale.
+  std::uint64_t cacheKey() const;
+
   /// Maps parameter `index` piecewise linearly: min to atMin, the midpoint to atMid, max to
   /// atMax. An index outside the list gives atMid.
   float mappedValue(std::size_t index, float atMin, float atMid, float atMax) const;
@@ -119,6 +125,9 @@ class Effect {
   void setId(const std::string& id) { id_ = id; }
   /// The render scale of the context, 1 without one.
   float renderScale() const;
+  /// Spatial sizes are given in pixels of a frame whose short side is 4000 pixels (a 24 MP
+  /// photograph); this factor turns them into pixels of the frame being rendered.
+  float spatialScale() const;
 
   std::shared_ptr<EffectContext> context_;
   std::string id_;

@@ -16,6 +16,9 @@ class EffectFactory {
 
   /// The process-wide registry, built on first use.
   static const EffectFactory& instance();
+  /// Builds the registry and the tables effect families share, so that no render pays for
+  /// them; vornInit calls it, and calling it again does nothing.
+  static void initializeEffects();
 
   EffectFactory(const EffectFactory&) = default;
   EffectFactory(EffectFactory&&) = default;

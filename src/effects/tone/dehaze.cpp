@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "core/parallel.h"
-#include "effects/tone/guided_filter.h"
-#include "effects/tone/tone_render.h"
+#include "effects/kernels/guided_filter.h"
+#include "effects/kernels/histogram.h"
+#include "effects/kernels/luminance.h"
+#include "effects/render.h"
 #include "vorn/effects/tone_effects.h"
 
 namespace vorn {
@@ -40,27 +41,21 @@ float pixelMinimum(const PixelRGB<float>& p) {
 }
 
 /// The airlight: the mean colour of the pixels whose channel minimum is among the brightest
-/// 0.1 %. Taken from the reference image when given, so that every tile agrees.
-std::array<float, 3> airlight(const detail::ImageRGBf& image) {
-  const std::vector<std::uint64_t> counts =
-      detail::histogram(image, kBins, [](const PixelRGB<float>& p) { return pixelMinimum(p); });
-  std::uint64_t total = 0;
-  for (const std::uint64_t count : counts) total += count;
-  const auto wanted = static_cast<std::uint64_t>(kAirlightFraction * static_cast<double>(total));
-  std::uint64_t seen = 0;
-  std::size_t bin = kBins;
-  while (bin > 0 && seen <= wanted) seen += counts[--bin];
-  const float cut = static_cast<float>(bin) / static_cast<float>(kBins - 1);
+/// 0.1 % of the statistics picture (the reference when given, so that every tile agrees).
+std::array<float, 3> airlight(const detail::ImageRGBf& image, _Rect<int> rect) {
+  const std::vector<std::uint64_t> counts = detail::histogram(
+      image, rect, kBins, [](const PixelRGB<float>& p) { return pixelMinimum(p); });
+  const float cut = detail::histogramPercentile(counts, 1.0 - kAirlightFraction);
 
   using Sum = std::array<double, 4>;
   // Deterministic: the same sum, to the last bit, whatever the number of threads.
   constexpr int kRowsPerTask = 16;
   const Sum sum = detail::deterministicReduce(
-      image.height, kRowsPerTask, Sum{},
+      rect.height, kRowsPerTask, Sum{},
       [&](int first, int end, Sum s) {
         for (int y = first; y < end; ++y) {
-          const PixelRGB<float>* row = image.row(y);
-          for (int x = 0; x < image.width; ++x) {
+          const PixelRGB<float>* row = image.row(rect.y + y) + rect.x;
+          for (int x = 0; x < rect.width; ++x) {
             if (pixelMinimum(row[x]) < cut) continue;
             s[0] += finiteUnit(row[x].r);
             s[1] += finiteUnit(row[x].g);
@@ -85,73 +80,60 @@ std::array<float, 3> airlight(const detail::ImageRGBf& image) {
   return light;
 }
 
-/// J = (I - A) / t + A with t the refined transmission of the dark channel.
-bool dehaze(const detail::ImageRGBf& source, detail::ImageRGBf& destination,
-            const std::array<float, 3>& light, float strength, float scale) {
-  const int width = source.width;
-  const int height = source.height;
-
-  Plane dark(width, height), guide(width, height);
-  detail::parallelRows(height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      const PixelRGB<float>* in = source.row(y);
-      float* d = dark.row(y);
-      float* g = guide.row(y);
-      for (int x = 0; x < width; ++x) {
-        const float r = finiteUnit(in[x].r);
-        const float gr = finiteUnit(in[x].g);
-        const float b = finiteUnit(in[x].b);
-        d[x] = std::min({r / light[0], gr / light[1], b / light[2]});
-        g[x] = 0.2126f * r + 0.7152f * gr + 0.0722f * b;
-      }
-    }
-  });
-  const int patch = detail::scaledRadius(kPatchRadius, scale);
-  Plane rawTransmission(width, height);
-  cv::Mat patchMinimum(height, width, CV_32FC1, rawTransmission.data());
-  cv::erode(cv::Mat(height, width, CV_32FC1, dark.data()), patchMinimum,
-            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * patch + 1, 2 * patch + 1)));
-  detail::parallelRows(height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      float* t = rawTransmission.row(y);
-      for (int x = 0; x < width; ++x) t[x] = 1.0f - strength * t[x];
-    }
-  });
-  Plane transmission;
-  detail::guidedFilter(guide, rawTransmission, detail::scaledRadius(kRefineRadius, scale),
-                       kRefineEps, transmission);
-
-  detail::parallelRows(height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      const PixelRGB<float>* in = source.row(y);
-      PixelRGB<float>* out = destination.row(y);
-      const float* t = transmission.row(y);
-      for (int x = 0; x < width; ++x) {
-        const float inverse = 1.0f / std::clamp(t[x], kMinTransmission, 1.0f);
-        // Clearing haze darkens; it must not push values below black.
-        out[x] = PixelRGB<float>(std::max(0.0f, (in[x].r - light[0]) * inverse + light[0]),
-                                 std::max(0.0f, (in[x].g - light[1]) * inverse + light[1]),
-                                 std::max(0.0f, (in[x].b - light[2]) * inverse + light[2]));
-      }
-    }
-  });
-  return true;
+/// The haze strength of the current value: 0 ... 0.95.
+float dehazeStrength(const Effect& effect) {
+  return effect.mappedValue(0, 0.0f, 0.5f * kMaxStrength, kMaxStrength);
 }
 
 }  // namespace
 
-int DehazeEffect::reach(float scale) {
-  return detail::scaledRadius(kPatchRadius, scale) + 2 * detail::scaledRadius(kRefineRadius, scale);
+int DehazeEffect::reach(float spatialScale) const {
+  return detail::pixelsAt(kPatchRadius, spatialScale) +
+         2 * detail::pixelsAt(kRefineRadius, spatialScale);
 }
 
-bool DehazeEffect::processImage(EffectCallContext& call) {
-  const float strength = mappedValue(0, 0.0f, 0.5f * kMaxStrength, kMaxStrength);
-  if (strength == 0.0f) return detail::copySourceToDestination(call);
-  if (!detail::prepareDestination(call)) return false;
-  const std::array<float, 3> light =
-      airlight(call.reference && !call.reference->empty() ? *call.reference : *call.source);
-  return detail::failOnExhaustion(
-      [&] { return dehaze(*call.source, *call.destination, light, strength, renderScale()); });
+bool DehazeEffect::isIdentity() const {
+  return dehazeStrength(*this) == 0.0f;
+}
+
+// J = (I - A) / t + A with t the refined transmission of the dark channel.
+void DehazeEffect::render(const Window& window) const {
+  const float strength = dehazeStrength(*this);
+  const std::array<float, 3> light = airlight(window.statistics, window.statisticsRect);
+  window.control.checkpoint();
+  const int width = window.input.width;
+  const int height = window.input.height;
+  Plane dark = detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
+    return std::min(
+        {finiteUnit(p.r) / light[0], finiteUnit(p.g) / light[1], finiteUnit(p.b) / light[2]});
+  });
+  const Plane guide = detail::planeOf(window.source, window.input, [](const PixelRGB<float>& p) {
+    return detail::luminance(finiteUnit(p.r), finiteUnit(p.g), finiteUnit(p.b));
+  });
+  const int patch = window.pixels(kPatchRadius);
+  Plane rawTransmission(width, height);
+  cv::Mat patchMinimum(height, width, CV_32FC1, rawTransmission.data());
+  cv::erode(cv::Mat(height, width, CV_32FC1, dark.data()), patchMinimum,
+            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * patch + 1, 2 * patch + 1)));
+  detail::parallelChunks(rawTransmission.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
+    for (std::size_t i = first; i < end; ++i)
+      rawTransmission.data()[i] = 1.0f - strength * rawTransmission.data()[i];
+  });
+  window.control.checkpoint();
+  Plane transmission;
+  detail::guidedFilter(guide, rawTransmission, window.pixels(kRefineRadius), kRefineEps,
+                       transmission, &window.control);
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        const float* t = transmission.data() + index;
+        for (std::size_t x = 0; x < count; ++x) {
+          const float inverse = 1.0f / std::clamp(t[x], kMinTransmission, 1.0f);
+          // Clearing haze darkens; it must not push values below black.
+          out[x] = PixelRGB<float>(std::max(0.0f, (in[x].r - light[0]) * inverse + light[0]),
+                                   std::max(0.0f, (in[x].g - light[1]) * inverse + light[1]),
+                                   std::max(0.0f, (in[x].b - light[2]) * inverse + light[2]));
+        }
+      });
 }
 
 }  // namespace vorn

@@ -1,7 +1,8 @@
 #include <algorithm>
 
-#include "effects/tone/guided_filter.h"
-#include "effects/tone/tone_render.h"
+#include "effects/kernels/guided_filter.h"
+#include "effects/kernels/luminance.h"
+#include "effects/tone/tone_kernels.h"
 #include "effects/tone/tone_shapes.h"
 #include "vorn/effects/tone_effects.h"
 
@@ -21,29 +22,21 @@ constexpr float kDetailEps = 0.01f;
 /// Luminance is limited to this before filtering so that one extreme value stays local.
 constexpr float kFilterCeiling = 256.0f;
 
-/// Finite luminance per pixel (NaN as 0) in the domain the curve works in.
-Plane luminancePlane(const detail::ImageRGBf& image, GainDomain domain) {
-  Plane plane(image.width, image.height);
-  detail::parallelRows(image.height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      const PixelRGB<float>* in = image.row(y);
-      float* out = plane.row(y);
-      for (int x = 0; x < image.width; ++x) {
-        float luma = 0.2126f * in[x].r + 0.7152f * in[x].g + 0.0722f * in[x].b;
-        luma = luma > 0.0f ? luma : 0.0f;
-        luma = luma < kFilterCeiling ? luma : kFilterCeiling;
-        out[x] = domain == GainDomain::Hdr ? luma / (1.0f + luma) : luma;
-      }
-    }
+/// Finite luminance of every window pixel (NaN as 0), in the domain the curve works in.
+Plane luminancePlane(const detail::StencilWindow& window, GainDomain domain) {
+  return detail::planeOf(window.source, window.input, [domain](const PixelRGB<float>& p) {
+    float luma = detail::luminance(p);
+    luma = luma > 0.0f ? luma : 0.0f;
+    luma = luma < kFilterCeiling ? luma : kFilterCeiling;
+    return domain == GainDomain::Hdr ? luma / (1.0f + luma) : luma;
   });
-  return plane;
 }
 
-/// The edge-preserving base luminance, returned as plain luminance in either domain.
-Plane baseLuminance(const detail::ImageRGBf& image, GainDomain domain, int radius) {
-  const Plane luma = luminancePlane(image, domain);
+/// The edge-preserving base luminance of the window, returned as plain luminance.
+Plane baseLuminance(const detail::StencilWindow& window, GainDomain domain, int radius) {
+  const Plane luma = luminancePlane(window, domain);
   Plane base;
-  detail::guidedFilter(luma, luma, radius, kBaseEps, base);
+  detail::guidedFilter(luma, luma, radius, kBaseEps, base, &window.control);
   if (domain == GainDomain::Hdr) {
     constexpr float kBelowOne = 1.0f - 1.0f / 1048576.0f;
     detail::parallelChunks(base.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
@@ -56,21 +49,6 @@ Plane baseLuminance(const detail::ImageRGBf& image, GainDomain domain, int radiu
   return base;
 }
 
-/// A tone curve applied as a gain keyed by the base luminance.
-template <typename Curve>
-bool renderLocalTone(EffectCallContext& call, bool identity, const Curve& curve, GainDomain domain,
-                     float scale) {
-  if (identity) return detail::copySourceToDestination(call);
-  if (!detail::prepareDestination(call)) return false;
-  return detail::failOnExhaustion([&] {
-    const auto lookup = detail::makeToneCurve(curve, 1.0f);
-    const Plane base =
-        baseLuminance(*call.source, domain, detail::scaledRadius(kBaseRadius, scale));
-    detail::applyKeyedGain(*lookup, domain, *call.source, base.data(), *call.destination);
-    return true;
-  });
-}
-
 /// The shadows slider to its curve strength: up to 1.5 lifting, -1 deepening.
 float shadowsStrength(float normalized) {
   return normalized >= 0.0f ? 1.5f * normalized : normalized;
@@ -81,114 +59,96 @@ float highlightsStrength(float normalized) {
   return normalized >= 0.0f ? normalized : 1.2f * normalized;
 }
 
-// Two filter passes of the base radius each.
-int baseReach(float scale) {
-  return 2 * detail::scaledRadius(kBaseRadius, scale);
-}
-
-}  // namespace
-
-int DynBrightnessEffect::reach(float scale) {
-  return baseReach(scale);
-}
-int DynBrightnessEffectHDR::reach(float scale) {
-  return baseReach(scale);
-}
-int HighlightsEffect::reach(float scale) {
-  return baseReach(scale);
-}
-int HighlightsEffectHDR::reach(float scale) {
-  return baseReach(scale);
-}
-int ShadowsEffect::reach(float scale) {
-  return baseReach(scale);
-}
-int Accent20Effect::reach(float scale) {
-  return 2 * detail::scaledRadius(kDetailRadius, scale);
-}
-
-bool DynBrightnessEffect::processImage(EffectCallContext& call) {
-  const float a = amount();
-  return renderLocalTone(
-      call, a == 0.0f, [a](float x) { return detail::smartToneShape(x, a); }, GainDomain::Display,
-      renderScale());
-}
-
-bool DynBrightnessEffectHDR::processImage(EffectCallContext& call) {
-  const float a = mappedValue(0, -1.0f, 0.0f, 1.0f);
-  return renderLocalTone(
-      call, a == 0.0f, [a](float r) { return detail::smartToneShape(r, a); }, GainDomain::Hdr,
-      renderScale());
-}
-
-namespace {
-
-bool renderHighlightsShadows(EffectCallContext& call, float highlights, float shadows,
-                             GainDomain domain, float scale) {
+/// One local curve for both sliders; empty when both are 0.
+std::function<float(float)> highlightsShadowsCurve(float highlights, float shadows) {
   const float ch = highlightsStrength(highlights);
   const float cs = shadowsStrength(shadows);
-  return renderLocalTone(
-      call, ch == 0.0f && cs == 0.0f,
-      [ch, cs](float x) {
-        return detail::highlightsShape(x, ch) + detail::shadowsShape(x, cs) - x;
-      },
-      domain, scale);
+  if (ch == 0.0f && cs == 0.0f) return {};
+  return [ch, cs](float x) {
+    return detail::highlightsShape(x, ch) + detail::shadowsShape(x, cs) - x;
+  };
 }
 
 }  // namespace
 
-bool HighlightsEffect::processImage(EffectCallContext& call) {
-  return renderHighlightsShadows(call, mappedValue(0, -1.0f, 0.0f, 1.0f),
-                                 mappedValue(1, -1.0f, 0.0f, 1.0f), GainDomain::Display,
-                                 renderScale());
+// Two filter passes of the base radius each.
+int LocalToneEffect::reach(float spatialScale) const {
+  return 2 * detail::pixelsAt(kBaseRadius, spatialScale);
 }
 
-bool HighlightsEffectHDR::processImage(EffectCallContext& call) {
-  return renderHighlightsShadows(call, mappedValue(0, -1.0f, 0.0f, 1.0f),
-                                 mappedValue(1, -1.0f, 0.0f, 1.0f), GainDomain::Hdr, renderScale());
+void LocalToneEffect::render(const Window& window) const {
+  const GainDomain domain = sceneReferred() ? GainDomain::Hdr : GainDomain::Display;
+  const auto lookup = detail::makeToneCurve(toneCurve(), 1.0f);
+  const Plane base = baseLuminance(window, domain, window.pixels(kBaseRadius));
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        detail::applyKeyedGain(*lookup, domain, in, base.data() + index, out, count);
+      });
 }
 
-bool ShadowsEffect::processImage(EffectCallContext& call) {
-  return renderHighlightsShadows(call, 0.0f, mappedValue(0, -1.0f, 0.0f, 1.0f), GainDomain::Display,
-                                 renderScale());
+std::function<float(float)> DynBrightnessEffect::toneCurve() const {
+  const float a = amount();
+  if (a == 0.0f) return {};
+  return [a](float x) { return detail::smartToneShape(x, a); };
+}
+
+std::function<float(float)> DynBrightnessEffectHDR::toneCurve() const {
+  const float a = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (a == 0.0f) return {};
+  return [a](float r) { return detail::smartToneShape(r, a); };
+}
+
+std::function<float(float)> HighlightsEffect::toneCurve() const {
+  return highlightsShadowsCurve(mappedValue(0, -1.0f, 0.0f, 1.0f),
+                                mappedValue(1, -1.0f, 0.0f, 1.0f));
+}
+
+std::function<float(float)> HighlightsEffectHDR::toneCurve() const {
+  return highlightsShadowsCurve(mappedValue(0, -1.0f, 0.0f, 1.0f),
+                                mappedValue(1, -1.0f, 0.0f, 1.0f));
+}
+
+std::function<float(float)> ShadowsEffect::toneCurve() const {
+  return highlightsShadowsCurve(0.0f, mappedValue(0, -1.0f, 0.0f, 1.0f));
 }
 
 namespace {
 
-/// Amplifies luminance detail around an edge-preserving base by 1 + boost (less in deep
-/// shadows, whose detail is mostly noise), as a gain on all channels.
-bool boostDetail(const detail::ImageRGBf& source, detail::ImageRGBf& destination, float boost,
-                 float scale) {
-  const Plane luma = luminancePlane(source, GainDomain::Display);
-  Plane base;
-  detail::guidedFilter(luma, luma, detail::scaledRadius(kDetailRadius, scale), kDetailEps, base);
-  constexpr float kShadowKnee = 0.05f;
-  detail::parallelRows(source.height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      const PixelRGB<float>* in = source.row(y);
-      PixelRGB<float>* out = destination.row(y);
-      const float* l = luma.row(y);
-      const float* b = base.row(y);
-      for (int x = 0; x < source.width; ++x) {
-        const float weight = b[x] / (b[x] + kShadowKnee);
-        const float boosted = b[x] + (l[x] - b[x]) * (1.0f + boost * weight);
-        const float key = l[x] > detail::kMinKey ? l[x] : detail::kMinKey;
-        const float gain = (boosted > 0.0f ? boosted : 0.0f) / key;
-        out[x] = PixelRGB<float>(in[x].r * gain, in[x].g * gain, in[x].b * gain);
-      }
-    }
-  });
-  return true;
+/// The dynamic-contrast boost of the current value: 0 ... 0.75 ... 1.5.
+float accentBoost(const Effect& effect) {
+  return effect.mappedValue(0, 0.0f, 0.75f, 1.5f);
 }
 
 }  // namespace
 
-bool Accent20Effect::processImage(EffectCallContext& call) {
-  const float boost = mappedValue(0, 0.0f, 0.75f, 1.5f);
-  if (boost == 0.0f) return detail::copySourceToDestination(call);
-  if (!detail::prepareDestination(call)) return false;
-  return detail::failOnExhaustion(
-      [&] { return boostDetail(*call.source, *call.destination, boost, renderScale()); });
+int Accent20Effect::reach(float spatialScale) const {
+  return 2 * detail::pixelsAt(kDetailRadius, spatialScale);
+}
+
+bool Accent20Effect::isIdentity() const {
+  return accentBoost(*this) == 0.0f;
+}
+
+// Luminance detail around an edge-preserving base is amplified by 1 + boost (less in deep
+// shadows, whose detail is mostly noise), as a gain on all channels.
+void Accent20Effect::render(const Window& window) const {
+  const float boost = accentBoost(*this);
+  const Plane luma = luminancePlane(window, GainDomain::Display);
+  Plane base;
+  detail::guidedFilter(luma, luma, window.pixels(kDetailRadius), kDetailEps, base, &window.control);
+  constexpr float kShadowKnee = 0.05f;
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        const float* l = luma.data() + index;
+        const float* b = base.data() + index;
+        for (std::size_t x = 0; x < count; ++x) {
+          const float weight = b[x] / (b[x] + kShadowKnee);
+          const float boosted = b[x] + (l[x] - b[x]) * (1.0f + boost * weight);
+          const float key = l[x] > detail::kMinKey ? l[x] : detail::kMinKey;
+          const float gain = (boosted > 0.0f ? boosted : 0.0f) / key;
+          out[x] = PixelRGB<float>(in[x].r * gain, in[x].g * gain, in[x].b * gain);
+        }
+      });
 }
 
 }  // namespace vorn

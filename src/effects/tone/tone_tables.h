@@ -15,6 +15,10 @@ struct ToneTables {
   const float* backward;
 };
 const ToneTables& toneTables();
+/// Builds the tone family's shared tables ahead of the first render.
+inline void initializeToneEffects() {
+  toneTables();
+}
 
 /// The perceptual-to-linear (sRGB decoding) curve that table A samples.
 float perceptualToLinear(float value);

@@ -1,10 +1,11 @@
-#include "effects/tone/tone_curve.h"
+#include "effects/kernels/tone_curve.h"
 
 #include <immintrin.h>
 
 #include <algorithm>
 
 #include "core/dispatch.h"
+#include "effects/kernels/luminance.h"
 
 namespace vorn::detail {
 
@@ -120,9 +121,7 @@ VORN_DISPATCH void prepareKeys(const float* __restrict pixels, const float* __re
                                float* __restrict limited, float* __restrict argument,
                                std::size_t count, bool hdr) {
   for (std::size_t i = 0; i < count; ++i) {
-    float key =
-        keys ? keys[i]
-             : 0.2126f * pixels[3 * i] + 0.7152f * pixels[3 * i + 1] + 0.0722f * pixels[3 * i + 2];
+    float key = keys ? keys[i] : luminance(pixels[3 * i], pixels[3 * i + 1], pixels[3 * i + 2]);
     key = key > kMinKey ? key : kMinKey;
     key = key < kMaxKey ? key : kMaxKey;
     limited[i] = key;
@@ -205,25 +204,20 @@ bool applyToneCurveWith(ToneCurveIsa isa, const ToneCurveLookup& lookup, const f
   return false;
 }
 
-void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const ImageRGBf& source,
-                    const float* keys, ImageRGBf& destination) {
+void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const PixelRGB<float>* in,
+                    const float* keys, PixelRGB<float>* out, std::size_t count) {
   constexpr std::size_t kBlock = 512;
   const bool hdr = domain == GainDomain::Hdr;
-  const auto width = static_cast<std::size_t>(source.width);
-  parallelRows(source.height, [&](int first, int end) {
-    alignas(64) float limited[kBlock];
-    alignas(64) float argument[kBlock];
-    alignas(64) float mapped[kBlock];
-    const std::size_t begin = static_cast<std::size_t>(first) * width;
-    const std::size_t stop = static_cast<std::size_t>(end) * width;
-    for (std::size_t start = begin; start < stop; start += kBlock) {
-      const std::size_t count = std::min(kBlock, stop - start);
-      const float* pixels = &source.data[start].r;
-      prepareKeys(pixels, keys ? keys + start : nullptr, limited, argument, count, hdr);
-      applyToneCurve(curve, argument, mapped, count);
-      applyGains(pixels, limited, mapped, &destination.data[start].r, count, hdr);
-    }
-  });
+  alignas(64) float limited[kBlock];
+  alignas(64) float argument[kBlock];
+  alignas(64) float mapped[kBlock];
+  for (std::size_t start = 0; start < count; start += kBlock) {
+    const std::size_t block = std::min(kBlock, count - start);
+    const float* pixels = &in[start].r;
+    prepareKeys(pixels, keys ? keys + start : nullptr, limited, argument, block, hdr);
+    applyToneCurve(curve, argument, mapped, block);
+    applyGains(pixels, limited, mapped, &out[start].r, block, hdr);
+  }
 }
 
 }  // namespace vorn::detail

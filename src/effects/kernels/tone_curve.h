@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "core/parallel.h"
-#include "effects/render.h"
+#include "vorn/core/pixel.h"
 
 namespace vorn::detail {
 
@@ -74,17 +74,9 @@ std::unique_ptr<ToneCurveLookup> makeToneCurve(const Curve& curve, float thresho
 enum class GainDomain { Display, Hdr };
 
 /// Every pixel times T(key) / key, key being keys[i] (one float per pixel) or, without keys,
-/// the pixel's own Rec. 709 luminance. Keeps hue and saturation; NaN stays in its own pixel.
-void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const ImageRGBf& source,
-                    const float* keys, ImageRGBf& destination);
-
-/// Every channel of every pixel through the curve.
-inline void applyChannelCurve(const ToneCurveLookup& curve, const ImageRGBf& source,
-                              ImageRGBf& destination) {
-  forEachRowSpan(source, destination, [&](const float* in, float* out, std::size_t count) {
-    applyToneCurve(curve, in, out, count);
-  });
-}
+/// the pixel's own luminance. Keeps hue and saturation; in may equal out.
+void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const PixelRGB<float>* in,
+                    const float* keys, PixelRGB<float>* out, std::size_t count);
 
 /// Luminance keys are limited to this range before the gain; 0 and Inf would make it 0 / 0.
 inline constexpr float kMinKey = 1.0f / static_cast<float>(kToneCurveLast);

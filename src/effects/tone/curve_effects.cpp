@@ -2,7 +2,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "effects/tone/tone_render.h"
+#include "effects/kernels/histogram.h"
+#include "effects/kernels/luminance.h"
+#include "effects/tone/tone_kernels.h"
 #include "effects/tone/tone_shapes.h"
 #include "vorn/effects/tone_effects.h"
 
@@ -17,29 +19,28 @@ constexpr float kMiddleGrey = 0.46f;
 
 }  // namespace
 
-bool BlackWhiteEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel BlackWhiteEffect::prepare(const Setup&) const {
   const float whites = mappedValue(0, -1.0f, 0.0f, 1.0f);
   const float blacks = mappedValue(1, -1.0f, 0.0f, 1.0f);
-  return detail::renderChannelCurve(
-      call, whites == 0.0f && blacks == 0.0f,
+  if (whites == 0.0f && blacks == 0.0f) return nullptr;
+  return detail::channelCurveKernel(
       [blacks, whites](float x) { return detail::blackWhiteShape(x, blacks, whites); });
 }
 
-bool PhotoshopBrightnessEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel PhotoshopBrightnessEffect::prepare(const Setup&) const {
   // -0.6 is the inverse of +1.5, so the two ends of the slider undo each other.
   const float a = mappedValue(0, -0.6f, 0.0f, 1.5f);
-  return detail::renderChannelCurve(call, a == 0.0f,
-                                    [a](float x) { return detail::brightnessShape(x, a); });
+  if (a == 0.0f) return nullptr;
+  return detail::channelCurveKernel([a](float x) { return detail::brightnessShape(x, a); });
 }
 
-bool SmartContrastEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel SmartContrastEffect::prepare(const Setup&) const {
   const float midtones = mappedValue(0, -1.0f, 0.0f, 1.0f);
   const float midPivot = mappedValue(1, 0.3f, 0.5f, 0.7f);
   const float shadows = mappedValue(2, -1.0f, 0.0f, 1.0f);
   const float shadowPivot = mappedValue(3, 0.1f, 0.2f, 0.3f);
-  const bool identity = midtones == 0.0f && shadows == 0.0f;
-  return detail::renderLumaCurve(
-      call, identity,
+  if (midtones == 0.0f && shadows == 0.0f) return nullptr;
+  return detail::lumaCurveKernel(
       [=](float x) {
         const float y = detail::shadowContrast(x, shadows, 2.0f * shadowPivot);
         return detail::pivotedContrast(y, midtones, midPivot);
@@ -68,7 +69,7 @@ bool curvePoints(const ParameterOptionalData& data, std::vector<float>& xs,
 
 }  // namespace
 
-bool CurveEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel CurveEffect::prepare(const Setup&) const {
   const float middle = mappedValue(0, 0.1f, 0.5f, 0.9f);
   std::vector<float> xs, ys;
   const bool hasPoints = !parameters_.empty() && curvePoints(parameters_[0].optionalData(), xs, ys);
@@ -78,74 +79,59 @@ bool CurveEffect::processImage(EffectCallContext& call) {
   }
   const detail::MonotoneCurve points(xs, ys);
   const detail::MonotoneCurve midtone({0.0f, 0.5f, 1.0f}, {0.0f, middle, 1.0f});
-  return detail::renderChannelCurve(call, !hasPoints && middle == 0.5f,
-                                    [&](float x) { return midtone(points(x)); });
+  if (!hasPoints && middle == 0.5f) return nullptr;
+  return detail::channelCurveKernel([&](float x) { return midtone(points(x)); });
 }
 
-bool ContrastEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel ContrastEffect::prepare(const Setup&) const {
   const float c = mappedValue(0, -1.0f, 0.0f, 1.0f);
-  return detail::renderChannelCurve(call, c == 0.0f, [c](float x) { return detail::sCurve(x, c); });
+  if (c == 0.0f) return nullptr;
+  return detail::channelCurveKernel([c](float x) { return detail::sCurve(x, c); });
 }
 
-bool ContrastLumaEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel ContrastLumaEffect::prepare(const Setup&) const {
   const float c = mappedValue(0, -1.0f, 0.0f, 1.0f);
-  return detail::renderLumaCurve(
-      call, c == 0.0f, [c](float x) { return detail::sCurve(x, c); }, GainDomain::Display);
+  if (c == 0.0f) return nullptr;
+  return detail::lumaCurveKernel([c](float x) { return detail::sCurve(x, c); },
+                                 GainDomain::Display);
 }
 
-bool ContrastEffectHDR::processImage(EffectCallContext& call) {
+PointEffect::Kernel ContrastEffectHDR::prepare(const Setup&) const {
   const float c = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (c == 0.0f) return nullptr;
   constexpr float kPivot = kMiddleGrey / (1.0f + kMiddleGrey);
-  return detail::renderLumaCurve(
-      call, c == 0.0f, [c](float r) { return detail::pivotedContrast(r, c, kPivot); },
-      GainDomain::Hdr);
+  return detail::lumaCurveKernel([c](float r) { return detail::pivotedContrast(r, c, kPivot); },
+                                 GainDomain::Hdr);
 }
 
 namespace {
 
 constexpr std::size_t kHistogramBins = 4096;
-using Histogram = std::vector<std::uint64_t>;
-
-/// The value below which `fraction` of the counted pixels lie.
-float histogramPoint(const Histogram& counts, std::uint64_t total, double fraction) {
-  const auto wanted = static_cast<std::uint64_t>(fraction * static_cast<double>(total));
-  std::uint64_t seen = 0;
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    seen += counts[i];
-    if (seen > wanted) return static_cast<float>(i) / static_cast<float>(kHistogramBins - 1);
-  }
-  return 1.0f;
-}
 
 }  // namespace
 
-bool ContrastAutoEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel ContrastAutoEffect::prepare(const Setup& setup) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
-  if (amount == 0.0f) return detail::copySourceToDestination(call);
-  if (!detail::prepareDestination(call)) return false;
-  const auto& statistics =
-      call.reference && !call.reference->empty() ? *call.reference : *call.source;
-  const Histogram counts = detail::histogram(
-      statistics, kHistogramBins,
-      [](const PixelRGB<float>& p) { return 0.2126f * p.r + 0.7152f * p.g + 0.0722f * p.b; });
-  std::uint64_t total = 0;
-  for (std::uint64_t count : counts) total += count;
-  const float low = histogramPoint(counts, total, 0.001);
-  const float high = histogramPoint(counts, total, 0.999);
-  // A nearly flat picture has no range worth stretching.
+  if (amount == 0.0f) return nullptr;
+  const std::vector<std::uint64_t> counts =
+      detail::histogram(setup.statistics, setup.statisticsRect, kHistogramBins,
+                        [](const PixelRGB<float>& p) { return detail::luminance(p); });
+  const float low = detail::histogramPercentile(counts, 0.001);
+  const float high = detail::histogramPercentile(counts, 0.999);
+  // A nearly flat (or empty) picture has no range worth stretching.
   constexpr float kMinimumSpread = 0.05f;
-  const bool flat = total == 0 || high - low < kMinimumSpread;
-  return detail::renderChannelCurve(call, flat, [=](float x) {
+  if (high - low < kMinimumSpread) return nullptr;
+  return detail::channelCurveKernel([=](float x) {
     const float stretched = (x - low) / (high - low);
     const float y = x + amount * (stretched - x);
     return y > 0.0f ? y : 0.0f;
   });
 }
 
-bool FadeEffect::processImage(EffectCallContext& call) {
+PointEffect::Kernel FadeEffect::prepare(const Setup&) const {
   const float a = mappedValue(0, 0.0f, 0.5f, 1.0f);
-  return detail::renderChannelCurve(call, a == 0.0f,
-                                    [a](float x) { return detail::fadeShape(x, a); });
+  if (a == 0.0f) return nullptr;
+  return detail::channelCurveKernel([a](float x) { return detail::fadeShape(x, a); });
 }
 
 }  // namespace vorn

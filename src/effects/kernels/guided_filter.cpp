@@ -1,0 +1,72 @@
+#include "effects/kernels/guided_filter.h"
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+
+#include "effects/render.h"
+
+namespace vorn::detail {
+
+namespace {
+
+cv::Mat wrap(const Plane& plane) {
+  return cv::Mat(plane.height(), plane.width(), CV_32FC1, const_cast<float*>(plane.data()));
+}
+
+}  // namespace
+
+void boxMean(const Plane& input, int radius, Plane& output) {
+  if (output.width() != input.width() || output.height() != input.height()) {
+    output = Plane(input.width(), input.height());
+  }
+  if (input.size() == 0) return;
+  cv::Mat out = wrap(output);
+  cv::boxFilter(wrap(input), out, CV_32F, cv::Size(2 * radius + 1, 2 * radius + 1),
+                cv::Point(-1, -1), true, cv::BORDER_REFLECT);
+}
+
+// He, Sun and Tang's filter: per window, input ~ a * guide + b by least squares with the
+// regulariser eps on a; the averaged (a, b) then follow the guide's edges. Filtering a plane
+// by itself needs four box means instead of six.
+void guidedFilter(const Plane& guide, const Plane& input, int radius, float eps, Plane& output,
+                  const RenderControl* control) {
+  const auto checkpoint = [control] {
+    if (control) control->checkpoint();
+  };
+  const int w = guide.width();
+  const int h = guide.height();
+  const bool self = &guide == &input;
+  Plane product(w, h), meanGuide, meanSquare, meanInput, meanProduct;
+  boxMean(guide, radius, meanGuide);
+  combinePlanes(product, guide, guide, guide, guide,
+                [](float g, float, float, float) { return g * g; });
+  boxMean(product, radius, meanSquare);
+  checkpoint();
+  if (!self) {
+    boxMean(input, radius, meanInput);
+    combinePlanes(product, guide, input, guide, guide,
+                  [](float g, float p, float, float) { return g * p; });
+    boxMean(product, radius, meanProduct);
+  }
+  checkpoint();
+  const Plane& meanI = self ? meanGuide : meanInput;
+  const Plane& meanIP = self ? meanSquare : meanProduct;
+  // a into product, then b into meanGuide (each read before it is overwritten).
+  combinePlanes(product, meanGuide, meanI, meanIP, meanSquare,
+                [eps](float mg, float mi, float mp, float ms) {
+                  const float variance = std::max(ms - mg * mg, 0.0f);
+                  return (mp - mg * mi) / (variance + eps);
+                });
+  combinePlanes(meanGuide, meanGuide, meanI, product, product,
+                [](float mg, float mi, float a, float) { return mi - a * mg; });
+  boxMean(product, radius, meanSquare);
+  checkpoint();
+  Plane& meanB = self ? product : meanInput;
+  boxMean(meanGuide, radius, meanB);
+  if (output.width() != w || output.height() != h) output = Plane(w, h);
+  combinePlanes(output, meanSquare, meanB, guide, guide,
+                [](float a, float b, float g, float) { return a * g + b; });
+}
+
+}  // namespace vorn::detail
