@@ -194,9 +194,6 @@ TEST(ImageData, ResizeAndThumbnail) {
   ASSERT_TRUE(half);
   EXPECT_NEAR(half->at(0, 0).r, 4.5f, 1e-3f);
   EXPECT_NEAR(half->at(63, 47).g, 474.5f, 1e-3f);
-  auto odd = ramp->resize(_Size<int>(37, 29));  // non-integer factor through the prefilter
-  EXPECT_NEAR(odd->at(18, 14).r, 319.5f, 640.0f / 37.0f);
-  EXPECT_NEAR(odd->at(18, 14).g, 239.5f, 480.0f / 29.0f);
 
   auto up = gradient(4, 4)->resize(_Size<int>(8, 8), _Rect<int>(), true);
   EXPECT_EQ(up->size(), _Size<int>(8, 8));
