@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 #include <lcms2.h>
 
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <set>
+#include <span>
 #include <vector>
 
 #include "core/color_matrix_shaper.h"
@@ -287,17 +289,18 @@ std::shared_ptr<ImageDataRGBf> uniformImage(Profile profile, float lo, float hi,
   return image;
 }
 
-/// The largest difference to lcms over the image, relative to max(1, |lcms|); infinite when
-/// only one side is NaN.
-double worstAgainstEngine(const ImageDataRGBf& src, const Profile& to) {
-  std::shared_ptr<ImageDataRGBf> dst;
-  EXPECT_TRUE(src.colorTransform(dst, to));
-  if (!dst) return std::numeric_limits<double>::infinity();
+std::vector<RGBf> engineResult(const ImageDataRGBf& src, const Profile& to) {
   std::vector<RGBf> reference(src.area());
   engineTransform(src.colorProfile, to, TYPE_RGB_FLT, src.data, reference.data(), src.area());
+  return reference;
+}
+
+/// The largest difference between two results, relative to max(1, |reference|); infinite when
+/// only one side is NaN.
+double worstDifference(const ImageDataRGBf& dst, const std::vector<RGBf>& reference) {
   double worst = 0.0;
-  for (std::uint64_t i = 0; i < src.area(); ++i) {
-    const float got[3] = {dst->data[i].r, dst->data[i].g, dst->data[i].b};
+  for (std::uint64_t i = 0; i < dst.area(); ++i) {
+    const float got[3] = {dst.data[i].r, dst.data[i].g, dst.data[i].b};
     const float want[3] = {reference[i].r, reference[i].g, reference[i].b};
     for (int c = 0; c < 3; ++c) {
       if (std::isnan(got[c]) || std::isnan(want[c])) {
@@ -311,6 +314,14 @@ double worstAgainstEngine(const ImageDataRGBf& src, const Profile& to) {
     }
   }
   return worst;
+}
+
+/// worstDifference of the library's conversion against lcms run directly.
+double worstAgainstEngine(const ImageDataRGBf& src, const Profile& to) {
+  std::shared_ptr<ImageDataRGBf> dst;
+  EXPECT_TRUE(src.colorTransform(dst, to));
+  if (!dst) return std::numeric_limits<double>::infinity();
+  return worstDifference(*dst, engineResult(src, to));
 }
 
 TEST(ColorTransformMatrixShaper, FollowsTheEngineInAndOutOfRange) {
@@ -334,13 +345,39 @@ TEST(ColorTransformMatrixShaper, FollowsTheEngineInAndOutOfRange) {
   }
 }
 
+/// Every value meets every other in the same pixel, next to a plain value or zero.
+std::shared_ptr<ImageDataRGBf> oddValueImage(Profile profile, std::span<const float> odd) {
+  const int side = static_cast<int>(odd.size());
+  auto src = std::make_shared<ImageDataRGBf>(_Size<int>(side, 3 * side), std::move(profile));
+  for (std::size_t i = 0; i < odd.size(); ++i)
+    for (std::size_t j = 0; j < odd.size(); ++j) {
+      const int x = static_cast<int>(i), y = static_cast<int>(j);
+      src->at(x, y) = RGBf(odd[i], odd[j], 0.5f);
+      src->at(x, side + y) = RGBf(0.25f, odd[j], odd[i]);
+      src->at(x, 2 * side + y) = RGBf(odd[i], odd[j], 0.0f);
+    }
+  return src;
+}
+
+/// A version 2 profile whose curves are 16-bit tables of `entries` values of `curve`, as many
+/// cameras embed.
+template <typename Curve>
+Profile tabulatedProfile(std::size_t entries, Curve curve, const char* name) {
+  std::vector<cmsUInt16Number> table(entries);
+  for (std::size_t i = 0; i < entries; ++i)
+    table[i] = static_cast<cmsUInt16Number>(
+        std::lround(65535.0 * curve(static_cast<float>(i) / static_cast<float>(entries - 1))));
+  return curveProfile(
+      cmsBuildTabulatedToneCurve16(nullptr, static_cast<cmsUInt32Number>(entries), table.data()),
+      2.1, name);
+}
+
 TEST(ColorTransformMatrixShaper, OddValuesGiveWhatTheEngineGives) {
   const float inf = std::numeric_limits<float>::infinity();
   const float odd[] = {0.0f,   -0.0f,   1e-30f,  -1e-30f,  1e-8f,
                        1e-45f, 0.0404f, 0.0405f, 0.00313f, 0.5f,
                        255.9f, 256.0f,  300.0f,  1e6f,     1e21f,
                        -1e30f, 3.4e38f, inf,     -inf,     std::numeric_limits<float>::quiet_NaN()};
-  const std::size_t n = std::size(odd);
   for (const auto& [from, to] :
        {std::pair(ColorProfileType::sRGB(), ColorProfileType::proPhotoRGB()),
         std::pair(ColorProfileType::proPhotoRGB(), ColorProfileType::sRGB()),
@@ -349,16 +386,7 @@ TEST(ColorTransformMatrixShaper, OddValuesGiveWhatTheEngineGives) {
         // Equal primaries: lcms drops the matrix, so a NaN stays in its own channel.
         std::pair(ColorProfileType::sRGB(), ColorProfileType::sRGBLinear())}) {
     SCOPED_TRACE(from->name() + " -> " + to->name());
-    // Every odd value meets every other in the same pixel, next to a plain value or zero.
-    const int side = static_cast<int>(n);
-    auto src = std::make_shared<ImageDataRGBf>(_Size<int>(side, 3 * side), from);
-    for (int i = 0; i < side; ++i)
-      for (int j = 0; j < side; ++j) {
-        src->at(i, j) = RGBf(odd[i], odd[j], 0.5f);
-        src->at(i, side + j) = RGBf(0.25f, odd[j], odd[i]);
-        src->at(i, 2 * side + j) = RGBf(odd[i], odd[j], 0.0f);
-      }
-    EXPECT_LE(worstAgainstEngine(*src, to), 2e-5);
+    EXPECT_LE(worstAgainstEngine(*oddValueImage(from, odd), to), 2e-5);
   }
 }
 
@@ -410,16 +438,8 @@ TEST(ColorTransformMatrixShaper, AlphaPassesThroughAndRowsConvertAlone) {
 }
 
 TEST(ColorTransformMatrixShaper, TabulatedAndBlackOffsetCurvesFollowTheEngine) {
-  // A version 2 profile with a 1024-entry 16-bit curve, as many cameras embed: lcms clips and
-  // quantises its input.
-  std::vector<cmsUInt16Number> table(1024);
-  for (std::size_t i = 0; i < table.size(); ++i)
-    table[i] = static_cast<cmsUInt16Number>(
-        std::lround(65535.0 * srgbToLinear(static_cast<float>(i) / 1023.0f)));
-  const Profile tabulated =
-      curveProfile(cmsBuildTabulatedToneCurve16(nullptr, static_cast<cmsUInt32Number>(table.size()),
-                                                table.data()),
-                   2.1, "tabulated");
+  // lcms clips and quantises the input of a tabulated curve.
+  const Profile tabulated = tabulatedProfile(1024, srgbToLinear, "tabulated");
   // A version 4 curve that does not reach 0: lcms then adds black point compensation.
   const double lifted[7] = {2.2, 0.95, 0.05, 0.1, 0.05, 0.02, 0.025};
   const Profile offset =
@@ -432,6 +452,50 @@ TEST(ColorTransformMatrixShaper, TabulatedAndBlackOffsetCurvesFollowTheEngine) {
     EXPECT_TRUE(detail::findMatrixShaperTransform(from, to));
     EXPECT_LE(worstAgainstEngine(*uniformImage(from, 0.0f, 1.0f, ++seed), to), 2e-5);
     EXPECT_LE(worstAgainstEngine(*uniformImage(from, -0.5f, 4.0f, ++seed), to), 2e-5);
+  }
+}
+
+// lcms reads a 16-bit table at a code clamped to [0, 65535], so values beyond either end,
+// infinities included, take the end entries, and a NaN takes the code its low bits fall on
+// (mid-table for the NaN arithmetic makes): nothing leaves a table as NaN. The library's
+// kernels follow that rule by handing every pixel holding a NaN to lcms: the same bits.
+TEST(ColorTransformMatrixShaper, TabulatedCurvesFollowTheEngineOnNaNInfinityAndOutOfRange) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  // -NaN is what x86 arithmetic makes; a NaN with low payload bits lands elsewhere in a table.
+  const float payloadNaN = std::bit_cast<float>(0x7fc12345u);
+  const float odd[] = {0.0f,  -0.0f,  0.5f,    1.0f, 1.0001f, 1.5f, 4.0f, -0.5f,     -1e-30f,
+                       1e30f, -1e30f, 3.4e38f, inf,  -inf,    nan,  -nan, payloadNaN};
+  const Profile camera = tabulatedProfile(1024, srgbToLinear, "camera table");
+  const Profile gamma = tabulatedProfile(
+      256, [](float v) { return std::pow(v, 2.2f); }, "gamma table");
+  const auto proPhoto = ColorProfileType::proPhotoRGB(), srgb = ColorProfileType::sRGB();
+  for (const auto& [from, to] :
+       {std::pair(camera, proPhoto), std::pair(proPhoto, camera), std::pair(camera, gamma),
+        std::pair(gamma, srgb), std::pair(srgb, gamma)}) {
+    SCOPED_TRACE(from->name() + " -> " + to->name());
+    ASSERT_TRUE(detail::findMatrixShaperTransform(from, to));
+    const auto src = oddValueImage(from, odd);
+    std::shared_ptr<ImageDataRGBf> dst;
+    ASSERT_TRUE(src->colorTransform(dst, to));
+    ASSERT_TRUE(dst);
+    const std::vector<RGBf> reference = engineResult(*src, to);
+    // The curves that are not tables are fitted, hence the tolerance of the other tests.
+    EXPECT_LE(worstDifference(*dst, reference), 2e-5);
+    for (std::uint64_t i = 0; i < src->area(); ++i) {
+      const RGBf in = src->data[i], out = dst->data[i];
+      if (std::isnan(in.r) || std::isnan(in.g) || std::isnan(in.b)) {
+        ASSERT_EQ(0, std::memcmp(&out, &reference[i], sizeof(RGBf))) << "pixel " << i;
+      }
+      if (from != srgb && from != proPhoto) {
+        ASSERT_TRUE(std::isfinite(out.r) && std::isfinite(out.g) && std::isfinite(out.b))
+            << "pixel " << i;
+      }
+    }
+    if (to == gamma && from == camera) {
+      // Between two tables nothing is fitted: the bits are the engine's.
+      EXPECT_EQ(0, std::memcmp(dst->data, reference.data(), dst->sizeInBytes()));
+    }
   }
 }
 
