@@ -63,8 +63,11 @@ TEST(ImageData, CopiesShareTheProfileAndKeepTheLoadState) {
 TEST(ImageData, CopyOfRegions) {
   test::LogCapture log;
   auto src = gradient(100, 100);
-  EXPECT_EQ(src->copy(_Rect<int>())->size(), src->size());
-  EXPECT_EQ(src->copy(_Rect<int>(0, 0, 100, 100))->size(), src->size());
+  for (const _Rect<int> whole : {_Rect<int>(), _Rect<int>(0, 0, 100, 100)}) {
+    const auto full = src->copy(whole);
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->size(), src->size());
+  }
 
   auto corner = src->copy(_Rect<int>(-10, -10, 20, 20));
   ASSERT_TRUE(corner);
@@ -72,6 +75,7 @@ TEST(ImageData, CopyOfRegions) {
   EXPECT_EQ(corner->at(9, 9), src->at(9, 9));
 
   auto inner = src->copy(_Rect<int>(30, 40, 5, 7));
+  ASSERT_TRUE(inner);
   EXPECT_EQ(inner->at(0, 0), src->at(30, 40));
   EXPECT_EQ(inner->at(4, 6), src->at(34, 46));
 
@@ -85,17 +89,20 @@ TEST(ImageData, CopyToAndCopyPartTo) {
   auto src = gradient(20, 10);
   std::shared_ptr<RGBf> dst;
   src->copyTo(dst, _Rect<int>(2, 2, 4, 4));
+  ASSERT_TRUE(dst);
   EXPECT_EQ(dst->size(), _Size<int>(4, 4));  // empty dst: copy of the region
 
   auto same = std::make_shared<RGBf>(_Size<int>(20, 10), PixelRGB<float>(9.0f));
   const PixelRGB<float>* kept = same->data;
   src->copyTo(same, _Rect<int>(0, 0, 3, 3));
+  ASSERT_TRUE(same);
   EXPECT_EQ(same->data, kept);                 // array reused
   EXPECT_EQ(same->at(19, 9), src->at(19, 9));  // and the whole image copied despite the roi
 
   auto part = std::make_shared<RGBf>(_Size<int>(20, 10), PixelRGB<float>(-1.0f));
   part->setLoadState(THUMBNAIL);
   src->copyPartTo(part, _Rect<int>(5, 2, 3, 4));
+  ASSERT_TRUE(part);
   EXPECT_EQ(part->at(5, 2), src->at(5, 2));
   EXPECT_EQ(part->at(7, 5), src->at(7, 5));
   EXPECT_EQ(part->at(8, 5), PixelRGB<float>(-1.0f));
@@ -103,6 +110,7 @@ TEST(ImageData, CopyToAndCopyPartTo) {
   EXPECT_EQ(part->getLoadState(), FULL_LOADED);
 
   src->copyPartTo(part, _Rect<int>(15, 0, 10, 2));
+  ASSERT_TRUE(part);
   EXPECT_EQ(log.countEndingWith(" Invalid roi"), 1u);
   EXPECT_EQ(part->at(16, 0), PixelRGB<float>(-1.0f));
 
@@ -127,6 +135,7 @@ TEST(ImageData, FillClampAndSaturatedCopy) {
   img.at(6, 4) = PixelRGB<float>(7.0f, -0.0f, std::numeric_limits<float>::infinity());
   auto saturated = img.copy_saturated(_Rect<int>(), false);
   auto threaded = img.copy_saturated(_Rect<int>(), true);
+  ASSERT_TRUE(saturated && threaded);
   img.clamp();
   EXPECT_EQ(img.at(0, 0), PixelRGB<float>(0.0f, 0.0f, 0.5f));
   EXPECT_EQ(img.at(6, 4), PixelRGB<float>(1.0f, 0.0f, 1.0f));
@@ -378,6 +387,7 @@ TEST(ImageData, OneThreadEqualsMany) {
   tbb::task_arena(1).execute([&] { one = render(); });
   ASSERT_EQ(one.size(), many.size());
   for (std::size_t i = 0; i < one.size(); ++i) {
+    ASSERT_TRUE(one[i] && many[i]) << i;
     ASSERT_EQ(one[i]->size(), many[i]->size());
     EXPECT_EQ(std::memcmp(one[i]->data, many[i]->data, one[i]->sizeInBytes()), 0) << i;
   }
