@@ -25,7 +25,7 @@ constexpr int cvTypeOf() {
 /// with the coverages weights[offset[o]] to weights[offset[o + 1]] (1 for whole pixels).
 struct AxisSpans {
   std::vector<int> first;
-  std::vector<int> offset;
+  std::vector<std::size_t> offset;
   std::vector<float> weights;
 };
 
@@ -42,11 +42,12 @@ AxisSpans coverSpans(int sourceLength, int outputLength) {
     const int begin = static_cast<int>(std::floor(lo));
     const int end = std::min(sourceLength, static_cast<int>(std::ceil(hi)));
     spans.first[static_cast<std::size_t>(o)] = begin;
-    spans.offset[static_cast<std::size_t>(o)] = static_cast<int>(spans.weights.size());
+    spans.offset[static_cast<std::size_t>(o)] = spans.weights.size();
     for (int i = begin; i < end; ++i)
-      spans.weights.push_back(static_cast<float>(std::min(hi, i + 1.0) - std::max(lo, double(i))));
+      spans.weights.push_back(
+          static_cast<float>(std::min(hi, i + 1.0) - std::max(lo, static_cast<double>(i))));
   }
-  spans.offset.back() = static_cast<int>(spans.weights.size());
+  spans.offset.back() = spans.weights.size();
   return spans;
 }
 
@@ -86,17 +87,15 @@ void areaShrink(const _ImageData<T>& src, const _Rect<int>& region, _ImageData<T
     for (int oy = firstRow; oy < endRow; ++oy) {
       std::fill(acc.begin(), acc.end(), 0.0f);
       const auto o = static_cast<std::size_t>(oy);
-      for (int k = rows.offset[o]; k < rows.offset[o + 1]; ++k) {
-        const int y = region.y + rows.first[o] + (k - rows.offset[o]);
-        accumulateRow(acc.data(), channels(src.row(y) + region.x),
-                      rows.weights[static_cast<std::size_t>(k)], rowValues);
-      }
+      int y = region.y + rows.first[o];
+      for (std::size_t k = rows.offset[o]; k < rows.offset[o + 1]; ++k, ++y)
+        accumulateRow(acc.data(), channels(src.row(y) + region.x), rows.weights[k], rowValues);
       Channel* out = channels(dst.row(oy));
       for (std::size_t ox = 0; ox < static_cast<std::size_t>(dst.width); ++ox) {
         float sum[C] = {};
         const float* pixel = acc.data() + static_cast<std::size_t>(columns.first[ox]) * C;
-        for (int k = columns.offset[ox]; k < columns.offset[ox + 1]; ++k, pixel += C) {
-          const float w = columns.weights[static_cast<std::size_t>(k)];
+        for (std::size_t k = columns.offset[ox]; k < columns.offset[ox + 1]; ++k, pixel += C) {
+          const float w = columns.weights[k];
           for (int c = 0; c < C; ++c) sum[c] += w * pixel[c];
         }
         for (int c = 0; c < C; ++c) out[ox * C + c] = fromAverage<Channel>(sum[c] * norm);
