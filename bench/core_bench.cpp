@@ -87,6 +87,19 @@ void BM_Resize1500x1000(benchmark::State& state) {
   compareTo(state, "read");
 }
 
+// Non-integer factors: a large one (the default-style 160-wide thumbnail) and a small one.
+void BM_Resize160x107(benchmark::State& state) {
+  std::shared_ptr<RGBf> dst;
+  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(160, 107));
+  compareTo(state, "read");
+}
+
+void BM_Resize4000x2667(benchmark::State& state) {
+  std::shared_ptr<RGBf> dst;
+  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(4000, 2667));
+  compareTo(state, "read");
+}
+
 void BM_AffineRotate5DegTo1500x1000(benchmark::State& state) {
   auto dst = std::make_shared<RGBf>(_Size<int>(1500, 1000));
   AffineTransform turn;
@@ -149,6 +162,8 @@ BENCHMARK(BM_Clamp)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Copy)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ThumbnailDefault)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Resize1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Resize160x107)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Resize4000x2667)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AffineRotate5DegTo1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ColorTransformSRGBToProPhoto)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PoolRecycled288MB)->Unit(benchmark::kMicrosecond)->UseRealTime();

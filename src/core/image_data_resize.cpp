@@ -21,6 +21,11 @@ std::shared_ptr<_ImageData<T>> _ImageData<T>::resize(_Size<int> size, const _Rec
 template <typename T>
 bool _ImageData<T>::resizeTo(std::shared_ptr<_ImageData>& dst, _Size<int> size, bool highQuality,
                              const _Rect<int>& roi) const {
+  // As in resize: no size, or the buffer's own, is a copy of the whole image.
+  if ((size.width == 0 && size.height == 0) || size == this->size()) {
+    copyTo(dst);
+    return true;
+  }
   if (size.width < 1 || size.height < 1 || dst.get() == this) {
     VORN_LOG_FAILURE("Can't resize image");
     return false;

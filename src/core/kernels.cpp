@@ -21,9 +21,9 @@ VORN_DISPATCH void clampCopyFloats(float* __restrict dst, const float* __restric
   }
 }
 
-VORN_DISPATCH void accumulateFloats(float* __restrict acc, const float* __restrict row,
-                                    std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) acc[i] += row[i];
+VORN_DISPATCH void accumulateScaledFloats(float* __restrict acc, const float* __restrict row,
+                                          float weight, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) acc[i] += weight * row[i];
 }
 
 }  // namespace vorn::detail

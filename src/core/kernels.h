@@ -11,7 +11,7 @@ namespace vorn::detail {
 void clampFloats(float* values, std::size_t count);
 /// dst[i] = clamp(src[i]).
 void clampCopyFloats(float* dst, const float* src, std::size_t count);
-/// acc[i] += row[i].
-void accumulateFloats(float* acc, const float* row, std::size_t count);
+/// acc[i] += weight * row[i].
+void accumulateScaledFloats(float* acc, const float* row, float weight, std::size_t count);
 
 }  // namespace vorn::detail

@@ -3,6 +3,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "core/image_data_internal.h"
@@ -19,55 +21,87 @@ constexpr int cvTypeOf() {
   return CV_MAKETYPE(depth, PixelTraits<T>::kChannels);
 }
 
-// Averages kx x ky boxes of the region into a float image of ceil(w / kx) x ceil(h / ky); the
-// boxes of the last column and row are partial and averaged over what they hold. One
-// streaming pass over the source, which is what makes large shrinks cost about one read.
-// The result lives in a pool buffer: a fresh one would pay first-touch page faults every call.
+/// The source pixels each output pixel of one axis covers: output o takes pixels first[o] on,
+/// with the coverages weights[offset[o]] to weights[offset[o + 1]] (1 for whole pixels).
+struct AxisSpans {
+  std::vector<int> first;
+  std::vector<std::size_t> offset;
+  std::vector<float> weights;
+};
+
+AxisSpans coverSpans(int sourceLength, int outputLength) {
+  AxisSpans spans;
+  spans.first.resize(static_cast<std::size_t>(outputLength));
+  spans.offset.resize(static_cast<std::size_t>(outputLength) + 1);
+  const auto edge = [&](int o) {
+    // From the exact integer product, so the last span ends on the source's last edge.
+    return static_cast<double>(static_cast<std::int64_t>(o) * sourceLength) / outputLength;
+  };
+  for (int o = 0; o < outputLength; ++o) {
+    const double lo = edge(o), hi = edge(o + 1);
+    const int begin = static_cast<int>(std::floor(lo));
+    const int end = std::min(sourceLength, static_cast<int>(std::ceil(hi)));
+    spans.first[static_cast<std::size_t>(o)] = begin;
+    spans.offset[static_cast<std::size_t>(o)] = spans.weights.size();
+    for (int i = begin; i < end; ++i)
+      spans.weights.push_back(
+          static_cast<float>(std::min(hi, i + 1.0) - std::max(lo, static_cast<double>(i))));
+  }
+  spans.offset.back() = spans.weights.size();
+  return spans;
+}
+
+template <typename Channel>
+void accumulateRow(float* acc, const Channel* line, float weight, std::size_t count) {
+  if constexpr (std::is_same_v<Channel, float>) {
+    accumulateScaledFloats(acc, line, weight, count);
+  } else {
+    for (std::size_t i = 0; i < count; ++i) acc[i] += weight * static_cast<float>(line[i]);
+  }
+}
+
+template <typename Channel>
+Channel fromAverage(float v) {
+  if constexpr (std::is_same_v<Channel, float>) {
+    return v;
+  } else {
+    return static_cast<Channel>(std::clamp(v, 0.0f, 255.0f) + 0.5f);
+  }
+}
+
+/// Exact area average of the region at any shrink factor: every output pixel is the mean over
+/// its own rectangle of the source, edge pixels weighted by how much of them it covers. Each
+/// output row sums its source rows in one streaming pass, then collapses that row across.
 template <typename T>
-void boxShrinkInto(const _ImageData<T>& src, const _Rect<int>& region, int kx, int ky, float* out,
-                   int outW, int outH) {
+void areaShrink(const _ImageData<T>& src, const _Rect<int>& region, _ImageData<T>& dst) {
   using Channel = typename PixelTraits<T>::Channel;
   constexpr int C = PixelTraits<T>::kChannels;
+  const AxisSpans columns = coverSpans(region.width, dst.width);
+  const AxisSpans rows = coverSpans(region.height, dst.height);
+  const float norm = static_cast<float>(static_cast<double>(dst.width) * dst.height /
+                                        (static_cast<double>(region.width) * region.height));
   const std::size_t rowValues = static_cast<std::size_t>(region.width) * C;
 
-  parallelRows(outH, [&](int first, int end) {
+  parallelRows(dst.height, [&](int firstRow, int endRow) {
     std::vector<float> acc(rowValues);
-    for (int oy = first; oy < end; ++oy) {
-      const int y0 = region.y + oy * ky;
-      const int y1 = std::min(region.y + region.height, y0 + ky);
+    for (int oy = firstRow; oy < endRow; ++oy) {
       std::fill(acc.begin(), acc.end(), 0.0f);
-      for (int y = y0; y < y1; ++y) {
-        const Channel* line = channels(src.row(y) + region.x);
-        if constexpr (std::is_same_v<Channel, float>) {
-          accumulateFloats(acc.data(), line, rowValues);
-        } else {
-          for (std::size_t i = 0; i < rowValues; ++i) acc[i] += static_cast<float>(line[i]);
+      const auto o = static_cast<std::size_t>(oy);
+      int y = region.y + rows.first[o];
+      for (std::size_t k = rows.offset[o]; k < rows.offset[o + 1]; ++k, ++y)
+        accumulateRow(acc.data(), channels(src.row(y) + region.x), rows.weights[k], rowValues);
+      Channel* out = channels(dst.row(oy));
+      for (std::size_t ox = 0; ox < static_cast<std::size_t>(dst.width); ++ox) {
+        float sum[C] = {};
+        const float* pixel = acc.data() + static_cast<std::size_t>(columns.first[ox]) * C;
+        for (std::size_t k = columns.offset[ox]; k < columns.offset[ox + 1]; ++k, pixel += C) {
+          const float w = columns.weights[k];
+          for (int c = 0; c < C; ++c) sum[c] += w * pixel[c];
         }
-      }
-      float* dst = out + static_cast<std::ptrdiff_t>(oy) * outW * C;
-      for (int ox = 0; ox < outW; ++ox) {
-        const int x0 = ox * kx;
-        const int x1 = std::min(region.width, x0 + kx);
-        const float scale = 1.0f / static_cast<float>((x1 - x0) * (y1 - y0));
-        for (int c = 0; c < C; ++c) {
-          float sum = 0.0f;
-          for (int x = x0; x < x1; ++x) sum += acc[static_cast<std::size_t>(x) * C + c];
-          dst[ox * C + c] = sum * scale;
-        }
+        for (int c = 0; c < C; ++c) out[ox * C + c] = fromAverage<Channel>(sum[c] * norm);
       }
     }
   });
-}
-
-template <typename T>
-std::shared_ptr<_ImageData<float>> boxShrink(const _ImageData<T>& src, const _Rect<int>& region,
-                                             int kx, int ky) {
-  constexpr int C = PixelTraits<T>::kChannels;
-  const int outW = (region.width + kx - 1) / kx;
-  const int outH = (region.height + ky - 1) / ky;
-  auto out = std::make_shared<_ImageData<float>>(_Size<int>(outW * C, outH));
-  boxShrinkInto(src, region, kx, ky, out->data, outW, outH);
-  return out;
 }
 
 }  // namespace
@@ -80,41 +114,18 @@ bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T
       dst.height < 1)
     return false;
 
+  if (dst.width <= region.width && dst.height <= region.height) {
+    areaShrink(src, region, dst);
+    return true;
+  }
+  // Enlarging on at least one axis.
   cv::Mat whole(src.height, src.width, cvTypeOf<T>(), const_cast<T*>(src.data));
   cv::Mat input = whole(cv::Rect(region.x, region.y, region.width, region.height));
   cv::Mat output(dst.height, dst.width, cvTypeOf<T>(), dst.data);
-
   const bool shrinks = dst.width < region.width || dst.height < region.height;
   const int interpolation =
       shrinks ? cv::INTER_AREA : (highQuality ? cv::INTER_LANCZOS4 : cv::INTER_LINEAR);
-
-  constexpr int C = PixelTraits<T>::kChannels;
-  constexpr bool kFloat = std::is_same_v<typename PixelTraits<T>::Channel, float>;
-  const bool integerFactors = region.width % dst.width == 0 && region.height % dst.height == 0;
-  if (kFloat && shrinks && integerFactors) {
-    // At whole factors the area filter is a plain box average, done in one streaming pass;
-    // OpenCV's integer path runs a scalar loop per box and costs many reads at large factors.
-    boxShrinkInto(src, region, region.width / dst.width, region.height / dst.height,
-                  reinterpret_cast<float*>(dst.data), dst.width, dst.height);
-    return true;
-  }
-  // At other factors an exact integer box first leaves OpenCV a factor of 2 to 4 on a small
-  // image, where its generic area filter is cheap.
-  const int kx = std::max(1, region.width / dst.width / 2);
-  const int ky = std::max(1, region.height / dst.height / 2);
-  if (shrinks && (kx >= 2 || ky >= 2)) {
-    const auto reduced = boxShrink(src, region, kx, ky);
-    cv::Mat reducedView(reduced->height, reduced->width / C, CV_MAKETYPE(CV_32F, C), reduced->data);
-    if constexpr (kFloat) {
-      cv::resize(reducedView, output, output.size(), 0, 0, cv::INTER_AREA);
-    } else {
-      cv::Mat resized;
-      cv::resize(reducedView, resized, output.size(), 0, 0, cv::INTER_AREA);
-      resized.convertTo(output, cvTypeOf<T>());
-    }
-  } else {
-    cv::resize(input, output, output.size(), 0, 0, interpolation);
-  }
+  cv::resize(input, output, output.size(), 0, 0, interpolation);
   return output.data == reinterpret_cast<uchar*>(dst.data);
 }
 

@@ -205,14 +205,18 @@ TEST_F(LibraryTest, MissingSettingsFileWarnsOnceInTheLaterLog) {
 TEST_F(LibraryTest, SettingsFileDrivesVerbosityAndBadValuesFallBack) {
   EXPECT_EQ(vornInit(contextWithSettings(R"({"Logger": {"Verbosity": 9}})")), kInitOk);
   EXPECT_TRUE(DataStore::instance().lastLoadError().empty());
-  InitLog(*getVornContext());
+  const auto first = getVornContext();
+  ASSERT_TRUE(first);
+  InitLog(*first);
   EXPECT_EQ(Logger::LogInstance().GetVerbosity(), 5u);
   UnInitLog();
 
   EXPECT_EQ(
       vornInit(contextWithSettings(R"({"Logger": {"Verbosity": "abc"}, "Threads": {"max": "x"}})")),
       kInitOk);
-  InitLog(*getVornContext());
+  const auto second = getVornContext();
+  ASSERT_TRUE(second);
+  InitLog(*second);
   EXPECT_EQ(Logger::LogInstance().GetVerbosity(), 4u);
   EXPECT_EQ(tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism),
             static_cast<std::size_t>(tbb::info::default_concurrency()));

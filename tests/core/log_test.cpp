@@ -101,7 +101,7 @@ TEST(LogLevels, VerbosityDropsLowerTypesAndLogAlwaysPasses) {
   log.CriticalError(ModuleName::Global, "dropped at 5");
   log.LogAlways(ModuleName::Global, "kept at 5");
   log.DoLogText(LogMessageType::Comment, ModuleName::Global, "unchecked", false);
-  EXPECT_EQ(capture->texts().size(), 4u);
+  ASSERT_EQ(capture->texts().size(), 4u);
   EXPECT_EQ(capture->texts()[2], "kept at 5");
   EXPECT_EQ(capture->texts()[3], "unchecked");
 
@@ -195,7 +195,7 @@ TEST_F(LogTest, InitializeEnablesModulesAndLogSystemsReplacesMask) {
   LOG(logstream(T::LogAlways, ModuleName::None) << "still none");
   LOG_SYSTEMS(0);
   LOG(logstream(T::LogAlways, ModuleName::Global) << "all off");
-  EXPECT_EQ(capture->texts(), (std::vector<std::string>{"effects 2.5", "memory 2"}));
+  ASSERT_EQ(capture->texts(), (std::vector<std::string>{"effects 2.5", "memory 2"}));
   EXPECT_EQ(capture->messages().back().module, ModuleName::Memory);
   EXPECT_EQ(capture->messages().back().type, LogMessageType::CriticalError);
   const logstream fresh;

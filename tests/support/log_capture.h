@@ -10,14 +10,22 @@
 
 namespace vorn::test {
 
-/// Collects every message the library logs while it lives, at full verbosity.
+/// Collects every message the library logs while it lives, at full verbosity. At the end it
+/// drops every stream (tests rely on that for streams the code under test added) and puts the
+/// verbosity back.
 class LogCapture {
  public:
-  LogCapture() : stream_(std::make_shared<Stream>()) {
+  LogCapture()
+      : stream_(std::make_shared<Stream>()), verbosity_(Logger::LogInstance().GetVerbosity()) {
     Logger::LogInstance().SetVerbosity(0);
     Logger::LogInstance().AddStream(stream_);
   }
-  ~LogCapture() { Logger::LogInstance().Shutdown(); }
+  ~LogCapture() {
+    Logger::LogInstance().Shutdown();
+    Logger::LogInstance().SetVerbosity(verbosity_);
+  }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<std::string> lines() const {
     std::lock_guard lock(stream_->mutex);
@@ -57,6 +65,7 @@ class LogCapture {
     std::vector<LogMessage> messages;
   };
   std::shared_ptr<Stream> stream_;
+  unsigned verbosity_;
 };
 
 }  // namespace vorn::test

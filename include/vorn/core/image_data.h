@@ -77,11 +77,13 @@ class _ImageData {
   /// Limits every channel to [0, 1] in place; NaN becomes 0.
   void clamp();
 
-  /// A resampled copy of roi (area filter when shrinking). `highQuality` picks Lanczos over
-  /// bilinear when enlarging. Empty pointer when roi is not inside the image.
+  /// A resampled copy of roi: the exact area average when shrinking; `highQuality` picks
+  /// Lanczos over bilinear when enlarging. (0, 0) or the buffer's own size copies the whole
+  /// image. Empty pointer when roi is not inside the image.
   std::shared_ptr<_ImageData> resize(_Size<int> size, const _Rect<int>& roi = {},
                                      bool highQuality = false) const;
-  /// As resize, into dst (reused when its size already fits); false and a log line on failure.
+  /// As resize, into dst (reused when its size already fits), so (0, 0) or the buffer's own size
+  /// copies the whole image; false and a log line on failure.
   bool resizeTo(std::shared_ptr<_ImageData>& dst, _Size<int> size, bool highQuality = false,
                 const _Rect<int>& roi = {}) const;
   /// A small copy; (0, 0) picks min(width / 4, 120) wide at the image's aspect.
