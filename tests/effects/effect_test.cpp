@@ -104,7 +104,8 @@ TEST(EffectTest, MappedValueIsPiecewiseLinearAroundTheMidpoint) {
 
 TEST(EffectTest, WrapperLogsAFailureOnce) {
   test::LogCapture log;
-  LOG_SYSTEMS(enabledLogModules() | static_cast<std::size_t>(ModuleName::Memory));
+  const std::size_t modules = enabledLogModules();
+  LOG_SYSTEMS(modules | static_cast<std::size_t>(ModuleName::Memory));
   ProbeEffect effect("VORNProbe");
   auto source = test::makeTestImage(40, 30);
   EffectCallContext call(source, std::make_shared<test::ImageRGBf>(source->size()), nullptr, {},
@@ -120,6 +121,7 @@ TEST(EffectTest, WrapperLogsAFailureOnce) {
     EXPECT_EQ(message.type, LogMessageType::CriticalError);
     EXPECT_EQ(message.module, ModuleName::Memory);
   }
+  LOG_SYSTEMS(modules);
 }
 
 TEST(EffectTest, CloneKeepsIdValuesAndParametersContextButNotContext) {
