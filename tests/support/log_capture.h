@@ -10,14 +10,19 @@
 
 namespace vorn::test {
 
-/// Collects every message the library logs while it lives, at full verbosity.
+/// Collects every message the library logs while it lives, at full verbosity; the verbosity
+/// it found is put back afterwards.
 class LogCapture {
  public:
-  LogCapture() : stream_(std::make_shared<Stream>()) {
+  LogCapture()
+      : stream_(std::make_shared<Stream>()), verbosity_(Logger::LogInstance().GetVerbosity()) {
     Logger::LogInstance().SetVerbosity(0);
     Logger::LogInstance().AddStream(stream_);
   }
-  ~LogCapture() { Logger::LogInstance().Shutdown(); }
+  ~LogCapture() {
+    Logger::LogInstance().Shutdown();
+    Logger::LogInstance().SetVerbosity(verbosity_);
+  }
 
   std::vector<std::string> lines() const {
     std::lock_guard lock(stream_->mutex);
@@ -57,6 +62,7 @@ class LogCapture {
     std::vector<LogMessage> messages;
   };
   std::shared_ptr<Stream> stream_;
+  unsigned verbosity_;
 };
 
 }  // namespace vorn::test
