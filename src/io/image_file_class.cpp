@@ -34,10 +34,8 @@ void readContents(ImageFileClass& file) {
   detail::FileBytes contents;
   const detail::RasterStatus status = detail::readWholeFile(file.path, contents);
   file.readCode = status.code;
-  if (!status.ok()) {
-    file.readError = status.reason;
-    return;
-  }
+  file.readError = status.reason;
+  if (!status.ok()) return;
   file.size = contents.size;
   file.bytes = std::move(contents.data);
   file.signature = detail::rasterFormatFromSignature(file.bytes.get(), file.size);
@@ -55,6 +53,7 @@ ImageFileClass classifyByName(const std::string& path) {
   file.extension = getFileExtension(path);
   file.format = imageFileFormatOfExtension(file.extension);
   file.raw = file.format == ImageFileFormat::Raw;
+  file.readError = "the contents were not read";
   return file;
 }
 

@@ -12,9 +12,8 @@ namespace vorn {
 /// The kinds of image file the reader tells apart, by a file's name or by its first bytes.
 enum class ImageFileFormat : std::int32_t { Unknown = 0, Jpeg, Tiff, Raw };
 
-/// What one file is, decided once: its format by name and by signature, whether the raw decoder
-/// takes it, and its contents. The reader's queries and opens accept it in place of the path,
-/// so a file is read once however many questions are asked of it.
+/// What one file is, decided once, with its contents: the reader's queries and opens take it in
+/// place of the path so that the file is read once however many questions are asked of it.
 struct ImageFileClass {
   std::string path;
   std::string extension;  ///< lower case, without the dot
@@ -28,7 +27,7 @@ struct ImageFileClass {
   std::string cameraModel;
   /// 0 when the contents were read; 4 for a missing or unreadable file, 7 for an oversized one.
   ImageReaderErrorCode readCode = kImageReaderFailed;
-  /// Why the contents could not be read; empty when they were.
+  /// Why the contents were not read (or could not be); empty when they were.
   std::string readError;
   /// The whole file; null when it was not read.
   std::shared_ptr<const std::uint8_t[]> bytes;

@@ -40,9 +40,8 @@ class ImageReader {
   /// Decodes in this thread and resizes unless `size` is kNoResizeSize (-1 keeps the aspect).
   ImageResult open_sync(const std::string& path, const _Size<int>& size, ImageReaderOpenFlag flag,
                         std::shared_ptr<bool> cancel, const std::string& parameters);
-  /// The same for a file already classified (and read): the file is not opened again. `cancel`
-  /// is tested between the stages (decode, orientation and colour, resize; for raw files also
-  /// by the loaders); a cancelled open returns code 5 and no image.
+  /// open_sync for a classified file, decoded from the contents it holds; `cancel` is tested
+  /// between the stages (decode, orientation and colour, resize), a cancel giving code 5.
   ImageResult open_sync(const ImageFileClass& file, const _Size<int>& size,
                         ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
                         const std::string& parameters);
