@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "effect_chain.h"
 #include "vorn/core/file_utils.h"
+#include "vorn/io/image_file_class.h"
 #include "vorn/io/image_magick_reader.h"
 #include "vorn/io/image_reader.h"
 
@@ -89,9 +90,10 @@ bool samePath(const std::string& a, const std::string& b) {
 }
 
 // Raw sources deliver their full frame on loader threads; the command waits for it.
-std::shared_ptr<const ImageFrame> decodeFullFrame(const std::string& path, std::ostream& err) {
+std::shared_ptr<const ImageFrame> decodeFullFrame(const ImageFileClass& file, std::ostream& err) {
+  const std::string& path = file.path;
   const ImageResult opened = ImageReader::instance().open_sync(
-      path, ImageReader::kNoResizeSize, kOpenDefault, std::make_shared<bool>(false), {});
+      file, ImageReader::kNoResizeSize, kOpenDefault, std::make_shared<bool>(false), {});
   if (!opened.image || opened.errorCode != kImageReaderOk) {
     err << "vorn apply: " << path << ": the file cannot be decoded (code " << opened.errorCode
         << ")\n";
@@ -148,7 +150,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     err << "vorn apply: " << options.input << ": no such file\n";
     return kExitFailed;
   }
-  if (!ImageReader::allSupportedFormats().count(getFileExtension(options.input))) {
+  if (imageFileFormatOfExtension(getFileExtension(options.input)) == ImageFileFormat::Unknown) {
     err << "vorn apply: " << options.input << ": not a supported image file (raw, JPEG or TIFF)\n";
     return kExitFailed;
   }
@@ -158,7 +160,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
 
   const auto started = std::chrono::steady_clock::now();
-  std::shared_ptr<const ImageFrame> frame = decodeFullFrame(options.input, err);
+  std::shared_ptr<const ImageFrame> frame = decodeFullFrame(classifyImageFile(options.input), err);
   if (!frame) return kExitFailed;
   frame = applyEffects(std::move(frame), effects, error);
   if (!frame) {

@@ -3,18 +3,16 @@
 #include <sstream>
 
 #include "cli.h"
-#include "vorn/core/file_utils.h"
+#include "vorn/io/image_file_class.h"
 #include "vorn/io/image_reader.h"
 
 namespace vorn::cli {
 namespace {
 
-std::string kindOf(const std::string& path) {
-  if (ImageReader::isDngImageFile(path)) return "raw (DNG)";
-  if (ImageReader::isRawImageFile(path)) return "raw";
-  const std::string extension = getFileExtension(path);
-  if (extension == "jpg" || extension == "jpeg") return "JPEG";
-  return "TIFF";
+std::string kindOf(const ImageFileClass& file) {
+  if (file.isDng()) return "raw (DNG)";
+  if (file.raw) return "raw";
+  return file.format == ImageFileFormat::Jpeg ? "JPEG" : "TIFF";
 }
 
 }  // namespace
@@ -29,21 +27,22 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out, std::ostrea
     err << "vorn info: " << path << ": no such file\n";
     return kExitFailed;
   }
-  const auto& formats = ImageReader::allSupportedFormats();
-  if (!formats.count(getFileExtension(path))) {
+  // Read once; every question below is answered from these contents.
+  const ImageFileClass file = classifyImageFile(path);
+  if (file.format == ImageFileFormat::Unknown) {
     err << "vorn info: " << path << ": not a supported image file\n";
     return kExitFailed;
   }
-  const _Size<int> size = ImageReader::getImageSize(path);
+  const _Size<int> size = ImageReader::getImageSize(file);
   if (size.width <= 0 || size.height <= 0) {
     err << "vorn info: " << path << ": the file cannot be read (damaged or not an image)\n";
     return kExitFailed;
   }
   out << "file: " << path << '\n'
-      << "kind: " << kindOf(path) << '\n'
+      << "kind: " << kindOf(file) << '\n'
       << "size: " << size.width << " x " << size.height << '\n'
-      << "bit depth: " << ImageReader::getPreciseColorDepth(path) << '\n';
-  if (const auto metadata = ImageReader::readMetadata(path)) {
+      << "bit depth: " << ImageReader::getPreciseColorDepth(file) << '\n';
+  if (const auto metadata = ImageReader::readMetadata(file)) {
     std::istringstream lines(metadata->print());
     for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
   }

@@ -191,6 +191,11 @@ void DataStore::set(const std::string& key, float value) {
   set(key, std::string(buffer, result.ptr));
 }
 
+void DataStore::remove(const std::string& key) {
+  std::unique_lock lock(mutex_);
+  values_.erase(key);
+}
+
 void DataStore::clear() {
   std::unique_lock lock(mutex_);
   values_.clear();

@@ -1,18 +1,17 @@
 #include "vorn/io/image_reader.h"
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <new>
-#include <type_traits>
 
 #include "core/log_failure.h"
+#include "io/open_stages.h"
+#include "io/raster/exif_metadata.h"
+#include "io/raster/raster_format.h"
 #include "io/raw/raw_decoder.h"
+#include "io/raw/raw_open.h"
 #include "vorn/core/data_store.h"
-#include "vorn/core/file_utils.h"
 #include "vorn/core/library.h"
 #include "vorn/io/exif_reader.h"
 #include "vorn/io/image_magick_reader.h"
@@ -23,76 +22,10 @@
 namespace vorn {
 namespace {
 
-// Kodak's DCS bodies (and the Canon-Kodak hybrids) store their raw data in TIFF files named
-// .tif; no other camera's TIFF needs the raw decoder.
-constexpr std::array<const char*, 2> kRawTiffModels = {"eos d2000c", "eos d6000c"};
-constexpr const char* kRawTiffModelFragment = "dcs";
-
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-bool isTiffExtension(const std::string& extension) {
-  return extension == "tif" || extension == "tiff";
-}
-
-/// The EXIF record where it says something, the raw decoder's values where it does not.
-std::shared_ptr<const ImageMetadata> mergeMetadata(std::shared_ptr<const ImageMetadata> exif,
-                                                   const ImageMetadata& decoder) {
-  auto merged = std::make_shared<ImageMetadata>(exif ? *exif : decoder);
-  const auto fill = [](auto& field, const auto& fallback) {
-    using T = std::decay_t<decltype(field)>;
-    if (field == T{}) field = fallback;
-  };
-  fill(merged->cameraName, decoder.cameraName);
-  fill(merged->cameraModel, decoder.cameraModel);
-  fill(merged->fNumber, decoder.fNumber);
-  fill(merged->aperture, decoder.aperture);
-  fill(merged->shutterSpeed, decoder.shutterSpeed);
-  fill(merged->isoSpeed, decoder.isoSpeed);
-  fill(merged->focalLen, decoder.focalLen);
-  fill(merged->focalLen35mm, decoder.focalLen35mm);
-  fill(merged->minFocalLen, decoder.minFocalLen);
-  fill(merged->maxFocalLen, decoder.maxFocalLen);
-  fill(merged->lensMaker, decoder.lensMaker);
-  fill(merged->lensModel, decoder.lensModel);
-  fill(merged->lensId, decoder.lensId);
-  // The decoder's own view of the sensor and of the orientation it applied wins.
-  merged->sizeRawMatrix = decoder.sizeRawMatrix;
-  merged->mutableParameters.orientation = decoder.mutableParameters.orientation;
-  return merged;
-}
-
-/// Identifies a raw file already in memory; logs one line on failure.
-raw::DecodeOutcome identifyLogged(const raw::RawInput& input, raw::RawIdentity& identity,
-                                  bool dngByName) {
-  raw::DecodeOutcome outcome = raw::identifyRaw(input, identity);
-  if (outcome.code == kImageReaderOk) return outcome;
-  if (dngByName && outcome.code == kImageReaderFailed)
-    VORN_LOG_FAILURE(("DNG is not raw: " + raw::describeFailure(outcome, input.path)).c_str());
-  else
-    VORN_LOG_FAILURE(("RawImage error: " + raw::describeFailure(outcome, input.path)).c_str());
-  return outcome;
-}
-
-ImageResult startRawSource(std::shared_ptr<const raw::RawInput> input,
-                           std::shared_ptr<const ImageMetadata> exif, std::shared_ptr<bool> cancel,
-                           bool dngByName) {
-  ImageResult result;
-  raw::RawIdentity identity;
-  result.errorCode = identifyLogged(*input, identity, dngByName).code;
-  if (result.errorCode != kImageReaderOk) return result;
-  auto source = std::make_shared<ImageSourceRaw>(std::move(input),
-                                                 mergeMetadata(std::move(exif), identity.metadata),
-                                                 identity.geometry, std::move(cancel));
-  result.image = std::make_shared<Image>(std::move(source));
-  return result;
-}
-
-bool startsWith(const void* data, std::uint64_t length, const char* magic, std::size_t size) {
-  return length >= size && std::memcmp(data, magic, size) == 0;
+// A load cancelled before it starts is refused without reading the file's contents.
+ImageFileClass classifyUnlessCancelled(const std::string& path,
+                                       const std::shared_ptr<bool>& cancel) {
+  return raw::isCancelRequested(cancel) ? classifyImageFileByName(path) : classifyImageFile(path);
 }
 
 }  // namespace
@@ -216,44 +149,20 @@ _Size<int> ImageReader::requestedSize(const _Size<int>& requested, const _Size<i
 ImageResult ImageReader::open_sync(const std::string& path, const _Size<int>& size,
                                    ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
                                    const std::string& parameters) {
-  ImageResult result;
-  if (!std::filesystem::is_regular_file(std::filesystem::path(path))) return result;
-  result =
-      isRawImageFile(path) ? readRaw(path, flag, std::move(cancel), parameters) : readNonRaw(path);
-  if (!result.image || size == kNoResizeSize) return result;
-  const _Size<int> target = requestedSize(size, result.image->size());
-  if (target.width < 1 || target.height < 1) {
-    VORN_LOG_FAILURE(("Requested size " + std::to_string(size.width) + "x" +
-                      std::to_string(size.height) + " is invalid; the image keeps its own size")
-                         .c_str());
-    return result;
-  }
-  return imageResize(result, target);
+  if (!std::filesystem::is_regular_file(std::filesystem::path(path))) return ImageResult{};
+  return open_sync(classifyUnlessCancelled(path, cancel), size, flag, std::move(cancel),
+                   parameters);
+}
+
+ImageResult ImageReader::open_sync(const ImageFileClass& file, const _Size<int>& size,
+                                   ImageReaderOpenFlag /*flag*/, std::shared_ptr<bool> cancel,
+                                   const std::string& /*parameters*/) {
+  const detail::StopCheck stop = [cancel] { return raw::isCancelRequested(cancel); };
+  return detail::openClassified(file, size, std::move(cancel), stop);
 }
 
 ImageResult ImageReader::imageResize(const ImageResult& result, const _Size<int>& size) {
-  ImageResult resized;
-  const std::shared_ptr<Image>& image = result.image;
-  if (auto* rawSource = dynamic_cast<ImageSourceRawBase*>(image->source().get())) {
-    // The quarter frame serves sizes it covers; larger ones wait for the full frame.
-    rawSource->waitForQuarterFrame();
-    const ConstImageFrame shown = rawSource->getImageData();
-    if (!shown || shown->width < size.width || shown->height < size.height)
-      rawSource->waitForFullRaw();
-    if (!rawSource->getImageData()) {
-      const ImageReaderErrorCode failed = rawSource->errorCode();
-      resized.errorCode = failed != kImageReaderOk ? failed : kImageReaderFailed;
-      return resized;
-    }
-  }
-  std::shared_ptr<ImageFrame> frame = image->resize(size, _Rect<int>(), true);
-  if (!frame) return resized;
-  // The resized image is finished even when it was made from the quarter frame.
-  frame->setLoadState(FULL_LOADED);
-  resized.image = std::make_shared<Image>(std::make_shared<ImageSource>(
-      std::move(frame), image->metadata() ? image->metadata() : std::make_shared<ImageMetadata>()));
-  resized.errorCode = kImageReaderOk;
-  return resized;
+  return detail::resizeImage(result, size);
 }
 
 ImageResult ImageReader::postProcess(const ImageResult& result, ImageReaderOpenFlag /*flag*/,
@@ -266,7 +175,9 @@ ImageResult ImageReader::postProcess(const ImageResult& result, ImageReaderOpenF
                                 static_cast<double>(size.height) / own.height);
   const _Size<int> target(std::clamp(static_cast<int>(own.width * scale), 1, size.width),
                           std::clamp(static_cast<int>(own.height * scale), 1, size.height));
-  return imageResize(result, target);
+  const bool raw = dynamic_cast<ImageSourceRawBase*>(result.image->source().get()) != nullptr;
+  return detail::processSource(raw ? detail::SourceKind::Raw : detail::SourceKind::Plain,
+                               [&] { return imageResize(result, target); });
 }
 
 bool ImageReader::isImageResultValid(const ImageResult& result) {
@@ -276,28 +187,7 @@ bool ImageReader::isImageResultValid(const ImageResult& result) {
 
 ImageResult ImageReader::readRaw(const std::string& path, ImageReaderOpenFlag /*flag*/,
                                  std::shared_ptr<bool> cancel, const std::string& /*parameters*/) {
-  ImageResult result;
-  try {
-    if (raw::isCancelRequested(cancel)) {
-      LogComment("%s %s", __PRETTY_FUNCTION__, "RawImage loading cancelled");
-      result.errorCode = kImageReaderCancelled;
-      return result;
-    }
-    std::shared_ptr<const raw::RawInput> input;
-    const raw::DecodeOutcome read = raw::readRawInput(path, input);
-    if (read.code != kImageReaderOk) {
-      VORN_LOG_FAILURE(("RawImage error: " + raw::describeFailure(read, path)).c_str());
-      result.errorCode = read.code;
-      return result;
-    }
-    return startRawSource(std::move(input), readImageMetadata(path), std::move(cancel),
-                          isDngImageFile(path));
-  } catch (const std::exception& e) {
-    VORN_LOG_FAILURE(("RawImage error: start '" + path + "': " + e.what()).c_str());
-  } catch (...) {
-    VORN_LOG_FAILURE(("RawImage unknouwn error ('" + path + "')").c_str());
-  }
-  return result;
+  return raw::startRawLoad(classifyUnlessCancelled(path, cancel), std::move(cancel));
 }
 
 ImageResult ImageReader::readNonRaw(const std::string& path) {
@@ -312,22 +202,24 @@ ImageResult ImageReader::open(void* data, std::uint64_t length) {
   ImageResult result;
   if (!data || length == 0) return result;
   // A DNG or a mosaic raw starts like a TIFF; only the raw decoder reads its pixels.
-  const bool jpeg = startsWith(data, length, "\xFF\xD8", 2);
-  if (!jpeg) {
+  const ImageFileFormat signature = detail::rasterFormatFromSignature(
+      static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length));
+  if (signature != ImageFileFormat::Jpeg) {
     auto input = std::make_shared<raw::RawInput>();
     input->path = "<memory>";
     input->length = static_cast<std::size_t>(length);
-    input->bytes.reset(new (std::nothrow) unsigned char[input->length]);
-    if (!input->bytes) {
+    std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[input->length]);
+    if (!copy) {
       result.errorCode = kImageReaderTooLarge;
       return result;
     }
-    std::memcpy(input->bytes.get(), data, input->length);
+    std::memcpy(copy.get(), data, input->length);
+    input->bytes = std::move(copy);
     raw::RawIdentity identity;
-    const bool tiff = startsWith(data, length, "II*\0", 4) || startsWith(data, length, "MM\0*", 4);
+    const bool tiff = signature == ImageFileFormat::Tiff;
     const raw::DecodeOutcome outcome = raw::identifyRaw(*input, identity);
     if (outcome.code == kImageReaderOk && (!tiff || identity.isDng || identity.hasMosaic))
-      return startRawSource(std::move(input), nullptr, {}, false);
+      return raw::startRawSource(std::move(input), nullptr, {}, false);
     if (!tiff) {
       VORN_LOG_FAILURE(("RawImage error: " + raw::describeFailure(outcome, "<memory>")).c_str());
       result.errorCode = outcome.code;
@@ -372,26 +264,32 @@ const std::set<std::string>& ImageReader::allSupportedFormats() {
   return formats;
 }
 
+ImageFileFormat imageFileFormatOfExtension(const std::string& extension) {
+  if (ImageReader::rawSupportedFormats().count(extension)) return ImageFileFormat::Raw;
+  if (jpegFormats().count(extension)) return ImageFileFormat::Jpeg;
+  if (tiffFormats().count(extension)) return ImageFileFormat::Tiff;
+  return ImageFileFormat::Unknown;
+}
+
 bool ImageReader::isRawImageFile(const std::string& path) {
-  const std::string extension = getFileExtension(path);
-  if (!isTiffExtension(extension)) return rawSupportedFormats().count(extension) != 0;
-  const std::string model = lowerCase(readExifCameraModel(path));
-  if (model.empty()) return false;
-  LogComment("%s camera model: %s", __PRETTY_FUNCTION__, model.c_str());
-  return std::find(kRawTiffModels.begin(), kRawTiffModels.end(), model) != kRawTiffModels.end() ||
-         model.find(kRawTiffModelFragment) != std::string::npos;
+  return classifyImageFileByName(path).raw;
 }
 
 bool ImageReader::isDngImageFile(const std::string& path) {
-  return getFileExtension(path) == "dng";
+  return classifyImageFileByName(path).isDng();
 }
 
 bool ImageReader::isHEIC(const std::string& path) {
-  return getFileExtension(path) == "heic";
+  return classifyImageFileByName(path).isHeic();
 }
 
 std::shared_ptr<const ImageMetadata> ImageReader::readMetadata(const std::string& path) {
   return readImageMetadata(path);
+}
+
+std::shared_ptr<const ImageMetadata> ImageReader::readMetadata(const ImageFileClass& file) {
+  return file.isRead() ? detail::readMetadataFromBytes(file.bytes.get(), file.size, file.path)
+                       : nullptr;
 }
 
 std::shared_ptr<const Exiv2::ExifData> ImageReader::readExif(const std::string& path) {
@@ -402,24 +300,46 @@ bool ImageReader::getTemperatureAndTint(float& temperature, float& tint, const s
   return vorn::getTemperatureAndTint(temperature, tint, path);
 }
 
+namespace {
+
+// What the raw decoder learns of a classified file without decoding it; false when it cannot.
+bool identifyRawFile(const ImageFileClass& file, raw::RawIdentity& identity) {
+  std::shared_ptr<const raw::RawInput> input;
+  return raw::rawInputOf(file, input).code == kImageReaderOk &&
+         raw::identifyRaw(*input, identity).code == kImageReaderOk;
+}
+
+}  // namespace
+
 _Size<int> ImageReader::getImageSize(const std::string& path) {
-  if (!isRawImageFile(path)) return rasterImageSize(path);
+  return getImageSize(classifyImageFile(path));
+}
+
+_Size<int> ImageReader::getImageSize(const ImageFileClass& file) {
+  if (!file.raw) return rasterImageSize(file);
   raw::RawIdentity identity;
-  if (raw::identifyRawFile(path, identity).code != kImageReaderOk) return {};
-  return reportedRawSize(identity.geometry);
+  return identifyRawFile(file, identity) ? reportedRawSize(identity.geometry) : _Size<int>();
 }
 
 int ImageReader::getColorDepth(const std::string& path) {
-  if (!isRawImageFile(path)) return rasterColorDepth(path);
+  return getColorDepth(classifyImageFile(path));
+}
+
+int ImageReader::getColorDepth(const ImageFileClass& file) {
+  if (!file.raw) return rasterColorDepth(file);
   // The raw decoder always delivers 16-bit samples.
   raw::RawIdentity identity;
-  return raw::identifyRawFile(path, identity).code == kImageReaderOk ? 16 : 0;
+  return identifyRawFile(file, identity) ? 16 : 0;
 }
 
 int ImageReader::getPreciseColorDepth(const std::string& path) {
-  if (!isRawImageFile(path)) return rasterPreciseColorDepth(path);
+  return getPreciseColorDepth(classifyImageFile(path));
+}
+
+int ImageReader::getPreciseColorDepth(const ImageFileClass& file) {
+  if (!file.raw) return rasterPreciseColorDepth(file);
   raw::RawIdentity identity;
-  return raw::identifyRawFile(path, identity).code == kImageReaderOk ? identity.bitsPerSample : 0;
+  return identifyRawFile(file, identity) ? identity.bitsPerSample : 0;
 }
 
 std::shared_ptr<ImageFrame> ImageReader::getThumbnailBySize(
@@ -446,8 +366,9 @@ bool ImageReader::writeHDRImage(const ImageFrame& frame, const std::string& path
 
 std::tuple<ImageReaderErrorCode, std::shared_ptr<ImageFrame>, std::shared_ptr<const ImageMetadata>>
 dngImageRead(const std::string& path) {
+  const ImageFileClass file = classifyImageFile(path);
   std::shared_ptr<const raw::RawInput> input;
-  raw::DecodeOutcome outcome = raw::readRawInput(path, input);
+  raw::DecodeOutcome outcome = raw::rawInputOf(file, input);
   raw::RawIdentity identity;
   if (outcome.code == kImageReaderOk) outcome = raw::identifyRaw(*input, identity);
   raw::RawFrame decoded;
@@ -459,7 +380,8 @@ dngImageRead(const std::string& path) {
     return {outcome.code, nullptr, nullptr};
   }
   return {kImageReaderOk, std::move(decoded.frame),
-          mergeMetadata(readImageMetadata(path), identity.metadata)};
+          raw::mergeMetadata(detail::readMetadataFromBytes(file.bytes.get(), file.size, path),
+                             identity.metadata)};
 }
 
 }  // namespace vorn

@@ -105,16 +105,12 @@ std::shared_ptr<MaskImage> ImageCompressorProxy::uncompressMask_untracked(
 
   auto mask =
       std::make_shared<MaskImage>(_Size<int>(static_cast<int>(width), static_cast<int>(height)));
-  // A short stream leaves zeros (unselected) rather than whatever the pool block held.
+  // The stored floats go straight into the mask, as they were written. A short stream leaves
+  // zeros (unselected) rather than whatever the pool block held.
   const auto result = detail::inflateInto(blob.data() + kHeader, streamBytes,
                                           reinterpret_cast<std::uint8_t*>(mask->data),
                                           mask->sizeInBytes(), detail::InflateTail::Zero);
   detail::throwIfZlibFailed(result.status);
-  // Stored floats are not trusted: NaN becomes 0 and the rest is held to [0, 1], as a mask is.
-  float* values = mask->data;
-  detail::parallelChunks(mask->area(), kGrain, [&](std::size_t first, std::size_t end) {
-    for (std::size_t i = first; i < end; ++i) values[i] = clampChannel(values[i]);
-  });
   return mask;
 }
 

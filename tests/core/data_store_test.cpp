@@ -110,6 +110,10 @@ TEST_F(DataStoreTest, SetOverridesAndBoolSpellings) {
   EXPECT_EQ(store().getInt("int", 0), -12);
   EXPECT_EQ(store().getFloat("float", 0.0f), 0.1f) << "a float survives its text form exactly";
   EXPECT_EQ(store().getString("text", ""), "plain");
+  store().remove("int");
+  EXPECT_FALSE(store().contains("int"));
+  EXPECT_EQ(store().getInt("int", 7), 7);
+  EXPECT_TRUE(store().contains("text"));
   store().clear();
   EXPECT_FALSE(store().contains("text"));
 }
@@ -118,12 +122,13 @@ TEST_F(DataStoreTest, ConcurrentReadersAndWriters) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([this, t] {
-      const std::string key = "k" + std::to_string(t);
+      // Appended rather than "k" + ...: GCC 12 misreports that form under -Wrestrict.
+      const std::string key = std::string("k").append(std::to_string(t));
       for (int i = 0; i < 500; ++i) {
         store().set(key, i);
         const int value = store().getInt(key, -1);
         EXPECT_TRUE(value == i || value == -1) << value << " (a load may clear it)";
-        store().getInt("k" + std::to_string((t + 1) % 4), 0);
+        store().getInt(std::string("k").append(std::to_string((t + 1) % 4)), 0);
       }
     });
   }

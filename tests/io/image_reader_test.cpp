@@ -8,7 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "io/raster_test_support.h"
 #include "io/raw_test_support.h"
+#include "support/data_store_guard.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "vorn/core/data_store.h"
@@ -60,9 +62,26 @@ TEST(ImageReaderSize, MinusOneFollowsTheDecodedAspectTruncating) {
   const _Size<int> decoded(4000, 3000);
   EXPECT_EQ(ImageReader::requestedSize({-1, 600}, decoded), _Size<int>(800, 600));
   EXPECT_EQ(ImageReader::requestedSize({1000, -1}, decoded), _Size<int>(1000, 750));
+  // Fractional results are truncated, for the computed height as for the computed width.
   EXPECT_EQ(ImageReader::requestedSize({-1, 600}, {4000, 3001}), _Size<int>(799, 600));
+  EXPECT_EQ(ImageReader::requestedSize({1000, -1}, {4001, 3000}), _Size<int>(1000, 749));
+  EXPECT_EQ(ImageReader::requestedSize({-1, 1000}, {3000, 4001}), _Size<int>(749, 1000));
   EXPECT_EQ(ImageReader::requestedSize({300, 200}, decoded), _Size<int>(300, 200));
   EXPECT_EQ(ImageReader::kNoResizeSize, _Size<int>(-1, -1));
+}
+
+TEST(ImageReaderSize, OpenSyncTruncatesTheComputedSide) {
+  TempDir dir;
+  const std::string path = dir.str() + "/401x300.tif";
+  test::raster::writeWithMagick(test::raster::magickImage(test::raster::uniquePattern(401, 300), 8),
+                                "TIFF", path);
+  const auto openAt = [&](_Size<int> size) {
+    const ImageResult result =
+        ImageReader::instance().open_sync(path, size, kOpenDefault, nullptr, "");
+    return ImageReader::isImageResultValid(result) ? result.image->size() : _Size<int>();
+  };
+  EXPECT_EQ(openAt({100, -1}), _Size<int>(100, 74));  // 300 * 100 / 401 = 74.8
+  EXPECT_EQ(openAt({-1, 74}), _Size<int>(98, 74));    // 74 * 401 / 300 = 98.9
 }
 
 ImageResult finishedResult(int width, int height) {
@@ -79,9 +98,12 @@ TEST(ImageReaderSize, PostProcessFitsInsideKeepingTheAspect) {
   const ImageResult fitted = ImageReader::postProcess(wide, kOpenDefault, {100, 100});
   ASSERT_TRUE(ImageReader::isImageResultValid(fitted));
   EXPECT_EQ(fitted.image->size(), _Size<int>(100, 75));
-  EXPECT_NEAR(fitted.image->workingImage()->at(50, 40).g, 0.5f, 1e-5f);
-  EXPECT_EQ(ImageReader::postProcess(wide, kOpenDefault, {30, 200}).image->size(),
-            _Size<int>(30, 22));
+  const ConstImageFrame pixels = fitted.image->workingImage();
+  ASSERT_TRUE(pixels);
+  EXPECT_NEAR(pixels->at(50, 40).g, 0.5f, 1e-5f);
+  const ImageResult narrow = ImageReader::postProcess(wide, kOpenDefault, {30, 200});
+  ASSERT_TRUE(ImageReader::isImageResultValid(narrow));
+  EXPECT_EQ(narrow.image->size(), _Size<int>(30, 22));
   // Never enlarged, and invalid input passes through untouched.
   EXPECT_EQ(ImageReader::postProcess(wide, kOpenDefault, {1000, 1000}).image, wide.image);
   ImageResult failed;
@@ -145,8 +167,13 @@ TEST(ImageReaderTasks, MinusOneNeverCollidesAcrossThreads) {
 
 TEST(ImageReaderLoader, EnabledRuleAndInProcessFallback) {
   EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());  // no context yet
+  test::DataStoreGuard loaderSetting("IPC.Loader.enable_win");
   TempDir dir;
   SVornContext context(dir.str(), dir.str());
+  // Torn down however the test ends, so no later test runs with this context.
+  struct TearDown {
+    ~TearDown() { vornTearDown(); }
+  } tearDown;
   ASSERT_EQ(vornInit(context), kInitOk);
   EXPECT_TRUE(ImageReader::isOutOfProcessLoaderRequested());
   // Asked for, but the child-process loader does not exist yet: raw files decode here.
@@ -168,8 +195,8 @@ TEST(ImageReaderLoader, EnabledRuleAndInProcessFallback) {
   const ImageResult forced =
       ImageReader::instance().open(nef, ImageReader::kNoResizeSize, kOpenInProcess);
   ASSERT_EQ(forced.errorCode, kImageReaderOk);
+  ASSERT_TRUE(forced.image);
   EXPECT_TRUE(dynamic_cast<ImageSourceRaw*>(forced.image->source().get()));
-  vornTearDown();
 }
 
 TEST(ImageReaderOpen, RequestedSizeOnRawAndHostileFiles) {
@@ -178,9 +205,20 @@ TEST(ImageReaderOpen, RequestedSizeOnRawAndHostileFiles) {
   const ImageResult sized =
       ImageReader::instance().open_sync(dng, {-1, 600}, kOpenDefault, nullptr, "");
   ASSERT_EQ(sized.errorCode, kImageReaderOk);
+  ASSERT_TRUE(sized.image);
   EXPECT_EQ(sized.image->size(), _Size<int>(600 * 4128 / 2176, 600));
-  EXPECT_EQ(sized.image->status(), FULL_LOADED);
+  // The 2064 x 1088 quarter frame covers the size: the result says it was made from it.
+  EXPECT_EQ(sized.image->status(), QUARTER_LOADED);
   EXPECT_FALSE(dynamic_cast<ImageSourceRawBase*>(sized.image->source().get()));
+  // A size the quarter frame does not cover waits for the full one, and says so. (This scan's
+  // quarter decode is already 869 x 593: only a larger size needs the full frame.)
+  if (const std::string nef = test::rawSample("nikon_coolscan4_imageio.nef"); !nef.empty()) {
+    const ImageResult large =
+        ImageReader::instance().open_sync(nef, {1000, -1}, kOpenDefault, nullptr, "");
+    ASSERT_TRUE(ImageReader::isImageResultValid(large));
+    EXPECT_EQ(large.image->size(), _Size<int>(1000, 593 * 1000 / 869));
+    EXPECT_EQ(large.image->status(), FULL_LOADED);
+  }
 
   // A truncated file fails in its loaders; a sized open waits for them and returns their code.
   const ImageResult truncated = ImageReader::instance().open_sync(
@@ -198,6 +236,7 @@ TEST(ImageReaderOpen, InMemoryRawAndGarbage) {
   std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   const ImageResult fromMemory = ImageReader::open(bytes.data(), bytes.size());
   ASSERT_EQ(fromMemory.errorCode, kImageReaderOk);
+  ASSERT_TRUE(fromMemory.image);
   EXPECT_TRUE(dynamic_cast<ImageSourceRaw*>(fromMemory.image->source().get()));
   EXPECT_EQ(fromMemory.image->size(), _Size<int>(4128, 2176));
 

@@ -53,6 +53,7 @@ TEST(ImageSource, FinishedFrameServesRegionsAndSizes) {
   ASSERT_TRUE(clipped);
   EXPECT_EQ(clipped->size(), _Size<int>(10, 10));
   auto half = image.resize(_Size<int>(20, 15), _Rect<int>(), false);
+  ASSERT_TRUE(half);
   EXPECT_EQ(half->size(), _Size<int>(20, 15));
   EXPECT_FALSE(image.imageData(_Size<int>(5, 5), _Rect<int>(100, 100, 5, 5), false));
 }

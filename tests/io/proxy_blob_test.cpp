@@ -47,7 +47,7 @@ TEST(ProxyBlob, RoundTripWithinJpegToleranceForEveryProfileCode) {
     std::shared_ptr<Frame> read;
     Proxy::uncompress(blob, read);
     ASSERT_TRUE(read) << code;
-    EXPECT_EQ(read->size(), frame->size());
+    ASSERT_EQ(read->size(), frame->size());
     EXPECT_EQ(read->colorProfile, profile) << code;
     double worst = 0.0, total = 0.0;
     for (int y = 0; y < 45; ++y)
@@ -80,6 +80,7 @@ TEST(ProxyBlob, WriterRefusesWhatItCannotCode) {
   std::shared_ptr<Frame> read;
   Proxy::uncompress(blob, read);
   ASSERT_TRUE(read);
+  ASSERT_EQ(read->size(), frame->size());
   EXPECT_TRUE(std::isfinite(read->at(3, 3).r));
 }
 

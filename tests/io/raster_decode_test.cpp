@@ -8,6 +8,7 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "vorn/io/image_magick_reader.h"
+#include "vorn/io/image_reader.h"
 #include "vorn/io/raster_info.h"
 
 namespace vorn {
@@ -94,7 +95,9 @@ TEST(RasterDecode, JpegMatchesTheReferenceDecoderAndKeepsMetadata) {
 
   ImageMagickReader reader;
   ASSERT_EQ(reader.openImage(path, {-1, -1}), kImageReaderOk);
+  ASSERT_TRUE(reader.getOpenedImage());
   const auto metadata = reader.getOpenedImage()->metadata();
+  ASSERT_TRUE(metadata);
   EXPECT_EQ(metadata->cameraModel, "Canon EOS 70D");
   EXPECT_EQ(metadata->mutableParameters.orientation, 1);
 }
@@ -150,11 +153,14 @@ TEST(RasterDecode, EveryOrientationIsTurnedUpright) {
     writeWithMagick(image, "TIFF", path);
     ImageMagickReader reader;
     ASSERT_EQ(reader.openImage(path, {-1, -1}), kImageReaderOk);
+    ASSERT_TRUE(reader.getOpenedImage());
     const auto frame = reader.getOpenedImage()->workingImage();
+    ASSERT_TRUE(frame);
+    ASSERT_TRUE(reader.getOpenedImage()->metadata());
     EXPECT_EQ(reader.getOpenedImage()->metadata()->mutableParameters.orientation, orientation);
     const bool swaps = orientation >= 5;
     ASSERT_EQ(frame->size(), swaps ? _Size<int>(70, 100) : _Size<int>(100, 70));
-    EXPECT_EQ(rasterImageSize(path), frame->size());
+    EXPECT_EQ(ImageReader::getImageSize(path), frame->size());
     int mismatches = 0;
     for (int y = 0; y < frame->height; ++y)
       for (int x = 0; x < frame->width; ++x) {
@@ -325,11 +331,14 @@ TEST(RasterDecode, MemoryOpenAndHeaderQueries) {
   const std::vector<std::uint8_t> bytes = readBytes(path);
   const ImageResult fromMemory = openRasterFromMemory(bytes.data(), bytes.size());
   ASSERT_EQ(fromMemory.errorCode, kImageReaderOk);
+  ASSERT_TRUE(fromMemory.image);
   const auto memoryFrame = fromMemory.image->workingImage();
   const auto fileFrame = openFrame(path);
+  ASSERT_TRUE(memoryFrame);
   ASSERT_TRUE(fileFrame);
-  EXPECT_EQ(memoryFrame->size(), fileFrame->size());
+  ASSERT_EQ(memoryFrame->size(), fileFrame->size());
   EXPECT_EQ(memoryFrame->at(1234, 567), fileFrame->at(1234, 567));
+  ASSERT_TRUE(fromMemory.image->metadata());
   EXPECT_EQ(fromMemory.image->metadata()->cameraModel, "Canon EOS 70D");
 
   test::LogCapture log;
@@ -338,12 +347,12 @@ TEST(RasterDecode, MemoryOpenAndHeaderQueries) {
   EXPECT_EQ(openRasterFromMemory(text, sizeof text).errorCode, kImageReaderFailed);
   EXPECT_EQ(openRasterFromMemory(bytes.data(), bytes.size() / 3).errorCode, kImageReaderCorrupt);
 
-  EXPECT_EQ(rasterImageSize(path), _Size<int>(2560, 1600));
-  EXPECT_EQ(rasterColorDepth(path), 8);
-  EXPECT_EQ(rasterPreciseColorDepth(dataFile("casio_qv4000_lzw.tif")), 8);
-  EXPECT_EQ(rasterImageSize(dataFile("casio_qv4000_lzw.tif")), _Size<int>(2147, 1027));
-  EXPECT_EQ(rasterImageSize(dataFile("missing.jpg")), _Size<int>(0, 0));
-  EXPECT_EQ(rasterColorDepth(dataFile("missing.tif")), 0);
+  EXPECT_EQ(ImageReader::getImageSize(path), _Size<int>(2560, 1600));
+  EXPECT_EQ(ImageReader::getColorDepth(path), 8);
+  EXPECT_EQ(ImageReader::getPreciseColorDepth(dataFile("casio_qv4000_lzw.tif")), 8);
+  EXPECT_EQ(ImageReader::getImageSize(dataFile("casio_qv4000_lzw.tif")), _Size<int>(2147, 1027));
+  EXPECT_EQ(ImageReader::getImageSize(dataFile("missing.jpg")), _Size<int>(0, 0));
+  EXPECT_EQ(ImageReader::getColorDepth(dataFile("missing.tif")), 0);
 }
 
 TEST(RasterDecode, LargeSamples) {
@@ -354,12 +363,16 @@ TEST(RasterDecode, LargeSamples) {
   // Orientation 6: the upright (0, 0) is the stored bottom-left pixel.
   ImageMagickReader reader;
   ASSERT_EQ(reader.openImage(iphone, {-1, -1}), kImageReaderOk);
+  ASSERT_TRUE(reader.getOpenedImage());
   const auto upright = reader.getOpenedImage()->workingImage();
-  EXPECT_EQ(upright->size(), _Size<int>(2448, 3264));
+  ASSERT_TRUE(upright);
+  ASSERT_EQ(upright->size(), _Size<int>(2448, 3264));
+  ASSERT_TRUE(reader.getOpenedImage()->metadata());
   EXPECT_EQ(reader.getOpenedImage()->metadata()->mutableParameters.orientation, 6);
-  EXPECT_EQ(rasterImageSize(iphone), _Size<int>(2448, 3264));
+  EXPECT_EQ(ImageReader::getImageSize(iphone), _Size<int>(2448, 3264));
   int w = 0, h = 0;
   const std::vector<float> stored = magickReference("JPEG:" + iphone, w, h);
+  ASSERT_EQ(_Size<int>(w, h), _Size<int>(3264, 2448));
   for (const auto& [x, y] : {std::pair{0, 0}, {100, 2000}, {2447, 3263}}) {
     int sx = 0, sy = 0;
     storedPosition(6, x, y, w, h, sx, sy);
@@ -367,18 +380,18 @@ TEST(RasterDecode, LargeSamples) {
               4.0f / 255.0f);
   }
 
-  ASSERT_EQ(reader.openImage(canon, {-1, -1}), kImageReaderOk);
-  const auto frame = reader.getOpenedImage()->workingImage();
+  const auto frame = openFrame(canon);
+  ASSERT_TRUE(frame);
   EXPECT_EQ(frame->size(), _Size<int>(5760, 3840));
   ASSERT_TRUE(frame->colorProfile);
   EXPECT_NE(frame->colorProfile, ColorProfileType::sRGB());
   EXPECT_TRUE(frame->colorProfile->isValid());
 
-  ASSERT_EQ(reader.openImage(dji, {-1, -1}), kImageReaderOk);
-  const auto grey = reader.getOpenedImage()->workingImage();
-  EXPECT_EQ(grey->size(), _Size<int>(1600, 1300));
+  const auto grey = openFrame(dji);
+  ASSERT_TRUE(grey);
+  ASSERT_EQ(grey->size(), _Size<int>(1600, 1300));
   EXPECT_EQ(grey->at(800, 650).r, grey->at(800, 650).b);
-  EXPECT_EQ(rasterColorDepth(dji), 16);
+  EXPECT_EQ(ImageReader::getColorDepth(dji), 16);
 }
 
 }  // namespace

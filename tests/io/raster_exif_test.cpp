@@ -85,7 +85,9 @@ TEST(ExifReader, DamagedExifIsDroppedAndPixelsKept) {
   test::LogCapture log;
   ImageMagickReader reader;
   ASSERT_EQ(reader.openImage(path, {-1, -1}), kImageReaderOk);
+  ASSERT_TRUE(reader.getOpenedImage());
   EXPECT_EQ(reader.getOpenedImage()->size(), _Size<int>(2560, 1600));
+  ASSERT_TRUE(reader.getOpenedImage()->metadata());
   EXPECT_TRUE(reader.getOpenedImage()->metadata()->cameraModel.empty());
   EXPECT_GE(log.countContaining("bad_exif.jpg"), 1u);
 }
@@ -102,7 +104,9 @@ TEST(ExifReader, MakerNoteTemperatureAndSamples) {
   EXPECT_FLOAT_EQ(m->WBTint, 11.0f);
   VORN_REQUIRE_PHOTO(iphone, "iphone4s_orient6.jpg");
   EXPECT_EQ(readExifOrientation(iphone), 6);
-  EXPECT_FLOAT_EQ(readImageMetadata(iphone)->focalLen35mm, 35.0f);
+  const auto portrait = readImageMetadata(iphone);
+  ASSERT_TRUE(portrait);
+  EXPECT_FLOAT_EQ(portrait->focalLen35mm, 35.0f);
 }
 
 }  // namespace

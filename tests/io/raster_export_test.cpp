@@ -57,6 +57,7 @@ TEST(Export, JpegAndTiffRoundTrips) {
   p.tiffBitDepth = 8;
   ASSERT_TRUE(ImageMagickReader::writeImageToFile(*frame, p));
   back = reopen(p.path);
+  ASSERT_TRUE(back);
   EXPECT_NEAR(back->at(137, 2).r, std::round(frame->at(137, 2).r * 255.0f) / 255.0f, 1e-6f);
 
   p.path = (dir.path() / "photo.jpg").string();
@@ -76,6 +77,7 @@ TEST(Export, JpegAndTiffRoundTrips) {
   p.path = (dir.path() / "clamped.tif").string();
   ASSERT_TRUE(ImageMagickReader::writeImageToFile(*frame, p));
   back = reopen(p.path);
+  ASSERT_TRUE(back);
   EXPECT_EQ(back->at(0, 0), PixelRGB<float>(0.0f, 1.0f, 0.0f));
 }
 
@@ -91,11 +93,14 @@ TEST(Export, ProfileResizeOrientationAndPages) {
   const auto back = reopen(p.path);
   ASSERT_TRUE(back);
   EXPECT_EQ(back->size(), _Size<int>(100, 50));
+  ASSERT_TRUE(back->colorProfile);
   EXPECT_EQ(back->colorProfile->name(), ColorProfileType::adobeRGB()->name());
   // Converting the written pixels back to sRGB gives the source colours again.
   std::shared_ptr<ImageFrame> srgb;
   ASSERT_TRUE(back->colorTransform(srgb, ColorProfileType::sRGB()));
+  ASSERT_TRUE(srgb);
   const auto expected = frame->resize({100, 50});
+  ASSERT_TRUE(expected);
   EXPECT_NEAR(srgb->at(60, 20).r, expected->at(60, 20).r, 0.01f);
   EXPECT_NEAR(srgb->at(60, 20).b, expected->at(60, 20).b, 0.01f);
 
@@ -105,6 +110,7 @@ TEST(Export, ProfileResizeOrientationAndPages) {
   p.orientation = 6;
   ASSERT_TRUE(ImageMagickReader::writeImageToFile(*frame, p));
   const auto turned = reopen(p.path);
+  ASSERT_TRUE(turned);
   ASSERT_EQ(turned->size(), _Size<int>(20, 40));
   // A quarter turn clockwise: the source's left edge (red 0) becomes the top.
   EXPECT_LT(turned->at(10, 0).r, 0.05f);
@@ -151,6 +157,7 @@ TEST(Export, ExifIsCopiedWithOrientationReset) {
     const auto back = reopen(p.path, &metadata);
     ASSERT_TRUE(back);
     EXPECT_EQ(back->size(), _Size<int>(48, 64));  // written upright, not turned again
+    ASSERT_TRUE(metadata);
     EXPECT_EQ(metadata->cameraModel, "Model 7");
     EXPECT_EQ(metadata->mutableParameters.orientation, 1);
     EXPECT_FLOAT_EQ(metadata->shutterSpeed, 1.0f / 250.0f);

@@ -6,10 +6,12 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "io/raw_test_support.h"
+#include "support/data_store_guard.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "vorn/core/data_store.h"
@@ -60,8 +62,12 @@ struct Notes {
 TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
   VORN_REQUIRE_SAMPLE(dng, "bmpcc4k_imageio.dng");
   test::LogCapture log;
+  // The load time is checked below, so the key starts absent and is put back afterwards.
+  test::DataStoreGuard loadTime("Profile.Load.RawLoadTime");
+  DataStore::instance().remove("Profile.Load.RawLoadTime");
   const ImageResult result = ImageReader::readRaw(dng, kOpenDefault, nullptr, "");
   ASSERT_EQ(result.errorCode, kImageReaderOk);
+  ASSERT_TRUE(result.image);
   auto notes = std::make_shared<Notes>();
   auto* source = dynamic_cast<ImageSourceRaw*>(result.image->source().get());
   ASSERT_TRUE(source);
@@ -71,6 +77,7 @@ TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
       notes->states.push_back(source->status());
     });
   EXPECT_EQ(result.image->size(), _Size<int>(4128, 2176));
+  ASSERT_TRUE(result.image->metadata());
   EXPECT_EQ(result.image->metadata()->cameraName, "Blackmagic");
   EXPECT_EQ(result.image->metadata()->sizeRawMatrix, std::make_pair(4128, 2176));
   EXPECT_EQ(result.image->metadata()->shutterSpeed, 0.0f);  // the file's negative value
@@ -121,8 +128,10 @@ TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
   // The background frame equals the one decoded in a single thread.
   const auto [code, synced, metadata] = dngImageRead(dng);
   ASSERT_EQ(code, kImageReaderOk);
+  ASSERT_TRUE(synced);
   ASSERT_EQ(synced->size(), full->size());
   EXPECT_EQ(std::memcmp(synced->data, full->data, full->sizeInBytes()), 0);
+  ASSERT_TRUE(metadata);
   EXPECT_EQ(metadata->cameraModel, "Pocket Cinema Camera 4K");
 }
 
@@ -130,11 +139,35 @@ TEST(RawSourceLoad, ScannerNefHasNoMosaicAndLoads) {
   VORN_REQUIRE_SAMPLE(nef, "nikon_coolscan4_imageio.nef");
   const ImageResult result = ImageReader::readRaw(nef, kOpenDefault, nullptr, "");
   ASSERT_EQ(result.errorCode, kImageReaderOk);
+  ASSERT_TRUE(result.image);
   result.image->waitForFullRaw();
   const ConstImageFrame frame = result.image->workingImage();
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->size(), _Size<int>(869, 593));
   EXPECT_GT(frame->at(400, 300).g, 0.8f);  // an almost white scan
+}
+
+TEST(RawSourceLoad, ThrowingListenerIsLoggedAndTheOthersStillHear) {
+  // The slow sample, so that the listeners are in place long before its first frame.
+  VORN_REQUIRE_SAMPLE(dng, "bmpcc4k_imageio.dng");
+  test::LogCapture log;
+  const ImageResult result = ImageReader::readRaw(dng, kOpenDefault, nullptr, "");
+  ASSERT_EQ(result.errorCode, kImageReaderOk);
+  ASSERT_TRUE(result.image);
+  auto heard = std::make_shared<std::atomic<int>>(0);
+  result.image->setUpdateCallback([] { throw std::runtime_error("listener broke"); });
+  result.image->setUpdateCallback([heard] { ++*heard; });
+  // Each round of telling logs the throw, then reaches the second listener: the loader thread
+  // survives the throw and nobody after the thrower misses a frame.
+  const auto settled = [&] {
+    const std::size_t told = static_cast<std::size_t>(heard->load());
+    return told >= 1 &&
+           log.countEndingWith("ImageSourceRaw proceed exception: listener broke") == told;
+  };
+  for (int i = 0; i < 3000 && !settled(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(settled());
+  EXPECT_NE(result.image->status(), LOAD_ERROR);
 }
 
 TEST(RawSourceCancel, WaitersWakeOnCancellation) {
@@ -143,7 +176,9 @@ TEST(RawSourceCancel, WaitersWakeOnCancellation) {
   {
     const ImageResult result = ImageReader::readRaw(dng, kOpenDefault, nullptr, "");
     ASSERT_EQ(result.errorCode, kImageReaderOk);
+    ASSERT_TRUE(result.image);
     auto* source = dynamic_cast<ImageSourceRaw*>(result.image->source().get());
+    ASSERT_TRUE(source);
     source->cancelLoading();
     EXPECT_TRUE(test::finishesWithin(30, [image = result.image] { image->waitForFullRaw(); }));
     EXPECT_EQ(source->errorCode(), kImageReaderCancelled);
@@ -154,10 +189,12 @@ TEST(RawSourceCancel, WaitersWakeOnCancellation) {
   const ImageResult viaReader =
       ImageReader::instance().open(dng, ImageReader::kNoResizeSize, kOpenDefault, nullptr, "", 42);
   ASSERT_EQ(viaReader.errorCode, kImageReaderOk);
+  ASSERT_TRUE(viaReader.image);
   ImageReader::instance().cancel(42);
   EXPECT_TRUE(test::finishesWithin(30, [image = viaReader.image] { image->waitForFullRaw(); }));
   EXPECT_TRUE(test::finishesWithin(30, [] { ImageReader::waitForAllTasks(); }));
   auto* source = dynamic_cast<ImageSourceRaw*>(viaReader.image->source().get());
+  ASSERT_TRUE(source);
   EXPECT_EQ(source->errorCode(), kImageReaderCancelled);
   EXPECT_EQ(log.countContaining("RawImage loading cancelled"), 1u);
   EXPECT_EQ(log.countContaining("Fast raw opening canceled."), 1u);
@@ -207,9 +244,11 @@ TEST(RawSourceHostile, TruncatedDngIsReportedCorruptOnce) {
   const std::string path = test::testData("truncated_iphone12promax_exiv2.dng");
   const ImageResult result = ImageReader::readRaw(path, kOpenDefault, nullptr, "");
   ASSERT_EQ(result.errorCode, kImageReaderOk);  // its structure is sound; its data is not
+  ASSERT_TRUE(result.image);
   EXPECT_EQ(result.image->size(), _Size<int>(3024, 4032));
   EXPECT_TRUE(test::finishesWithin(60, [image = result.image] { image->waitForFullRaw(); }));
   auto* source = dynamic_cast<ImageSourceRawBase*>(result.image->source().get());
+  ASSERT_TRUE(source);
   EXPECT_EQ(source->errorCode(), kImageReaderCorrupt);
   EXPECT_EQ(result.image->status(), LOAD_ERROR);
   EXPECT_EQ(log.countContaining("unpack '" + path + "': "), 1u);
@@ -218,6 +257,7 @@ TEST(RawSourceHostile, TruncatedDngIsReportedCorruptOnce) {
 TEST(RawSourceHostile, PixelLimitRefusesBeforeUnpacking) {
   VORN_REQUIRE_SAMPLE(nef, "nikon_coolscan4_imageio.nef");
   test::LogCapture log;
+  test::DataStoreGuard maxPixels("ImageReader.MaxPixels");
   DataStore::instance().set("ImageReader.MaxPixels", 869 * 593 - 1);
   const ImageResult refused = ImageReader::readRaw(nef, kOpenDefault, nullptr, "");
   EXPECT_EQ(refused.errorCode, kImageReaderTooLarge);

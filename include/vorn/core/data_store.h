@@ -36,6 +36,8 @@ class DataStore {
   void set(const std::string& key, bool value);
   void set(const std::string& key, int value);
   void set(const std::string& key, float value);
+  /// Removes the key, so reads give their defaults again.
+  void remove(const std::string& key);
   void clear();
 
  private:

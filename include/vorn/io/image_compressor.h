@@ -96,7 +96,8 @@ class ImageCompressorProxy {
                              std::shared_ptr<MaskImage>& mask);
   /// Reads a tracked mask blob; throws CompressorException.
   static std::shared_ptr<MaskImage> uncompressMask_1_0(const std::vector<std::uint8_t>& blob);
-  /// Reads an untracked (float) mask blob; throws CompressorException.
+  /// Reads an untracked (float) mask blob, its samples exactly as stored; throws
+  /// CompressorException.
   static std::shared_ptr<MaskImage> uncompressMask_untracked(const std::vector<std::uint8_t>& blob);
 
   /// Encodes the frame as a JPEG proxy blob; throws CompressorException for a profile without

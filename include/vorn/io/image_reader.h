@@ -11,6 +11,7 @@
 
 #include "vorn/core/image_load_state.h"
 #include "vorn/io/image.h"
+#include "vorn/io/image_file_class.h"
 
 namespace Exiv2 {
 class ExifData;
@@ -39,6 +40,11 @@ class ImageReader {
   /// Decodes in this thread and resizes unless `size` is kNoResizeSize (-1 keeps the aspect).
   ImageResult open_sync(const std::string& path, const _Size<int>& size, ImageReaderOpenFlag flag,
                         std::shared_ptr<bool> cancel, const std::string& parameters);
+  /// open_sync for a classified file, decoded from the contents it holds; `cancel` is tested
+  /// between the stages (decode, orientation and colour, resize), a cancel giving code 5.
+  ImageResult open_sync(const ImageFileClass& file, const _Size<int>& size,
+                        ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
+                        const std::string& parameters);
   /// Decodes an encoded image held in memory: JPEG, TIFF or a raw format.
   static ImageResult open(void* data, std::uint64_t length);
   /// The file's embedded preview (or a small decode) as an Image whose frame carries `state`.
@@ -51,7 +57,8 @@ class ImageReader {
                              std::shared_ptr<bool> cancel, const std::string& parameters);
   /// Decodes a JPEG or TIFF file at full size.
   static ImageResult readNonRaw(const std::string& path);
-  /// The result fitted inside `size` (aspect kept, never enlarged); invalid results pass as is.
+  /// The result fitted inside `size` (aspect kept, never enlarged, load state kept); invalid
+  /// results pass as is.
   static ImageResult postProcess(const ImageResult& result, ImageReaderOpenFlag flag,
                                  const _Size<int>& size);
   static bool isImageResultValid(const ImageResult& result);
@@ -78,14 +85,19 @@ class ImageReader {
   static bool isOutOfProcessLoaderRequested();
 
   static std::shared_ptr<const ImageMetadata> readMetadata(const std::string& path);
+  /// The classified file's metadata, parsed from the contents it holds; empty when unreadable.
+  static std::shared_ptr<const ImageMetadata> readMetadata(const ImageFileClass& file);
   static std::shared_ptr<const Exiv2::ExifData> readExif(const std::string& path);
   static bool getTemperatureAndTint(float& temperature, float& tint, const std::string& path);
   /// Upright pixel size; (0, 0) when the file cannot be read.
   static _Size<int> getImageSize(const std::string& path);
+  static _Size<int> getImageSize(const ImageFileClass& file);
   /// Bits per channel that the decoder delivers; 0 when the file cannot be read.
   static int getColorDepth(const std::string& path);
+  static int getColorDepth(const ImageFileClass& file);
   /// Bits per channel that the file's data carries; 0 when the file cannot be read.
   static int getPreciseColorDepth(const std::string& path);
+  static int getPreciseColorDepth(const ImageFileClass& file);
 
   static std::shared_ptr<ImageFrame> getThumbnailBySize(
       const std::string& path, const _Size<int>& size, bool highQuality,
@@ -110,7 +122,7 @@ class ImageReader {
   };
   class TaskToken;
 
-  /// The image resampled to `size`, wrapped with its metadata in a new finished source.
+  /// The image resampled to `size`, wrapped with its metadata in a new source; load state kept.
   static ImageResult imageResize(const ImageResult& result, const _Size<int>& size);
   void taskEnded(std::uint64_t number);
 

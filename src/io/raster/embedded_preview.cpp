@@ -11,17 +11,17 @@
 
 namespace vorn::detail {
 
-RasterStatus readMetadataAndPreview(const std::string& path, const PreviewChooser& choose,
+RasterStatus readMetadataAndPreview(const std::uint8_t* data, std::size_t size,
+                                    const std::string& name, const PreviewChooser& choose,
                                     std::shared_ptr<ImageMetadata>& metadata,
                                     EmbeddedPreview& preview) {
   ensureExiv2Environment();
-  Exiv2FileScope scope(path);
+  Exiv2FileScope scope(name);
   metadata = std::make_shared<ImageMetadata>();
   preview = EmbeddedPreview{};
   std::unique_ptr<Exiv2::Image> image;
   try {
-    image.reset(Exiv2::ImageFactory::open(path).release());
-    image->readMetadata();
+    image = openExiv2Memory(data, size);
   } catch (const std::exception& error) {
     return RasterStatus::failure(kImageReaderFailed, "metadata", error.what());
   }
@@ -48,7 +48,7 @@ RasterStatus readMetadataAndPreview(const std::string& path, const PreviewChoose
     preview.size = _Size<int>(static_cast<int>(props.width_), static_cast<int>(props.height_));
   } catch (const std::exception& error) {
     // A broken preview directory costs the preview, not the thumbnail.
-    LogWarning("%s: embedded preview dropped: %s", path.c_str(), error.what());
+    LogWarning("%s: embedded preview dropped: %s", name.c_str(), error.what());
     preview = EmbeddedPreview{};
     return RasterStatus::success();
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,10 +22,12 @@ struct EmbeddedPreview {
 /// Picks one of a file's previews by their upright sizes: its index, or -1 for none.
 using PreviewChooser = std::function<int(const std::vector<_Size<int>>& sizes)>;
 
-/// Reads the file's metadata with Exiv2 and the preview `choose` picks among its JPEG and TIFF
-/// previews. Code 4 at stage "metadata" when Exiv2 cannot read the file at all; `preview` stays
-/// empty when the file has none or none is chosen.
-RasterStatus readMetadataAndPreview(const std::string& path, const PreviewChooser& choose,
+/// Reads the metadata of an encoded file held in memory with Exiv2, and the preview `choose`
+/// picks among its JPEG and TIFF previews. Code 4 at stage "metadata" when Exiv2 cannot read
+/// the data at all; `preview` stays empty when the file has none or none is chosen. `name`
+/// labels messages.
+RasterStatus readMetadataAndPreview(const std::uint8_t* data, std::size_t size,
+                                    const std::string& name, const PreviewChooser& choose,
                                     std::shared_ptr<ImageMetadata>& metadata,
                                     EmbeddedPreview& preview);
 

@@ -7,7 +7,9 @@
 #include <exception>
 #include <string_view>
 
+#include "io/raster/exif_metadata.h"
 #include "io/raster/exiv2_environment.h"
+#include "io/raster/file_bytes.h"
 
 namespace vorn::detail {
 namespace {
@@ -42,11 +44,16 @@ void setValue(Exiv2::ExifData& exif, const char* key, const Exiv2::Value& value)
 
 bool copyExifInto(std::vector<std::uint8_t>& encoded, const std::string& sourcePath,
                   _Size<int> size, std::string& reason) {
+  // Read whole and parsed in memory: Exiv2 opening the path itself would open it several times.
+  FileBytes sourceBytes;
+  if (const RasterStatus read = readWholeFile(sourcePath, sourceBytes); !read.ok()) {
+    reason = "EXIF source unreadable: " + read.reason;
+    return false;
+  }
   ensureExiv2Environment();
   Exiv2FileScope scope(sourcePath);
   try {
-    auto source = Exiv2::ImageFactory::open(sourcePath);
-    source->readMetadata();
+    const auto source = openExiv2Memory(sourceBytes.data.get(), sourceBytes.size);
     if (encoded.size() > static_cast<std::size_t>(LONG_MAX)) {
       reason = "encoded image too large for EXIF";
       return false;

@@ -2,9 +2,11 @@
 
 #include <exiv2/exiv2.hpp>
 
+#include <climits>
 #include <cmath>
 #include <exception>
 #include <initializer_list>
+#include <stdexcept>
 
 #include "io/raster/exiv2_environment.h"
 #include "io/raster/orientation.h"
@@ -159,21 +161,63 @@ void fillImageMetadata(const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp, I
   m.mutableParameters.orientation = exifOrientation(exif);
 }
 
-std::shared_ptr<ImageMetadata> metadataFromBytes(const std::uint8_t* data, std::size_t size,
-                                                 const std::string& name) {
-  auto metadata = std::make_shared<ImageMetadata>();
-  if (data == nullptr || size == 0 || size > static_cast<std::size_t>(LONG_MAX)) return metadata;
+std::unique_ptr<Exiv2::Image> openExiv2Memory(const std::uint8_t* data, std::size_t size) {
+  if (size > static_cast<std::size_t>(LONG_MAX))
+    throw std::length_error("file too large for Exiv2");
+  auto image = Exiv2::ImageFactory::open(data, static_cast<long>(size));
+  image->readMetadata();
+  return std::unique_ptr<Exiv2::Image>(image.release());
+}
+
+namespace {
+
+// Runs `use` on the data's Exiv2 image; false with Exiv2's reason when it cannot be read.
+template <typename Use>
+bool withExiv2Memory(const std::uint8_t* data, std::size_t size, const std::string& name,
+                     std::string& error, Use&& use) {
+  if (data == nullptr || size == 0) {
+    error = "no data";
+    return false;
+  }
   ensureExiv2Environment();
   Exiv2FileScope scope(name);
   try {
-    auto image = Exiv2::ImageFactory::open(data, static_cast<long>(size));
-    image->readMetadata();
-    fillImageMetadata(image->exifData(), image->xmpData(), *metadata);
-  } catch (const std::exception& error) {
-    LogWarning("%s: metadata dropped: %s", name.c_str(), error.what());
-    *metadata = ImageMetadata{};
+    use(*openExiv2Memory(data, size));
+    return true;
+  } catch (const std::exception& exception) {
+    error = exception.what();
+    return false;
   }
-  return metadata;
+}
+
+}  // namespace
+
+std::shared_ptr<ImageMetadata> readMetadataFromBytes(const std::uint8_t* data, std::size_t size,
+                                                     const std::string& name) {
+  auto metadata = std::make_shared<ImageMetadata>();
+  std::string error;
+  if (withExiv2Memory(data, size, name, error, [&](Exiv2::Image& image) {
+        fillImageMetadata(image.exifData(), image.xmpData(), *metadata);
+      }))
+    return metadata;
+  LogWarning("%s: metadata dropped: %s", name.c_str(), error.c_str());
+  return nullptr;
+}
+
+std::shared_ptr<ImageMetadata> metadataFromBytes(const std::uint8_t* data, std::size_t size,
+                                                 const std::string& name) {
+  if (data == nullptr || size == 0) return std::make_shared<ImageMetadata>();
+  auto metadata = readMetadataFromBytes(data, size, name);
+  return metadata ? metadata : std::make_shared<ImageMetadata>();
+}
+
+std::string cameraModelFromBytes(const std::uint8_t* data, std::size_t size,
+                                 const std::string& name) {
+  std::string model, error;
+  withExiv2Memory(data, size, name, error, [&](Exiv2::Image& image) {
+    model = exifText(image.exifData(), "Exif.Image.Model");
+  });
+  return model;
 }
 
 }  // namespace vorn::detail

@@ -29,11 +29,21 @@ RasterStatus checkSignature(const RasterDecodeRequest& request, RasterFormat& fo
   return RasterStatus::success();
 }
 
+// Between decoding the pixels and turning them upright with their profile.
+bool stoppedBeforeOrientation(const RasterDecodeRequest& request) {
+  return request.stop && request.stop();
+}
+
+RasterStatus cancelledBeforeOrientation() {
+  return RasterStatus::failure(kImageReaderCancelled, "orientation", "cancelled");
+}
+
 RasterStatus decodeThroughMagick(const RasterDecodeRequest& request, RasterFormat format,
                                  int orientation, DecodedRaster& decoded) {
   MagickDecoded stored;
   RasterStatus status = decodeWithMagick(request.data, request.size, format, request.name, stored);
   if (!status.ok()) return status;
+  if (stoppedBeforeOrientation(request)) return cancelledBeforeOrientation();
   auto profile = profileFromIcc(stored.icc.data(), stored.icc.size(), request.name);
   try {
     decoded.frame =
@@ -71,6 +81,7 @@ RasterStatus decodeJpeg(const RasterDecodeRequest& request, int orientation,
   Rgb8Image rgb;
   RasterStatus status = decodeJpegRgb8(request.data, request.size, denominator, request.name, rgb);
   if (!status.ok()) return status;
+  if (stoppedBeforeOrientation(request)) return cancelledBeforeOrientation();
   try {
     decoded.frame = std::make_shared<ImageFrame>(orientedSize(rgb.size, orientation));
   } catch (const std::bad_alloc&) {

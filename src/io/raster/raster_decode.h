@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -27,6 +28,9 @@ struct RasterDecodeRequest {
   /// 1..8 turns the pixels so and skips reading metadata (an embedded preview takes its file's
   /// orientation); 0 takes the orientation from the data's own EXIF.
   int orientation = 0;
+  /// Asked once the pixels are decoded, before they are turned and given their profile; true
+  /// ends the decode with code 5 at stage "orientation".
+  std::function<bool()> stop;
 };
 
 /// An upright frame with its profile, and the file's metadata (orientation as stored).
@@ -36,7 +40,7 @@ struct DecodedRaster {
 };
 
 /// Checks the signature against the promise, the header against the pixel cap, then decodes.
-/// Codes: 4 not a JPEG/TIFF or not the promised one, 6 corrupt, 7 over the pixel cap.
+/// Codes: 4 not a JPEG/TIFF or not the promised one, 5 stopped, 6 corrupt, 7 over the pixel cap.
 RasterStatus decodeRaster(const RasterDecodeRequest& request, DecodedRaster& decoded);
 
 }  // namespace vorn::detail

@@ -5,10 +5,8 @@
 namespace vorn::detail {
 
 RasterFormat rasterFormatFromExtension(const std::string& path) {
-  const std::string extension = getFileExtension(path);
-  if (extension == "jpg" || extension == "jpeg") return RasterFormat::Jpeg;
-  if (extension == "tif" || extension == "tiff") return RasterFormat::Tiff;
-  return RasterFormat::Unknown;
+  const RasterFormat format = imageFileFormatOfExtension(getFileExtension(path));
+  return format == RasterFormat::Raw ? RasterFormat::Unknown : format;
 }
 
 RasterFormat rasterFormatFromSignature(const std::uint8_t* data, std::size_t size) {
@@ -26,6 +24,7 @@ const char* rasterFormatName(RasterFormat format) {
       return "JPEG";
     case RasterFormat::Tiff:
       return "TIFF";
+    case RasterFormat::Raw:
     case RasterFormat::Unknown:
       break;
   }

@@ -1,15 +1,13 @@
 #include "vorn/io/raster_info.h"
 
-#include <new>
-
 #include "core/log_failure.h"
 #include "io/raster/exif_metadata.h"
-#include "io/raster/file_bytes.h"
 #include "io/raster/jpeg_decoder.h"
 #include "io/raster/jpeg_markers.h"
 #include "io/raster/magick_decoder.h"
 #include "io/raster/orientation.h"
 #include "io/raster/raster_decode.h"
+#include "io/source_processing.h"
 
 namespace vorn {
 namespace {
@@ -21,50 +19,47 @@ struct RasterHeader {
   int declaredDepth = 0;
 };
 
-bool readRasterHeader(const std::string& path, RasterHeader& header) {
-  const detail::RasterFormat expected = detail::rasterFormatFromExtension(path);
-  detail::FileBytes bytes;
-  if (expected == detail::RasterFormat::Unknown || !detail::readWholeFile(path, bytes).ok())
-    return false;
-  if (detail::rasterFormatFromSignature(bytes.data.get(), bytes.size) != expected) return false;
-  if (expected == detail::RasterFormat::Jpeg) {
+bool readRasterHeader(const ImageFileClass& file, RasterHeader& header) {
+  const bool raster = file.format == ImageFileFormat::Jpeg || file.format == ImageFileFormat::Tiff;
+  if (!raster || !file.isRead() || file.signature != file.format) return false;
+  const std::uint8_t* data = file.bytes.get();
+  if (file.format == ImageFileFormat::Jpeg) {
     detail::JpegMarkers markers;
     detail::JpegHeader jpeg;
-    if (!detail::readJpegMarkers(bytes.data.get(), bytes.size, markers) ||
-        !detail::readJpegHeader(bytes.data.get(), bytes.size, jpeg).ok())
+    if (!detail::readJpegMarkers(data, file.size, markers) ||
+        !detail::readJpegHeader(data, file.size, jpeg).ok())
       return false;
     header.stored = jpeg.size;
     header.declaredDepth = markers.precision;
   } else {
     detail::MagickHeader tiff;
-    if (!detail::pingWithMagick(bytes.data.get(), bytes.size, expected, path, tiff).ok())
-      return false;
+    if (!detail::pingWithMagick(data, file.size, file.format, file.path, tiff).ok()) return false;
     header.stored = tiff.size;
     header.declaredDepth = tiff.depth;
   }
   header.orientation =
-      detail::metadataFromBytes(bytes.data.get(), bytes.size, path)->mutableParameters.orientation;
+      detail::metadataFromBytes(data, file.size, file.path)->mutableParameters.orientation;
   return true;
 }
 
 }  // namespace
 
-_Size<int> rasterImageSize(const std::string& path) {
+_Size<int> rasterImageSize(const ImageFileClass& file) {
   RasterHeader header;
-  if (!readRasterHeader(path, header)) return {0, 0};
+  if (!readRasterHeader(file, header)) return {0, 0};
   return detail::orientedSize(header.stored, header.orientation);
 }
 
-int rasterColorDepth(const std::string& path) {
+int rasterColorDepth(const ImageFileClass& file) {
   RasterHeader header;
-  if (!readRasterHeader(path, header) || header.declaredDepth <= 0) return 0;
+  if (!readRasterHeader(file, header) || header.declaredDepth <= 0) return 0;
   if (header.declaredDepth <= 8) return 8;
   return header.declaredDepth <= 16 ? 16 : 32;
 }
 
-int rasterPreciseColorDepth(const std::string& path) {
+int rasterPreciseColorDepth(const ImageFileClass& file) {
   RasterHeader header;
-  return readRasterHeader(path, header) ? header.declaredDepth : 0;
+  return readRasterHeader(file, header) ? header.declaredDepth : 0;
 }
 
 ImageResult openRasterFromMemory(const void* data, std::uint64_t length) {
@@ -75,18 +70,9 @@ ImageResult openRasterFromMemory(const void* data, std::uint64_t length) {
   request.name = "image in memory";
   detail::DecodedRaster decoded;
   const detail::RasterStatus status = detail::decodeRaster(request, decoded);
+  if (status.ok()) return detail::finishedImage(decoded.frame, decoded.metadata, request.name);
+  VORN_LOG_FAILURE(status.describe(request.name).c_str());
   result.errorCode = status.code;
-  if (!status.ok()) {
-    VORN_LOG_FAILURE(status.describe(request.name).c_str());
-    return result;
-  }
-  try {
-    result.image =
-        std::make_shared<Image>(std::make_shared<ImageSource>(decoded.frame, decoded.metadata));
-  } catch (const std::bad_alloc&) {
-    result.errorCode = kImageReaderFailed;
-    VORN_LOG_FAILURE("image in memory: image: out of memory");
-  }
   return result;
 }
 

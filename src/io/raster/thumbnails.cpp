@@ -2,17 +2,16 @@
 
 #include <algorithm>
 #include <cmath>
-#include <new>
 
 #include "core/log_failure.h"
 #include "io/raster/embedded_preview.h"
-#include "io/raster/file_bytes.h"
 #include "io/raster/jpeg_decoder.h"
 #include "io/raster/orientation.h"
-#include "io/raster/raster_decode.h"
+#include "io/raster/raster_open.h"
 #include "io/raw/raw_decoder.h"
+#include "io/source_processing.h"
 #include "vorn/core/log.h"
-#include "vorn/io/image_reader.h"
+#include "vorn/io/image_file_class.h"
 
 namespace vorn {
 namespace {
@@ -78,11 +77,11 @@ struct Failure {
 };
 
 // A raw file without a suitable preview: the half-size decode, already upright, stands in.
-std::shared_ptr<ImageFrame> decodeRawHalfSize(const std::string& path,
+std::shared_ptr<ImageFrame> decodeRawHalfSize(const ImageFileClass& file,
                                               const std::shared_ptr<bool>& cancel,
                                               Failure& failure) {
   std::shared_ptr<const raw::RawInput> input;
-  raw::DecodeOutcome outcome = raw::readRawInput(path, input);
+  raw::DecodeOutcome outcome = raw::rawInputOf(file, input);
   raw::RawFrame decoded;
   if (outcome.code == kImageReaderOk)
     outcome = raw::decodeRaw(
@@ -136,14 +135,13 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
                                           std::shared_ptr<const ImageMetadata>* metadataOut,
                                           const std::shared_ptr<bool>& cancel) {
   if (cancelled(cancel)) return nullptr;
-  const detail::RasterFormat format = detail::rasterFormatFromExtension(path);
-  detail::FileBytes bytes;
+  const ImageFileClass file = classifyImageFile(path);
+  if (!file.isRead()) return fail(function, path, {"open", file.readError});
+  const std::uint8_t* bytes = file.bytes.get();
   detail::JpegHeader jpeg;
   // For Native, a JPEG's own DCT decode competes with its previews, so its header comes first.
-  const bool jpegKnown = fit == Fit::Native && format == detail::RasterFormat::Jpeg &&
-                         detail::readWholeFile(path, bytes).ok() &&
-                         detail::readJpegHeader(bytes.data.get(), bytes.size, jpeg).ok();
-  if (!jpegKnown) bytes = detail::FileBytes{};
+  const bool jpegKnown = fit == Fit::Native && file.format == ImageFileFormat::Jpeg &&
+                         detail::readJpegHeader(bytes, file.size, jpeg).ok();
   std::shared_ptr<ImageMetadata> metadata;
   const auto dctArea = [&]() -> std::int64_t {
     if (!jpegKnown) return 0;
@@ -157,7 +155,7 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
   detail::EmbeddedPreview preview;
   // A file Exiv2 cannot read may still decode below; the decoder then has the last word.
   detail::readMetadataAndPreview(
-      path,
+      bytes, file.size, path,
       [&](const std::vector<_Size<int>>& upright) {
         return choosePreview(upright, box, fit, highQuality, dctArea());
       },
@@ -170,29 +168,21 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
     frame =
         decodePreview(preview, path, metadata->mutableParameters.orientation, box, fit, failure);
   }
-  if (!frame && format == detail::RasterFormat::Unknown && ImageReader::isRawImageFile(path)) {
+  if (!frame && file.raw) {
     if (cancelled(cancel)) return nullptr;
-    frame = decodeRawHalfSize(path, cancel, failure);
+    frame = decodeRawHalfSize(file, cancel, failure);
     if (!frame) return cancelled(cancel) ? nullptr : fail(function, path, failure);
   }
   if (!frame) {
-    if (format == detail::RasterFormat::Unknown)
+    if (file.format != ImageFileFormat::Jpeg && file.format != ImageFileFormat::Tiff)
       return fail(
           function, path,
           failure.stage.empty() ? Failure{"preview", "no usable embedded preview"} : failure);
-    if (!bytes.data) {
-      if (const auto status = detail::readWholeFile(path, bytes); !status.ok())
-        return fail(function, path, {status.stage, status.reason});
-    }
     if (cancelled(cancel)) return nullptr;
     detail::RasterDecodeRequest request;
-    request.data = bytes.data.get();
-    request.size = bytes.size;
-    request.name = path;
-    request.expected = format;
     setScaling(request, box, fit);
     detail::DecodedRaster decoded;
-    if (const auto status = detail::decodeRaster(request, decoded); !status.ok())
+    if (const auto status = detail::decodeRasterFile(file, request, decoded); !status.ok())
       return fail(function, path, {status.stage, status.reason});
     frame = decoded.frame;
     metadata = decoded.metadata;
@@ -255,13 +245,7 @@ ImageResult openThumbnailAsImage(const std::string& path, _Size<int> size, Image
     return result;
   }
   frame->setLoadState(state);
-  try {
-    result.image = std::make_shared<Image>(std::make_shared<ImageSource>(frame, metadata));
-    result.errorCode = kImageReaderOk;
-  } catch (const std::bad_alloc&) {
-    VORN_LOG_FAILURE(("Can't open image at path: " + path + " (image: out of memory)").c_str());
-  }
-  return result;
+  return detail::finishedImage(std::move(frame), std::move(metadata), path);
 }
 
 }  // namespace vorn

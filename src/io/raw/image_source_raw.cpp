@@ -18,6 +18,21 @@
 #define VORN_LOG_NOTE(message) ::vorn::LogComment("%s %s", __PRETTY_FUNCTION__, (message))
 
 namespace vorn {
+namespace {
+
+// Called from a catch block: what goes wrong after a decode (showing its frame, telling a
+// listener) is logged and the load carries on, rather than ending the loader thread's process.
+void logProceedException() {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    VORN_LOG_FAILURE((std::string("ImageSourceRaw proceed exception: ") + e.what()).c_str());
+  } catch (...) {
+    VORN_LOG_FAILURE("ImageSourceRaw proceed exception");
+  }
+}
+
+}  // namespace
 
 _Size<int> reportedRawSize(const RawFrameGeometry& geometry) {
   _Size<int> size = geometry.knownSize;
@@ -53,7 +68,13 @@ void ImageSourceRawBase::notifyListeners() const {
   const std::vector<Listener> listeners = listeners_;
   lock.unlock();
   // A listener may drop the last reference to this source; nothing of it is touched after.
-  for (const Listener& listener : listeners) listener();
+  for (const Listener& listener : listeners) {
+    try {
+      listener();
+    } catch (...) {
+      logProceedException();
+    }
+  }
 }
 
 RawFrameGeometry ImageSourceRawBase::geometry() const {
@@ -177,7 +198,13 @@ class RawLoader {
       std::lock_guard lock(mutex_);
       frame_ = frame;
     }
-    if (frame) publish(frame);
+    if (frame) {
+      try {
+        publish(frame);
+      } catch (...) {
+        logProceedException();
+      }
+    }
     ready_.exchange(true);
     finished_.exchange(true);
     wakeWaiters();

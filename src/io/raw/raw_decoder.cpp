@@ -6,9 +6,6 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -255,25 +252,13 @@ std::string describeFailure(const DecodeOutcome& outcome, const std::string& pat
   return std::string(outcome.stage) + " '" + path + "': " + outcome.message;
 }
 
-DecodeOutcome readRawInput(const std::string& path, std::shared_ptr<const RawInput>& input) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(path, error))
-    return failure("read", kImageReaderFailed, "not a readable file");
-  const std::uintmax_t length = std::filesystem::file_size(path, error);
-  if (error) return failure("read", kImageReaderFailed, error.message());
-  if (length == 0) return failure("read", kImageReaderFailed, "the file is empty");
-  if (length > detail::kMaxInputFileBytes)
-    return failure("read", kImageReaderTooLarge,
-                   "the file is " + std::to_string(length) + " bytes, more than any photo holds");
+DecodeOutcome rawInputOf(const ImageFileClass& file, std::shared_ptr<const RawInput>& input) {
+  if (!file.isRead()) return failure("read", file.readCode, file.readError);
+  if (file.size == 0) return failure("read", kImageReaderFailed, "the file is empty");
   auto data = std::make_shared<RawInput>();
-  data->path = path;
-  data->length = static_cast<std::size_t>(length);
-  data->bytes.reset(new (std::nothrow) unsigned char[data->length]);
-  if (!data->bytes) return failure("read", kImageReaderTooLarge, "not enough memory for the file");
-  std::ifstream file(path, std::ios::binary);
-  if (!file.read(reinterpret_cast<char*>(data->bytes.get()),
-                 static_cast<std::streamsize>(data->length)))
-    return failure("read", kImageReaderFailed, "the file could not be read");
+  data->path = file.path;
+  data->bytes = file.bytes;
+  data->length = file.size;
   input = std::move(data);
   DecodeOutcome outcome;
   outcome.code = kImageReaderOk;
@@ -285,16 +270,6 @@ DecodeOutcome identifyRaw(const RawInput& input, RawIdentity& identity) {
   auto decoder = std::make_unique<LibRaw>();
   configure(*decoder, false);
   return describeIdentified(*decoder, decoder->open_datastream(&stream), identity);
-}
-
-DecodeOutcome identifyRawFile(const std::string& path, RawIdentity& identity) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(path, error) ||
-      std::filesystem::file_size(path, error) == 0)
-    return failure("read", kImageReaderFailed, "not a readable, non-empty file");
-  auto decoder = std::make_unique<LibRaw>();
-  configure(*decoder, false);
-  return describeIdentified(*decoder, decoder->open_file(path.c_str()), identity);
 }
 
 DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::function<bool()>& stop,

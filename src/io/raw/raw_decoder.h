@@ -8,6 +8,7 @@
 #include <string>
 
 #include "vorn/io/image.h"
+#include "vorn/io/image_file_class.h"
 #include "vorn/io/image_source_raw.h"
 
 namespace vorn::raw {
@@ -15,7 +16,7 @@ namespace vorn::raw {
 /// A raw file's bytes, read once and shared by the identify step and both loaders.
 struct RawInput {
   std::string path;
-  std::unique_ptr<unsigned char[]> bytes;
+  std::shared_ptr<const unsigned char[]> bytes;
   std::size_t length = 0;
 };
 
@@ -41,12 +42,11 @@ struct RawFrame {
   _Size<int> sensorSize;  ///< the decode's width and height before orientation
 };
 
-/// Reads the whole file; code 4 for a missing, unreadable or empty file.
-DecodeOutcome readRawInput(const std::string& path, std::shared_ptr<const RawInput>& input);
+/// The classified file's contents as raw input, shared rather than copied; stage "read" with
+/// the file's read code when it could not be read or is empty.
+DecodeOutcome rawInputOf(const ImageFileClass& file, std::shared_ptr<const RawInput>& input);
 /// Parses the file's structure and checks its declared size against the pixel limit.
 DecodeOutcome identifyRaw(const RawInput& input, RawIdentity& identity);
-/// The same for a file on disk, reading only what the parser needs.
-DecodeOutcome identifyRawFile(const std::string& path, RawIdentity& identity);
 /// Decodes half size (no demosaicing) or full size into float RGB in melissa RGB, upright.
 /// `stop` is asked between stages and from the decoder's progress callback; `beforeProcess`,
 /// when given, runs between unpacking and processing (the full loader yields there).
