@@ -3,6 +3,7 @@
 #include <exiv2/exiv2.hpp>
 
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
@@ -411,6 +412,52 @@ TEST(Export, SizesBeyondALimitAreRefusedUpFrontNamingTheLimit) {
   p.path = (dir.path() / "no_folder" / "out.jpg").string();
   EXPECT_FALSE(ImageMagickReader::checkExport(frame->size(), p, reason));
   EXPECT_NE(reason.find("does not exist"), std::string::npos) << reason;
+}
+
+// Found by fuzzing: a profile that opens (its tags are read only when a conversion is built) but
+// whose tone curve is damaged made a frame that decoded and then could not be written. The
+// reader drops such a profile.
+TEST(Export, AProfileThatConvertsNowhereIsDroppedOnDecodeSoTheFrameExports) {
+  const Blob& adobe = ColorProfileType::adobeRGB()->iccProfile();
+  const auto* bytes = static_cast<const std::uint8_t*>(adobe.data());
+  std::vector<std::uint8_t> icc(bytes, bytes + adobe.size());
+  const auto be32 = [&](std::size_t at) {
+    return std::uint32_t(icc[at]) << 24 | std::uint32_t(icc[at + 1]) << 16 |
+           std::uint32_t(icc[at + 2]) << 8 | icc[at + 3];
+  };
+  bool damaged = false;
+  for (std::uint32_t i = 0; i < be32(128) && !damaged; ++i) {
+    const std::size_t entry = 132 + 12 * i;
+    if (std::memcmp(&icc[entry], "rTRC", 4) != 0) continue;
+    std::fill_n(icc.begin() + be32(entry + 4), 4, 0xFF);  // the curve's type signature
+    damaged = true;
+  }
+  ASSERT_TRUE(damaged);
+  ASSERT_TRUE(ColorProfile(Blob(icc.data(), icc.size())).isValid());
+
+  test::TempDir dir("raster");
+  const std::string source = (dir.path() / "damaged_profile.tif").string();
+  TIFF* tiff = TIFFOpen(source.c_str(), "w");
+  ASSERT_TRUE(tiff);
+  const std::uint8_t pixels[4 * 3] = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
+  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 4);
+  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 1);
+  TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+  TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+  TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tiff, TIFFTAG_ICCPROFILE, static_cast<std::uint32_t>(icc.size()), icc.data());
+  ASSERT_EQ(TIFFWriteScanline(tiff, const_cast<std::uint8_t*>(pixels), 0, 0), 1);
+  TIFFClose(tiff);
+
+  test::LogCapture log;
+  const auto frame = reopen(source);
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->colorProfile, ColorProfileType::sRGB());
+  EXPECT_EQ(log.countContaining("converts to no other profile"), 1u);
+  ExportParameters p;
+  p.path = (dir.path() / "out.jpg").string();
+  EXPECT_TRUE(ImageMagickReader::writeImageToFile(*frame, p));
 }
 
 TEST(Export, HdrTiffKeepsValuesAboveOne) {

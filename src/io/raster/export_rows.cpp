@@ -1,13 +1,10 @@
 #include "io/raster/export_rows.h"
 
-#include <lcms2.h>
-
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <vector>
 
-#include "core/color_engine.h"
 #include "core/color_matrix_shaper.h"
 #include "core/parallel.h"
 #include "io/raster/orientation.h"
@@ -110,21 +107,12 @@ bool ExportRows::prepare(const ImageFrame& frame, int orientation,
   }
   matrixShaper_ = findMatrixShaperTransform(source, target_);
   if (matrixShaper_) return true;
-  takeColorEngineError();
-  const ProfileHandle in = openProfile(source->iccProfile());
-  const ProfileHandle out = openProfile(target_->iccProfile());
-  // NOCACHE makes one transform safe to share between the workers.
-  cmsHTRANSFORM transform =
-      in && out ? cmsCreateTransformTHR(colorEngineContext(), in.get(), TYPE_RGB_FLT, out.get(),
-                                        TYPE_RGB_FLT, INTENT_PERCEPTUAL, cmsFLAGS_NOCACHE)
-                : nullptr;
+  TransformHandle transform = floatTransform(*source, *target_);
   if (!transform) {
-    const std::string why = takeColorEngineError();
-    reason = "no colour conversion from \"" + source->name() + "\" to \"" + target_->name() + "\"" +
-             (why.empty() ? std::string() : ": " + why);
+    reason = "no colour conversion from \"" + source->name() + "\" to \"" + target_->name() + "\"";
     return false;
   }
-  engineTransform_ = std::shared_ptr<void>(transform, TransformDeleter());
+  engineTransform_ = std::shared_ptr<void>(transform.release(), TransformDeleter());
   return true;
 }
 

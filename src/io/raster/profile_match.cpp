@@ -10,17 +10,24 @@
 
 namespace vorn::detail {
 
-bool profilesMatch(const ColorProfile& a, const ColorProfile& b, float tolerance) {
+TransformHandle floatTransform(const ColorProfile& a, const ColorProfile& b) {
   const ProfileHandle in = openProfile(a.iccProfile());
   const ProfileHandle out = openProfile(b.iccProfile());
-  if (!in || !out) return false;
-  const TransformHandle transform(cmsCreateTransformTHR(colorEngineContext(), in.get(),
-                                                        TYPE_RGB_FLT, out.get(), TYPE_RGB_FLT,
-                                                        INTENT_PERCEPTUAL, cmsFLAGS_NOCACHE));
-  if (!transform) {
-    takeColorEngineError();
-    return false;
-  }
+  if (!in || !out) return nullptr;
+  TransformHandle transform(cmsCreateTransformTHR(colorEngineContext(), in.get(), TYPE_RGB_FLT,
+                                                  out.get(), TYPE_RGB_FLT, INTENT_PERCEPTUAL,
+                                                  cmsFLAGS_NOCACHE));
+  if (!transform) takeColorEngineError();
+  return transform;
+}
+
+bool profilesConvert(const ColorProfile& a, const ColorProfile& b) {
+  return floatTransform(a, b) != nullptr;
+}
+
+bool profilesMatch(const ColorProfile& a, const ColorProfile& b, float tolerance) {
+  const TransformHandle transform = floatTransform(a, b);
+  if (!transform) return false;
   constexpr int kSteps = 9;
   std::vector<float> grid;
   grid.reserve(kSteps * kSteps * kSteps * 3);
