@@ -399,6 +399,16 @@ TEST(Export, SizesBeyondALimitAreRefusedUpFrontNamingTheLimit) {
     p.longestSide = 1000;  // a 1000 x 800 float frame: 9.2 MiB
     EXPECT_FALSE(ImageMagickReader::writeImageToFile(*frame, p));
     EXPECT_EQ(log.countContaining("more than the memory bound of 1 MiB"), 1u);
+    // A progressive JPEG holds all 1.4 MiB of coefficients of a 600 x 400 image; a
+    // sequential one streams.
+    ExportParameters q;
+    q.path = (dir.path() / "streamed.jpg").string();
+    const auto large = gradient(600, 400);
+    EXPECT_TRUE(ImageMagickReader::writeImageToFile(*large, q));
+    q.jpegProgressive = true;
+    EXPECT_FALSE(ImageMagickReader::checkExport(large->size(), q, reason));
+    EXPECT_NE(reason.find("more than the memory bound"), std::string::npos) << reason;
+    std::filesystem::remove(q.path);
   }
   p.longestSide = 0;
   p.size = {70000, 2};

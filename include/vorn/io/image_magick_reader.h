@@ -24,9 +24,11 @@ struct ExportParameters {
   std::string path;
   int jpegQuality = 92;  ///< 1..100
   JpegSubsampling jpegSubsampling = JpegSubsampling::Auto;
+  /// Progressive scans; like optimised tables, the encoder then holds every coefficient.
   bool jpegProgressive = false;
-  /// Optimal Huffman tables: a second pass over the data for files 2-5 % smaller, so it is
-  /// left off by default like the common encoders do.
+  /// Optimal Huffman tables make the encoder hold every DCT coefficient of the image (2 bytes a
+  /// sample: 144 MB for 24 MP at 4:4:4) for a second pass, for files about 3 % smaller; off by
+  /// default, as in the common encoders.
   bool jpegOptimizeHuffman = false;
   int tiffBitDepth = 8;  ///< 8, 16, or 32 for float samples that keep values outside [0, 1]
   /// Profile the pixels are converted into and that is embedded; null picks sRGB for 8-bit

@@ -85,9 +85,11 @@ std::string checkWrittenSize(_Size<int> frame, detail::RasterFormat format,
   if (format == detail::RasterFormat::Jpeg && std::max(size.width, size.height) > kJpegMaxSide)
     return "the written image of " + sizeText(written) + " is beyond JPEG's largest side of " +
            std::to_string(kJpegMaxSide);
-  if (size == frame) return {};
-  return detail::checkWorkingBytes(pixels * sizeof(PixelRGB<float>),
-                                   "resizing to " + sizeText(written));
+  // A resized copy of the frame, and the coefficients a two-pass JPEG encoder holds.
+  std::uint64_t bytes = size == frame ? 0 : pixels * sizeof(PixelRGB<float>);
+  if (format == detail::RasterFormat::Jpeg && (p.jpegOptimizeHuffman || p.jpegProgressive))
+    bytes += pixels * 3 * sizeof(std::int16_t);
+  return detail::checkWorkingBytes(bytes, "writing " + sizeText(written));
 }
 
 bool exportFrames(const char* function,
