@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs every Debian package vorn needs to build, test and benchmark. Idempotent. The peer
-# programs the benchmarks compare against come from scripts/install-bench-deps.sh.
+# Installs every Debian package vorn needs to build, test and benchmark, or the packages named on
+# the command line instead. Idempotent. The peer programs the benchmarks compare against come
+# from scripts/install-bench-deps.sh.
 set -euo pipefail
 
 packages=(
@@ -12,6 +13,7 @@ packages=(
   libexiv2-dev libturbojpeg0-dev libjpeg62-turbo-dev libtiff-dev
   libraw-dev
 )
+[ $# -eq 0 ] || packages=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
