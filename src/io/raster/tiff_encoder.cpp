@@ -1,12 +1,10 @@
 #include "io/raster/tiff_encoder.h"
 
 #include <libdeflate.h>
-#include <tbb/enumerable_thread_specific.h>
 #include <tiffio.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -83,11 +81,14 @@ void predictFloat(const std::uint8_t* in, std::uint8_t* out, std::size_t samples
     out[i] = static_cast<std::uint8_t>(out[i] - out[i - 3]);
 }
 
-/// Per worker: a compressor and the predicted copy of the strip it works on.
-struct StripWorker {
+/// One strip position of a band: its compressor, its predicted samples and its output, all
+/// reused band after band, so the workers share nothing.
+struct StripSlot {
   std::unique_ptr<libdeflate_compressor, CompressorFree> compressor{
       libdeflate_alloc_compressor(kDeflateLevel)};
   std::vector<std::uint8_t> predicted;
+  std::vector<std::uint8_t> compressed;
+  std::size_t compressedBytes = 0;
 };
 
 class PageWriter {
@@ -140,44 +141,39 @@ class PageWriter {
     const int height = rows_.size().height;
     const std::size_t rowBytes = rows_.rowBytes();
     std::vector<std::uint8_t> band(static_cast<std::size_t>(bandRows_) * rowBytes);
-    std::vector<std::vector<std::uint8_t>> compressed(kStripsPerBand);
-    std::vector<std::size_t> compressedBytes(kStripsPerBand);
-    tbb::enumerable_thread_specific<StripWorker> workers;
+    std::vector<StripSlot> slots(
+        static_cast<std::size_t>((std::min(bandRows_, height) + stripRows_ - 1) / stripRows_));
+    for (const StripSlot& slot : slots) {
+      if (!slot.compressor) {
+        reason = "no memory for the compressor";
+        return false;
+      }
+    }
     std::uint32_t strip = 0;
     for (int y = 0; y < height; y += bandRows_) {
       const int count = std::min(bandRows_, height - y);
       rows_.fill(y, count, band.data());
       const int strips = (count + stripRows_ - 1) / stripRows_;
-      std::atomic<bool> compressedAll{true};
       parallelChunks(static_cast<std::size_t>(strips), 1, [&](std::size_t first, std::size_t end) {
-        StripWorker& worker = workers.local();
         for (std::size_t s = first; s < end; ++s) {
+          StripSlot& slot = slots[s];
           const int stripRows = std::min(stripRows_, count - static_cast<int>(s) * stripRows_);
           const std::uint8_t* samples =
               band.data() + s * static_cast<std::size_t>(stripRows_) * rowBytes;
           const std::size_t bytes = static_cast<std::size_t>(stripRows) * rowBytes;
-          worker.predicted.resize(bytes);
+          slot.predicted.resize(bytes);
           for (int r = 0; r < stripRows; ++r)
-            predictRow(samples + r * rowBytes, worker.predicted.data() + r * rowBytes);
-          if (!worker.compressor) {
-            compressedAll.store(false);
-            return;
-          }
-          std::vector<std::uint8_t>& out = compressed[s];
-          out.resize(libdeflate_zlib_compress_bound(worker.compressor.get(), bytes));
-          compressedBytes[s] = libdeflate_zlib_compress(
-              worker.compressor.get(), worker.predicted.data(), bytes, out.data(), out.size());
+            predictRow(samples + r * rowBytes, slot.predicted.data() + r * rowBytes);
+          slot.compressed.resize(libdeflate_zlib_compress_bound(slot.compressor.get(), bytes));
+          slot.compressedBytes =
+              libdeflate_zlib_compress(slot.compressor.get(), slot.predicted.data(), bytes,
+                                       slot.compressed.data(), slot.compressed.size());
         }
       });
-      if (!compressedAll) {
-        reason = "no memory for the compressor";
-        return false;
-      }
       for (int s = 0; s < strips; ++s, ++strip) {
-        const auto size = static_cast<tmsize_t>(compressedBytes[static_cast<std::size_t>(s)]);
-        if (size == 0 ||
-            TIFFWriteRawStrip(tiff_, strip, compressed[static_cast<std::size_t>(s)].data(), size) !=
-                size) {
+        StripSlot& slot = slots[static_cast<std::size_t>(s)];
+        const auto size = static_cast<tmsize_t>(slot.compressedBytes);
+        if (size == 0 || TIFFWriteRawStrip(tiff_, strip, slot.compressed.data(), size) != size) {
           reason = "cannot write strip " + std::to_string(strip);
           return false;
         }
