@@ -1,10 +1,14 @@
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cmath>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 
+#include "bench_floor.h"
 #include "core/parallel.h"
 #include "vorn/core/color_profile.h"
 #include "vorn/core/image_data.h"
@@ -32,6 +36,44 @@ inline const std::shared_ptr<RGBf>& benchFrame() {
     return img;
   }();
   return image;
+}
+
+/// The floor of pixel operations: the frame's bytes copied in parallel, into a buffer the pool
+/// already holds (warm) or into a fresh one, first touch included (cold).
+inline bool copyFloor(Pool pool) {
+  const auto& src = benchFrame();
+  static const std::shared_ptr<RGBf> warm = [] {
+    auto dst = std::make_shared<RGBf>(kFrame);
+    dst->fillRect(PixelRGB<float>(0.0f));
+    return dst;
+  }();
+  if (pool == Pool::Warm) {
+    detail::parallelCopy(warm->data, src->data, src->sizeInBytes());
+  } else {
+    RGBf fresh(kFrame);
+    detail::parallelCopy(fresh.data, src->data, src->sizeInBytes());
+  }
+  return true;
+}
+
+/// The floor of operations that only read the frame: a parallel sum of all its values.
+inline bool readFloor() {
+  const auto& src = benchFrame();
+  const float* values = &src->data->r;
+  const std::size_t count = src->area() * 3;
+  float total = 0.0f;
+  std::mutex mutex;
+  detail::parallelChunks(count / 16, 4096, [&](std::size_t first, std::size_t end) {
+    float lanes[16] = {};
+    for (std::size_t i = first; i < end; ++i)
+      for (int k = 0; k < 16; ++k) lanes[k] += values[i * 16 + k];
+    float sum = 0.0f;
+    for (float lane : lanes) sum += lane;
+    std::lock_guard lock(mutex);
+    total += sum;
+  });
+  benchmark::DoNotOptimize(total);
+  return true;
 }
 
 /// A file of ../shared/samples/<folder> beside the repository; empty when it is absent.

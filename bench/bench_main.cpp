@@ -1,9 +1,8 @@
-// Runs every benchmark, then prints each operation beside the floor it names, measured in the
-// same run, so the figures are ratios that survive a noisy machine.
+// Runs every benchmark, then prints each operation beside the floor measured in the same
+// iterations (timeAgainstFloor), so the figures are ratios that survive a noisy machine.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -18,32 +17,33 @@ class RatioReporter : public benchmark::ConsoleReporter {
       // With repetitions, only the median stands for the benchmark.
       if (run.run_type == Run::RT_Iteration && run.repetitions > 1) continue;
       if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-      const double seconds = run.GetAdjustedRealTime() * multiplier(run.time_unit);
-      const std::string& label = run.report_label;
-      if (label.rfind("floor:", 0) == 0) floors_[label.substr(6)] = seconds;
-      rows_.push_back({run.run_name.str(), label, seconds});
+      Row row{run.run_name.str(), run.report_label,
+              run.GetAdjustedRealTime() * multiplier(run.time_unit), -1.0, -1.0};
+      if (const auto floor = run.counters.find("floor_ms"); floor != run.counters.end())
+        row.floorMs = floor->second.value;
+      if (const auto ratio = run.counters.find("ratio"); ratio != run.counters.end())
+        row.ratio = ratio->second.value;
+      rows_.push_back(row);
     }
   }
 
   void Finalize() override {
     ConsoleReporter::Finalize();
-    std::printf("\n%-52s %12s  %-22s %8s\n", "operation", "time", "floor", "ratio");
+    std::printf("\n%-50s %12s  %-28s %12s %8s\n", "operation", "time", "floor, pool", "floor",
+                "ratio");
     for (const Row& row : rows_) {
-      std::string floor = "-";
-      std::string ratio = "-";
-      if (row.label.rfind("vs:", 0) == 0) {
-        floor = row.label.substr(3);
-        const auto found = floors_.find(floor);
-        if (found != floors_.end() && found->second > 0) {
-          char text[32];
-          std::snprintf(text, sizeof text, "%.2f x", row.seconds / found->second);
-          ratio = text;
-        }
-      } else if (row.label.rfind("floor:", 0) == 0) {
-        floor = "(floor " + row.label.substr(6) + ")";
+      char floor[32] = "-";
+      char ratio[32] = "-";
+      if (row.floorMs >= 0) std::snprintf(floor, sizeof floor, "%9.3f ms", row.floorMs);
+      if (row.ratio >= 0) std::snprintf(ratio, sizeof ratio, "%.2f x", row.ratio);
+      char time[32];
+      if (row.seconds >= 1e-3) {
+        std::snprintf(time, sizeof time, "%9.3f ms", row.seconds * 1e3);
+      } else {
+        std::snprintf(time, sizeof time, "%9.3f us", row.seconds * 1e6);
       }
-      std::printf("%-52s %9.3f ms  %-22s %8s\n", row.name.c_str(), row.seconds * 1e3, floor.c_str(),
-                  ratio.c_str());
+      std::printf("%-50s %12s  %-28s %12s %8s\n", row.name.c_str(), time,
+                  row.label.empty() ? "-" : row.label.c_str(), floor, ratio);
     }
   }
 
@@ -52,6 +52,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
     std::string name;
     std::string label;
     double seconds;
+    double floorMs;
+    double ratio;
   };
   static double multiplier(benchmark::TimeUnit unit) {
     switch (unit) {
@@ -65,7 +67,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
         return 1.0;
     }
   }
-  std::map<std::string, double> floors_;
   std::vector<Row> rows_;
 };
 

@@ -1,6 +1,6 @@
+// Buffer operations on a 24 MP frame, each timed against a parallel copy or read of the same
+// bytes in the same iterations, with fresh (cold) and reused (warm) pool blocks.
 #include <benchmark/benchmark.h>
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_reduce.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -16,111 +16,100 @@
 namespace vorn::bench {
 namespace {
 
-std::shared_ptr<RGBf> prefaulted() {
-  auto img = std::make_shared<RGBf>(kFrame);
-  img->fillRect(PixelRGB<float>(0.0f));
-  return img;
-}
-
-void setBytes(benchmark::State& state, std::uint64_t bytes) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
-}
-
-void BM_FloorParallelCopy(benchmark::State& state) {
-  const auto& src = benchFrame();
-  auto dst = prefaulted();
-  for (auto _ : state) {
-    detail::parallelCopy(dst->data, src->data, src->sizeInBytes());
-    benchmark::ClobberMemory();
+// A destination that lives across iterations when warm and is made anew each time when cold.
+class Destination {
+ public:
+  Destination(Pool pool, _Size<int> size) : pool_(pool), size_(size) {}
+  std::shared_ptr<RGBf>& get() {
+    if (pool_ == Pool::Cold || !buffer_) buffer_ = std::make_shared<RGBf>(size_);
+    return buffer_;
   }
-  setBytes(state, src->sizeInBytes());
-  markFloor(state, "copy");
-}
-
-void BM_FloorParallelRead(benchmark::State& state) {
-  const auto& src = benchFrame();
-  const float* values = &src->data->r;
-  const std::size_t count = src->area() * 3;
-  for (auto _ : state) {
-    const float sum = tbb::parallel_reduce(
-        tbb::blocked_range<std::size_t>(0, count / 16, 4096), 0.0f,
-        [&](const tbb::blocked_range<std::size_t>& r, float total) {
-          float lanes[16] = {};
-          for (std::size_t i = r.begin(); i < r.end(); ++i)
-            for (int k = 0; k < 16; ++k) lanes[k] += values[i * 16 + k];
-          for (float lane : lanes) total += lane;
-          return total;
-        },
-        [](float a, float b) { return a + b; });
-    benchmark::DoNotOptimize(sum);
+  void done() {
+    if (pool_ == Pool::Cold) buffer_.reset();
   }
-  setBytes(state, src->sizeInBytes());
-  markFloor(state, "read");
-}
 
+ private:
+  Pool pool_;
+  _Size<int> size_;
+  std::shared_ptr<RGBf> buffer_;
+};
+
+// In place, so only the warm pool applies.
 void BM_Clamp(benchmark::State& state) {
-  auto img = prefaulted();
-  benchFrame()->copyTo(img);
-  for (auto _ : state) {
-    img->clamp();
-    benchmark::ClobberMemory();
-  }
-  setBytes(state, img->sizeInBytes());
-  compareTo(state, "copy");
+  auto img = benchFrame()->copy();
+  timeAgainstFloor(
+      state, Pool::Warm, "copy", [] { return copyFloor(Pool::Warm); },
+      [&] {
+        img->clamp();
+        return true;
+      });
 }
 
-void BM_Copy(benchmark::State& state) {
-  const auto& src = benchFrame();
-  for (auto _ : state) benchmark::DoNotOptimize(src->copy());
-  setBytes(state, src->sizeInBytes());
-  compareTo(state, "copy");
+void copyWhole(benchmark::State& state, Pool pool) {
+  timeAgainstFloor(
+      state, pool, "copy", [pool] { return copyFloor(pool); },
+      [] { return benchFrame()->copy() != nullptr; });
 }
 
-void BM_ThumbnailDefault(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(benchFrame()->thumbnail());
-  compareTo(state, "read");
+void thumbnailDefault(benchmark::State& state, Pool pool) {
+  timeAgainstFloor(state, pool, "read", readFloor,
+                   [] { return benchFrame()->thumbnail() != nullptr; });
 }
 
-void BM_Resize1500x1000(benchmark::State& state) {
-  std::shared_ptr<RGBf> dst;
-  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(1500, 1000));
-  compareTo(state, "read");
+template <int Width, int Height>
+void resizeTo(benchmark::State& state, Pool pool) {
+  Destination dst(pool, {Width, Height});
+  timeAgainstFloor(state, pool, "read", readFloor, [&] {
+    const bool ok = benchFrame()->resizeTo(dst.get(), _Size<int>(Width, Height));
+    dst.done();
+    return ok;
+  });
 }
 
-// Non-integer factors: a large one (the default-style 160-wide thumbnail) and a small one.
-void BM_Resize160x107(benchmark::State& state) {
-  std::shared_ptr<RGBf> dst;
-  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(160, 107));
-  compareTo(state, "read");
-}
-
-void BM_Resize4000x2667(benchmark::State& state) {
-  std::shared_ptr<RGBf> dst;
-  for (auto _ : state) benchFrame()->resizeTo(dst, _Size<int>(4000, 2667));
-  compareTo(state, "read");
-}
-
-void BM_AffineRotate5DegTo1500x1000(benchmark::State& state) {
-  auto dst = std::make_shared<RGBf>(_Size<int>(1500, 1000));
+void affineRotate5Deg(benchmark::State& state, Pool pool) {
+  Destination dst(pool, {1500, 1000});
   AffineTransform turn;
   turn.translate(750, 500);
   turn.rotate(5.0f * std::numbers::pi_v<float> / 180.0f);
   turn.translate(-750, -500);
   const _Rect<float> whole(0, 0, static_cast<float>(kFrame.width),
                            static_cast<float>(kFrame.height));
-  for (auto _ : state) benchFrame()->copyAffineTransformedTo(dst, whole, turn);
-  compareTo(state, "read");
+  timeAgainstFloor(state, pool, "read", readFloor, [&] {
+    benchFrame()->copyAffineTransformedTo(dst.get(), whole, turn);
+    dst.done();
+    return true;
+  });
 }
 
-void BM_ColorTransformSRGBToProPhoto(benchmark::State& state) {
-  auto dst = prefaulted();
+void colorTransformToProPhoto(benchmark::State& state, Pool pool) {
+  Destination dst(pool, kFrame);
   const auto target = ColorProfileType::proPhotoRGB();
-  for (auto _ : state) benchFrame()->colorTransform(dst, target);
-  setBytes(state, dst->sizeInBytes());
-  compareTo(state, "copy");
+  timeAgainstFloor(
+      state, pool, "copy", [pool] { return copyFloor(pool); },
+      [&] {
+        const bool ok = benchFrame()->colorTransform(dst.get(), target);
+        dst.done();
+        return ok;
+      });
+}
+
+// A fresh block from plain malloc against a fresh pool block (huge pages), both filled by copy.
+void BM_FreshMallocPlusCopy(benchmark::State& state) {
+  const auto& src = benchFrame();
+  timeAgainstFloor(
+      state, Pool::Cold, "copy", [] { return copyFloor(Pool::Cold); },
+      [&] {
+        void* block = std::malloc(src->sizeInBytes());
+        if (!block) return false;
+        detail::parallelCopy(block, src->data, src->sizeInBytes());
+        benchmark::DoNotOptimize(block);
+        std::free(block);
+        return true;
+      });
 }
 
 void BM_PoolRecycled288MB(benchmark::State& state) {
+  PoolScope warm(Pool::Warm);
   auto& pool = MemoryManager::instance();
   const std::size_t bytes = benchFrame()->sizeInBytes();
   pool.free(pool.allocate(bytes, false));
@@ -131,44 +120,27 @@ void BM_PoolRecycled288MB(benchmark::State& state) {
   }
 }
 
-// First touch is the hidden cost of a fresh block: the pool's huge pages against plain malloc.
-void BM_FreshPoolBlockPlusCopy(benchmark::State& state) {
-  auto& pool = MemoryManager::instance();
-  const auto& src = benchFrame();
-  pool.setCachingEnabled(false);
-  for (auto _ : state) {
-    std::uint8_t* block = pool.allocate(src->sizeInBytes(), false);
-    detail::parallelCopy(block, src->data, src->sizeInBytes());
-    pool.free(block);
-  }
-  pool.setCachingEnabled(true);
-  compareTo(state, "copy");
-}
-
-void BM_FreshMallocPlusCopy(benchmark::State& state) {
-  const auto& src = benchFrame();
-  for (auto _ : state) {
-    void* block = std::malloc(src->sizeInBytes());
-    detail::parallelCopy(block, src->data, src->sizeInBytes());
-    benchmark::DoNotOptimize(block);
-    std::free(block);
-  }
-  compareTo(state, "copy");
-}
-
-BENCHMARK(BM_FloorParallelCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FloorParallelRead)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Clamp)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Copy)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ThumbnailDefault)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Resize1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Resize160x107)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Resize4000x2667)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_AffineRotate5DegTo1500x1000)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ColorTransformSRGBToProPhoto)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PoolRecycled288MB)->Unit(benchmark::kMicrosecond)->UseRealTime();
-BENCHMARK(BM_FreshPoolBlockPlusCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FreshMallocPlusCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
+const bool kRegistered = [] {
+  benchmark::RegisterBenchmark("BM_Clamp", BM_Clamp)
+      ->Unit(benchmark::kMillisecond)
+      ->UseManualTime();
+  registerPoolPair("BM_Copy", copyWhole, benchmark::kMillisecond);
+  registerPoolPair("BM_ThumbnailDefault", thumbnailDefault, benchmark::kMillisecond);
+  registerPoolPair("BM_Resize1500x1000", resizeTo<1500, 1000>, benchmark::kMillisecond);
+  // Non-integer factors: a large one (the default-style 160-wide thumbnail) and a small one.
+  registerPoolPair("BM_Resize160x107", resizeTo<160, 107>, benchmark::kMillisecond);
+  registerPoolPair("BM_Resize4000x2667", resizeTo<4000, 2667>, benchmark::kMillisecond);
+  registerPoolPair("BM_AffineRotate5DegTo1500x1000", affineRotate5Deg, benchmark::kMillisecond);
+  registerPoolPair("BM_ColorTransformSRGBToProPhoto", colorTransformToProPhoto,
+                   benchmark::kMillisecond);
+  benchmark::RegisterBenchmark("BM_FreshMallocPlusCopy", BM_FreshMallocPlusCopy)
+      ->Unit(benchmark::kMillisecond)
+      ->UseManualTime();
+  benchmark::RegisterBenchmark("BM_PoolRecycled288MB", BM_PoolRecycled288MB)
+      ->Unit(benchmark::kMicrosecond)
+      ->UseRealTime();
+  return true;
+}();
 
 }  // namespace
 }  // namespace vorn::bench

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "bench_floor.h"
@@ -73,79 +74,86 @@ void report(benchmark::State& state, std::uint64_t bytes) {
   state.counters["blob_bytes"] = static_cast<double>(blob().size());
 }
 
-// Floor: writing the mask's float samples once, the least any reader must do.
-void BM_FloorMaskCopy(benchmark::State& state) {
-  const MaskImage& src = mask();  // built outside the timing
-  MaskImage dst(kMaskSize, 0.0f);
-  for (auto _ : state) {
-    detail::parallelCopy(dst.data, src.data, src.sizeInBytes());
-    benchmark::ClobberMemory();
+// Floor: writing the mask's float samples once, the least any reader must do; a fresh mask
+// when cold.
+bool maskCopy(Pool pool) {
+  const MaskImage& src = mask();
+  static MaskImage warm(kMaskSize, 0.0f);
+  if (pool == Pool::Warm) {
+    detail::parallelCopy(warm.data, src.data, src.sizeInBytes());
+  } else {
+    MaskImage fresh(kMaskSize);
+    detail::parallelCopy(fresh.data, src.data, src.sizeInBytes());
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * mask().sizeInBytes()));
-  markFloor(state, "maskcopy");
+  return true;
 }
 
-void BM_CompressMask(benchmark::State& state) {
+void compressMask(benchmark::State& state, Pool pool) {
   const MaskImage& src = mask();
   std::vector<std::uint8_t> out;
-  for (auto _ : state) {
-    ImageCompressorProxy::compressMask(src, out);
-    benchmark::DoNotOptimize(out.data());
-  }
+  timeAgainstFloor(
+      state, pool, "maskcopy", [pool] { return maskCopy(pool); },
+      [&] {
+        ImageCompressorProxy::compressMask(src, out);
+        return !out.empty();
+      });
   report(state, mask().sizeInBytes());
-  compareTo(state, "maskcopy");
 }
 
-void uncompressWith(benchmark::State& state, detail::InflateEngine engine) {
+void uncompressWith(benchmark::State& state, Pool pool, detail::InflateEngine engine) {
   const std::vector<std::uint8_t>& bytes = blob();
   const detail::InflateEngine saved = detail::defaultInflateEngine();
   detail::setDefaultInflateEngine(engine);
-  for (auto _ : state) {
-    std::shared_ptr<MaskImage> read;
-    ImageCompressorProxy::uncompressMask(bytes, read);
-    if (!read) state.SkipWithError("the mask did not read back");
-    benchmark::DoNotOptimize(read.get());
-  }
+  timeAgainstFloor(
+      state, pool, "maskcopy", [pool] { return maskCopy(pool); },
+      [&] {
+        std::shared_ptr<MaskImage> read;
+        ImageCompressorProxy::uncompressMask(bytes, read);
+        return read != nullptr;
+      });
   detail::setDefaultInflateEngine(saved);
   report(state, mask().sizeInBytes());
-  compareTo(state, "maskcopy");
-}
-
-void BM_UncompressMaskLibdeflate(benchmark::State& state) {
-  uncompressWith(state, detail::InflateEngine::Libdeflate);
-}
-void BM_UncompressMaskZlib(benchmark::State& state) {
-  uncompressWith(state, detail::InflateEngine::Zlib);
 }
 
 // The inflate step alone, into the same warm buffer, so the two engines meet on equal terms.
 void inflateWith(benchmark::State& state, detail::InflateEngine engine) {
   constexpr std::size_t kHeader = ImageCompressorLosslessZlib::kTrackedHeaderSize;
   std::vector<std::uint8_t> out(mask().area(), 0);
-  for (auto _ : state) {
-    const auto result =
-        detail::inflateInto(blob().data() + kHeader, blob().size() - kHeader, out.data(),
-                            out.size(), detail::InflateTail::Any, engine);
-    if (result.written != out.size()) state.SkipWithError("the stream did not fill the mask");
-    benchmark::ClobberMemory();
-  }
+  timeAgainstFloor(
+      state, Pool::Warm, "maskcopy", [] { return maskCopy(Pool::Warm); },
+      [&] {
+        const auto result =
+            detail::inflateInto(blob().data() + kHeader, blob().size() - kHeader, out.data(),
+                                out.size(), detail::InflateTail::Any, engine);
+        return result.written == out.size();
+      });
   report(state, out.size());
-  compareTo(state, "maskcopy");
 }
 
-void BM_InflateZlib(benchmark::State& state) {
-  inflateWith(state, detail::InflateEngine::Zlib);
-}
-void BM_InflateLibdeflate(benchmark::State& state) {
-  inflateWith(state, detail::InflateEngine::Libdeflate);
-}
-
-BENCHMARK(BM_FloorMaskCopy)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_CompressMask)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_UncompressMaskLibdeflate)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_UncompressMaskZlib)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_InflateLibdeflate)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_InflateZlib)->Unit(benchmark::kMillisecond)->UseRealTime();
+const bool kRegistered = [] {
+  registerPoolPair("BM_CompressMask", compressMask, benchmark::kMillisecond);
+  registerPoolPair(
+      "BM_UncompressMaskLibdeflate",
+      [](benchmark::State& state, Pool pool) {
+        uncompressWith(state, pool, detail::InflateEngine::Libdeflate);
+      },
+      benchmark::kMillisecond);
+  registerPoolPair(
+      "BM_UncompressMaskZlib",
+      [](benchmark::State& state, Pool pool) {
+        uncompressWith(state, pool, detail::InflateEngine::Zlib);
+      },
+      benchmark::kMillisecond);
+  for (const auto& [name, engine] :
+       {std::pair{"BM_InflateLibdeflate", detail::InflateEngine::Libdeflate},
+        std::pair{"BM_InflateZlib", detail::InflateEngine::Zlib}}) {
+    benchmark::RegisterBenchmark(
+        name, [engine = engine](benchmark::State& state) { inflateWith(state, engine); })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime();
+  }
+  return true;
+}();
 
 }  // namespace
 }  // namespace vorn::bench

@@ -1,12 +1,11 @@
 // Raster decoding on a real 22 MP JPEG against libvips' decode-only pass of the same file, and a
-// 256-pixel thumbnail by DCT scaling against libvips' shrink-on-load thumbnailer.
+// 256-pixel thumbnail by DCT scaling against libvips' shrink-on-load thumbnailer; each peer
+// command runs in the same iterations as the operation.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -21,8 +20,10 @@
 namespace {
 
 namespace fs = std::filesystem;
-using vorn::bench::compareTo;
-using vorn::bench::markFloor;
+using vorn::bench::Pool;
+using vorn::bench::registerPoolPair;
+using vorn::bench::runCommand;
+using vorn::bench::timeAgainstFloor;
 
 std::string samplePath() {
   return vorn::bench::sharedSample("photo", "canon_5d3_22mp_issue266.jpg");
@@ -58,65 +59,37 @@ std::string samplePathWithoutPreview() {
   return stripped;
 }
 
-// Times a shell command per iteration; the floor of the comparison.
-void timeCommand(benchmark::State& state, const std::string& command, const char* floor) {
-  markFloor(state, floor);
-  for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
-    const int status = std::system(command.c_str());
-    const auto end = std::chrono::steady_clock::now();
-    if (status != 0) {
-      state.SkipWithError(("command failed: " + command).c_str());
-      return;
-    }
-    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-  }
-}
-
-void BM_VipsDecode(benchmark::State& state) {
+void decode22MP(benchmark::State& state, Pool pool) {
   const std::string path = samplePath();
   if (path.empty()) return state.SkipWithError("sample canon_5d3_22mp_issue266.jpg is absent");
-  timeCommand(state, "vips avg '" + path + "' > /dev/null", "vips_decode");
+  vorn::ImageMagickReader reader;
+  timeAgainstFloor(
+      state, pool, "vips avg", [&] { return runCommand("vips avg '" + path + "'"); },
+      [&] {
+        return reader.openImage(path, {-1, -1}) == vorn::kImageReaderOk;
+      },
+      [&] { reader = vorn::ImageMagickReader(); });  // the frame's release is not part of opening
 }
 
-void BM_OpenJpeg22MP(benchmark::State& state) {
-  const std::string path = samplePath();
-  if (path.empty()) return state.SkipWithError("sample canon_5d3_22mp_issue266.jpg is absent");
-  compareTo(state, "vips_decode");
-  for (auto _ : state) {
-    vorn::ImageMagickReader reader;
-    if (reader.openImage(path, {-1, -1}) != vorn::kImageReaderOk)
-      return state.SkipWithError("the sample did not open");
-    benchmark::DoNotOptimize(reader.getOpenedImage());
-    state.PauseTiming();  // the frame's release is not part of opening
-    reader = vorn::ImageMagickReader();
-    state.ResumeTiming();
-  }
-}
-
-void BM_VipsThumbnail256(benchmark::State& state) {
+void thumbnail256Dct(benchmark::State& state, Pool pool) {
   const std::string path = samplePathWithoutPreview();
   if (path.empty()) return state.SkipWithError("sample canon_5d3_22mp_issue266.jpg is absent");
   const std::string out = (fs::temp_directory_path() / "vorn_bench_thumb.v").string();
-  timeCommand(state, "vipsthumbnail '" + path + "' -s 256 -o '" + out + "'", "vips_thumbnail");
+  timeAgainstFloor(
+      state, pool, "vipsthumbnail",
+      [&] { return runCommand("vipsthumbnail '" + path + "' -s 256 -o '" + out + "'"); },
+      [&] {
+        auto thumb = vorn::getThumbnailBySide(path, 256, true);
+        return thumb && thumb->width == 256;
+      });
   std::error_code ec;
   fs::remove(out, ec);
 }
 
-void BM_Thumbnail256Dct(benchmark::State& state) {
-  const std::string path = samplePathWithoutPreview();
-  if (path.empty()) return state.SkipWithError("sample canon_5d3_22mp_issue266.jpg is absent");
-  compareTo(state, "vips_thumbnail");
-  for (auto _ : state) {
-    auto thumb = vorn::getThumbnailBySide(path, 256, true);
-    if (!thumb || thumb->width != 256) return state.SkipWithError("no 256-pixel thumbnail");
-    benchmark::DoNotOptimize(thumb);
-  }
-}
+const bool kRegistered = [] {
+  registerPoolPair("BM_OpenJpeg22MPVsVips", decode22MP, benchmark::kMillisecond, 5);
+  registerPoolPair("BM_Thumbnail256DctVsVips", thumbnail256Dct, benchmark::kMillisecond, 10);
+  return true;
+}();
 
 }  // namespace
-
-BENCHMARK(BM_VipsDecode)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(5);
-BENCHMARK(BM_OpenJpeg22MP)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(BM_VipsThumbnail256)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(10);
-BENCHMARK(BM_Thumbnail256Dct)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(10);

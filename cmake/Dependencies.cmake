@@ -30,13 +30,15 @@ target_compile_options(vorn_magickpp INTERFACE ${MAGICKPP_CFLAGS_OTHER})
 target_link_libraries(vorn_magickpp INTERFACE ${MAGICKPP_LINK_LIBRARIES})
 add_library(vorn::magickpp ALIAS vorn_magickpp)
 
-# Raster input and output: EXIF, the JPEG fast path, and float TIFF (Magick++ here is 16-bit
-# without HDRI, so it cannot keep values above 1).
+# Raster input and output: EXIF and XMP, the JPEG fast path, and the streaming JPEG and TIFF
+# encoders (libjpeg's scanline interface takes rows a band at a time and writes markers).
 pkg_check_modules(EXIV2 REQUIRED IMPORTED_TARGET exiv2)
 pkg_check_modules(TURBOJPEG REQUIRED IMPORTED_TARGET libturbojpeg)
+pkg_check_modules(LIBJPEG REQUIRED IMPORTED_TARGET libjpeg)
 pkg_check_modules(LIBTIFF REQUIRED IMPORTED_TARGET libtiff-4)
 add_library(vorn::exiv2 ALIAS PkgConfig::EXIV2)
 add_library(vorn::turbojpeg ALIAS PkgConfig::TURBOJPEG)
+add_library(vorn::libjpeg ALIAS PkgConfig::LIBJPEG)
 add_library(vorn::libtiff ALIAS PkgConfig::LIBTIFF)
 
 # LibRaw's thread-safe build decodes raw files, one decoder object per decode. Its pkg-config

@@ -1,5 +1,5 @@
 // Writes valid starting inputs for the fuzz targets: make_seeds <folder> fills
-// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory}/.
+// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory,apply_args}/.
 #include <zlib.h>
 
 #include <cmath>
@@ -93,6 +93,20 @@ int main(int argc, char** argv) {
       parameters.tiffBitDepth = depth;
       if (!vorn::ImageMagickReader::writeImageToFile(frame, parameters)) return 1;
     }
+  }
+  // Argument lists of `vorn apply`, the words separated by zero bytes.
+  const std::vector<std::vector<std::string>> commands = {
+      {"in.jpg", "out.jpg", "--effect", "VORNExposureEffect:Exposure=30", "--quality", "90"},
+      {"in.dng", "out.tif", "--depth", "16", "--profile", "prophoto", "--long-side", "2000"},
+      {"in.tif", "out.jpeg", "--subsampling", "420", "--progressive", "--optimize-huffman"},
+      {"in.jpg", "out.tiff", "--depth", "32", "--effect", "VORNContrastEffect:Contrast=-20,X=1"}};
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    Bytes joined;
+    for (const std::string& word : commands[i]) {
+      if (!joined.empty()) joined.push_back(0);
+      joined.insert(joined.end(), word.begin(), word.end());
+    }
+    save(root / "apply_args", "command_" + std::to_string(i), joined);
   }
   return 0;
 }

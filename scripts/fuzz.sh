@@ -14,10 +14,12 @@ cmake --build --preset fuzz -j "$(nproc)"
 runs=build/fuzz/runs
 rm -rf "$runs/seeds"
 build/fuzz/fuzz/fuzz_seeds "$runs/seeds"
-# A small real raw file seeds the raw path of the in-memory opener.
+# The export target starts from the decoders' photos; a small real raw file seeds the raw path
+# of the in-memory opener.
+cp -r "$runs/seeds/open_memory" "$runs/seeds/export"
 cp tests/data/truncated_iphone12promax_exiv2.dng "$runs/seeds/open_memory/"
 
-for target in mask_blob proxy_blob zlib_stream open_memory; do
+for target in mask_blob proxy_blob zlib_stream open_memory export apply_args; do
   corpus="$runs/corpus/$target"
   artifacts="$runs/artifacts/$target"
   log="$runs/$target.log"

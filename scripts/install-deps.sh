@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs every Debian package vorn needs to build, test and benchmark. Idempotent.
+# Installs every Debian package vorn needs to build, test and benchmark, or the packages named on
+# the command line instead. Idempotent. The peer programs the benchmarks compare against come
+# from scripts/install-bench-deps.sh.
 set -euo pipefail
 
 packages=(
@@ -8,9 +10,10 @@ packages=(
   libtbb-dev liblcms2-dev zlib1g-dev libboost-dev libboost-serialization-dev
   libopencv-imgproc-dev libhwy-dev
   libmagick++-dev libdeflate-dev
-  libexiv2-dev libturbojpeg0-dev libtiff-dev libvips-tools
-  libraw-dev libraw-bin
+  libexiv2-dev libturbojpeg0-dev libjpeg62-turbo-dev libtiff-dev
+  libraw-dev
 )
+[ $# -eq 0 ] || packages=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

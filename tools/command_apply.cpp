@@ -1,9 +1,9 @@
-#include <charconv>
 #include <chrono>
 #include <filesystem>
 #include <memory>
 #include <ostream>
 
+#include "apply_options.h"
 #include "cli.h"
 #include "effect_chain.h"
 #include "vorn/core/file_utils.h"
@@ -13,76 +13,6 @@
 
 namespace vorn::cli {
 namespace {
-
-struct ApplyOptions {
-  std::string input;
-  std::string output;
-  std::vector<std::string> effects;
-  int quality = 92;
-  int depth = 8;  // 32 writes a float TIFF that keeps values above 1
-  int longestSide = 0;
-};
-
-constexpr const char* kUsage =
-    "usage: vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
-    "                 [--depth 8|16|32] [--long-side PIXELS]\n";
-
-bool parseInt(const std::string& text, int low, int high, int& value) {
-  const char* end = text.data() + text.size();
-  const auto [stop, status] = std::from_chars(text.data(), end, value);
-  return status == std::errc() && stop == end && value >= low && value <= high;
-}
-
-bool parseOptions(const std::vector<std::string>& args, ApplyOptions& options, std::string& error) {
-  std::vector<std::string> positional;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-      positional.push_back(arg);
-      continue;
-    }
-    if (i + 1 == args.size()) {
-      error = "option " + arg + " needs a value";
-      return false;
-    }
-    const std::string& value = args[++i];
-    bool valid = true;
-    if (arg == "--effect") {
-      options.effects.push_back(value);
-    } else if (arg == "--quality") {
-      valid = parseInt(value, 1, 100, options.quality);
-    } else if (arg == "--depth") {
-      valid = parseInt(value, 8, 32, options.depth) &&
-              (options.depth == 8 || options.depth == 16 || options.depth == 32);
-    } else if (arg == "--long-side") {
-      valid = parseInt(value, 1, 1 << 16, options.longestSide);
-    } else {
-      error = "unknown option " + arg;
-      return false;
-    }
-    if (!valid) {
-      error = "bad value \"" + value + "\" for " + arg;
-      return false;
-    }
-  }
-  if (positional.size() != 2) {
-    error = "expected an input and an output file";
-    return false;
-  }
-  options.input = positional[0];
-  options.output = positional[1];
-  return true;
-}
-
-bool isJpegPath(const std::string& path) {
-  const std::string extension = getFileExtension(path);
-  return extension == "jpg" || extension == "jpeg";
-}
-
-bool isTiffPath(const std::string& path) {
-  const std::string extension = getFileExtension(path);
-  return extension == "tif" || extension == "tiff";
-}
 
 bool samePath(const std::string& a, const std::string& b) {
   std::error_code error;
@@ -108,27 +38,39 @@ std::shared_ptr<const ImageFrame> decodeFullFrame(const ImageFileClass& file, st
   return frame;
 }
 
+ExportParameters exportParameters(const ApplyOptions& options) {
+  ExportParameters exported;
+  exported.path = options.output;
+  exported.jpegQuality = options.quality;
+  exported.jpegSubsampling = options.subsampling;
+  exported.jpegProgressive = options.progressive;
+  exported.jpegOptimizeHuffman = options.optimizeHuffman;
+  exported.tiffBitDepth = options.depth;
+  exported.longestSide = options.longestSide;
+  exported.exifSourcePath = options.input;
+  switch (options.profile) {
+    case ProfileChoice::Srgb:
+      exported.colorProfile = ColorProfileType::sRGB();
+      break;
+    case ProfileChoice::Adobe:
+      exported.colorProfile = ColorProfileType::adobeRGB();
+      break;
+    case ProfileChoice::ProPhoto:
+      exported.colorProfile = ColorProfileType::proPhotoRGB();
+      break;
+    default:  // the working profile is the decoded frame's, known only after decoding
+      break;
+  }
+  return exported;
+}
+
 }  // namespace
 
 int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   ApplyOptions options;
   std::string error;
-  if (!parseOptions(args, options, error)) {
-    err << "vorn apply: " << error << '\n' << kUsage;
-    return kExitUsage;
-  }
-  if (!isJpegPath(options.output) && !isTiffPath(options.output)) {
-    err << "vorn apply: " << options.output
-        << ": the output must end in .jpg, .jpeg, .tif or .tiff\n";
-    return kExitUsage;
-  }
-  if (options.depth == 32 && !isTiffPath(options.output)) {
-    err << "vorn apply: --depth 32 writes a float TIFF; name the output .tif or .tiff\n";
-    return kExitUsage;
-  }
-  if (!isTiffPath(options.output) && options.depth != 8) {
-    err << "vorn apply: JPEG holds 8 bits per channel; --depth " << options.depth
-        << " needs a TIFF output\n";
+  if (!parseApplyOptions(args, options, error)) {
+    err << "vorn apply: " << error << '\n' << kApplyUsage;
     return kExitUsage;
   }
   // Every effect is checked before the (slow) decode so that a typo costs nothing.
@@ -159,6 +101,14 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     return kExitUsage;
   }
 
+  ExportParameters exported = exportParameters(options);
+  // The output is checked before the (slow) decode: folder, permissions and the written size.
+  if (std::string reason;
+      !ImageMagickReader::checkExport(ImageReader::getImageSize(options.input), exported, reason)) {
+    err << "vorn apply: " << options.output << ": " << reason << '\n';
+    return kExitFailed;
+  }
+
   const auto started = std::chrono::steady_clock::now();
   std::shared_ptr<const ImageFrame> frame = decodeFullFrame(classifyImageFile(options.input), err);
   if (!frame) return kExitFailed;
@@ -168,16 +118,8 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     return kExitFailed;
   }
 
-  ExportParameters exported;
-  exported.path = options.output;
-  exported.jpegQuality = options.quality;
-  exported.tiffBitDepth = options.depth == 16 ? 16 : 8;
-  exported.longestSide = options.longestSide;
-  exported.exifSourcePath = options.input;
-  // The float TIFF keeps the frame's own size and values; resizing is for display outputs.
-  const bool written = options.depth == 32
-                           ? ImageMagickReader::writeHDRImageToFile(*frame, options.output)
-                           : ImageMagickReader::writeImageToFile(*frame, exported);
+  if (options.profile == ProfileChoice::Working) exported.colorProfile = frame->colorProfile;
+  const bool written = ImageMagickReader::writeImageToFile(*frame, exported);
   if (!written) {
     err << "vorn apply: " << options.output << ": could not be written (see the log)\n";
     return kExitFailed;

@@ -12,6 +12,8 @@ void printHelp(std::ostream& out) {
       << "  vorn effects [ID...]                 effect identifiers and their parameters\n"
       << "  vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
       << "             [--depth 8|16|32] [--long-side PIXELS]\n"
+      << "             [--profile srgb|adobe|prophoto|working]\n"
+      << "             [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
       << "                                       run effects in order and write JPEG or TIFF\n\n"
       << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n";
 }

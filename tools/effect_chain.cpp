@@ -84,7 +84,10 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
     return nullptr;
   }
   std::shared_ptr<Effect> effect = factory.makeEffectWithID(request.id);
-  for (const auto& [name, text] : request.values) {
+  // Named, not a structured binding: clang before 16 cannot capture those in the lambda below.
+  for (const auto& assignment : request.values) {
+    const std::string& name = assignment.first;
+    const std::string& text = assignment.second;
     auto& parameters = effect->parameters();
     const auto parameter = std::find_if(parameters.begin(), parameters.end(), [&](const auto& p) {
       return equalIgnoringCase(p.name(), name);

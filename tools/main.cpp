@@ -8,6 +8,7 @@
 #include "error_echo.h"
 #include "vorn/core/library.h"
 #include "vorn/core/log.h"
+#include "vorn/core/memory_manager.h"
 #include "vorn/io/image_reader.h"
 
 namespace {
@@ -33,6 +34,8 @@ int main(int argc, char** argv) {
   std::error_code ignored;
   std::filesystem::create_directories(context.dataFolder, ignored);
   vorn::vornInit(context);
+  // One image, once: a freed block would never be asked for again, so none is kept resident.
+  vorn::MemoryManager::instance().setCachingEnabled(false);
   vorn::InitLog(context);
   vorn::cli::echoLibraryErrors(std::cerr);
   int code = vorn::cli::kExitFailed;

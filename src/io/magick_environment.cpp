@@ -82,4 +82,21 @@ void ensureMagickEnvironment() {
   gAppliedCap.store(cap, std::memory_order_release);
 }
 
+std::string magickSizeRefusal(_Size<int> size) {
+  ensureMagickEnvironment();
+  const auto width = static_cast<std::uint64_t>(std::max(size.width, 0));
+  const auto height = static_cast<std::uint64_t>(std::max(size.height, 0));
+  const std::string text = std::to_string(width) + " x " + std::to_string(height);
+  if (width > Magick::ResourceLimits::width())
+    return text + " is wider than ImageMagick's limit of " +
+           std::to_string(Magick::ResourceLimits::width()) + " pixels";
+  if (height > Magick::ResourceLimits::height())
+    return text + " is taller than ImageMagick's limit of " +
+           std::to_string(Magick::ResourceLimits::height()) + " pixels";
+  if (width * height > Magick::ResourceLimits::area())
+    return text + " exceeds ImageMagick's area limit of " +
+           std::to_string(Magick::ResourceLimits::area()) + " pixels";
+  return {};
+}
+
 }  // namespace vorn::detail

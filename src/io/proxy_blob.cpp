@@ -10,6 +10,7 @@
 #include "io/blob_header.h"
 #include "io/color_profile_code.h"
 #include "io/magick_environment.h"
+#include "io/memory_limit.h"
 #include "vorn/io/image_compressor.h"
 
 namespace vorn {
@@ -82,7 +83,13 @@ void ImageCompressorProxy::compress(const _ImageData<PixelRGB<float>>& image,
                                     std::vector<std::uint8_t>& blob) {
   if (image.width <= 0 || image.height <= 0 || image.empty()) return;
   const std::uint32_t code = detail::to_colorProfileCode(image.colorProfile);
-  detail::ensureMagickEnvironment();
+  if (const std::string refusal = detail::magickSizeRefusal(image.size()); !refusal.empty())
+    throw CompressorException("Proxy image " + refusal);
+  if (const std::string refusal = detail::checkWorkingBytes(
+          image.sizeInBytes(),
+          "A proxy image of " + std::to_string(image.width) + " x " + std::to_string(image.height));
+      !refusal.empty())
+    throw CompressorException(refusal);
   // ImageMagick converts NaN to an integer without a check, so it is given clamped pixels.
   const std::shared_ptr<Frame> clamped = image.copy_saturated();
   Magick::Blob encoded;

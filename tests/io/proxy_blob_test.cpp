@@ -6,7 +6,9 @@
 #include <thread>
 
 #include "io/blob_builders.h"
+#include "io/input_limits.h"
 #include "support/log_capture.h"
+#include "support/scoped_setting.h"
 #include "vorn/io/image_compressor.h"
 
 namespace vorn {
@@ -71,6 +73,17 @@ TEST(ProxyBlob, WriterRefusesWhatItCannotCode) {
     EXPECT_EQ(std::string(error.what()), "Undefined to_colorProfileCode() conversion");
   }
   Proxy::compress(Frame(_Size<int>(0, 5)), blob);
+  EXPECT_EQ(blob, Bytes({9}));
+  // Past ImageMagick's size limits (which follow the pixel cap) its encoder would abort the
+  // process; such a frame is refused first.
+  try {
+    const test::ScopedSetting cap(detail::kMaxPixelsSetting, "1000");
+    Proxy::compress(Frame(_Size<int>(1001, 1), PixelRGB<float>(0.5f)), blob);
+    ADD_FAILURE() << "a frame wider than the limit was coded";
+  } catch (const ImageCompressorLosslessZlib::CompressorException& error) {
+    EXPECT_EQ(std::string(error.what()),
+              "Proxy image 1001 x 1 is wider than ImageMagick's limit of 1000 pixels");
+  }
   EXPECT_EQ(blob, Bytes({9}));
 
   // NaN and out-of-range values are clamped on the way in, never handed to the encoder.

@@ -265,6 +265,7 @@ TEST(RawSourceHostile, PixelLimitRefusesBeforeUnpacking) {
   EXPECT_EQ(log.countContaining("more than the limit of 515316"), 1u);
   DataStore::instance().set("ImageReader.MaxPixels", 869 * 593);
   EXPECT_EQ(ImageReader::readRaw(nef, kOpenDefault, nullptr, "").errorCode, kImageReaderOk);
+  DataStore::instance().set("ImageReader.MaxPixels", "");  // back to the default cap
 }
 
 TEST(RawSourceHostile, CancelledBeforeStartDecodesNothing) {

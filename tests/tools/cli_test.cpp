@@ -5,14 +5,18 @@
 #include <set>
 #include <sstream>
 
+#include "apply_options.h"
 #include "cli.h"
 #include "effect_chain.h"
 #include "effects/effect_test_support.h"
 #include "error_echo.h"
+#include "io/input_limits.h"
 #include "io/raster_test_support.h"
 #include "support/log_capture.h"
+#include "support/scoped_setting.h"
 #include "support/temp_dir.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/io/image_magick_reader.h"
 #include "vorn/io/image_reader.h"
 
 namespace vorn::cli {
@@ -183,6 +187,102 @@ TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
     left.insert(entry.path().filename().string());
   EXPECT_EQ(left, (std::set<std::string>{"out.jpg", "out.tif", "broken.jpg", "photo.png"}))
       << "no output and no temporary file is left by a failed run";
+}
+
+TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors) {
+  ApplyOptions options;
+  std::string error;
+  ASSERT_TRUE(parseApplyOptions({"in.dng", "out.jpg", "--profile", "adobe", "--subsampling", "420",
+                                 "--progressive", "--optimize-huffman", "--quality", "80"},
+                                options, error))
+      << error;
+  EXPECT_EQ(options.profile, ProfileChoice::Adobe);
+  EXPECT_EQ(options.subsampling, JpegSubsampling::S420);
+  EXPECT_TRUE(options.progressive);
+  EXPECT_TRUE(options.optimizeHuffman);
+  EXPECT_EQ(options.quality, 80);
+  ASSERT_TRUE(parseApplyOptions(
+      {"--depth", "32", "in.jpg", "--long-side", "500", "out.tiff", "--profile", "working"},
+      options, error));
+  EXPECT_EQ(options.output, "out.tiff");
+  EXPECT_EQ(options.depth, 32);
+  EXPECT_EQ(options.longestSide, 500);
+  EXPECT_EQ(options.profile, ProfileChoice::Working);
+  EXPECT_FALSE(options.progressive);
+
+  for (const std::vector<std::string>& bad :
+       {std::vector<std::string>{"in.jpg", "out.jpg", "--profile", "cmyk"},
+        {"in.jpg", "out.jpg", "--subsampling", "411"},
+        {"in.jpg", "out.tif", "--progressive"},
+        {"in.jpg", "out.tif", "--subsampling", "444"},
+        {"in.jpg", "out.jpg", "--depth", "16"},
+        {"in.jpg", "out.png"},
+        {"in.jpg", "out.jpg", "--long-side"},
+        {"in.jpg", "out.jpg", "--quality", "101"}}) {
+    EXPECT_FALSE(parseApplyOptions(bad, options, error)) << bad.back();
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+TEST(CliCommands, ApplyChecksTheOutputFirstAndKeepsMetadataAtEveryDepth) {
+  test::TempDir folder("vorn_cli");
+  const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");
+  const std::string broken = (folder.path() / "broken.jpg").string();
+  std::ofstream(broken, std::ios::binary) << std::string("\xFF\xD8\xFF\xE0", 4) << "truncated";
+  // The folder is refused before the (broken) input is decoded.
+  const CommandRun nowhere = run({"apply", broken, (folder.path() / "no" / "out.jpg").string()});
+  EXPECT_EQ(nowhere.code, kExitFailed);
+  EXPECT_NE(nowhere.err.find("does not exist"), std::string::npos) << nowhere.err;
+  EXPECT_EQ(nowhere.err.find("decoded"), std::string::npos) << nowhere.err;
+
+  const std::string hdr = (folder.path() / "hdr.tif").string();
+  ASSERT_EQ(run({"apply", input, hdr, "--depth", "32", "--long-side", "640"}).code, kExitOk);
+  EXPECT_EQ(ImageReader::getImageSize(hdr), _Size<int>(640, 400));
+  EXPECT_EQ(ImageReader::getPreciseColorDepth(hdr), 32);
+  const auto metadata = ImageReader::readMetadata(hdr);
+  ASSERT_NE(metadata, nullptr);
+  EXPECT_EQ(metadata->cameraModel, "Canon EOS 70D");
+
+  const std::string wide = (folder.path() / "wide.tif").string();
+  ASSERT_EQ(run({"apply", input, wide, "--depth", "16", "--profile", "prophoto"}).code, kExitOk);
+  ImageMagickReader reader;
+  ASSERT_EQ(reader.openImage(wide, {-1, -1}), kImageReaderOk);
+  EXPECT_EQ(reader.getOpenedImage()->workingImage()->colorProfile->name(),
+            ColorProfileType::proPhotoRGB()->name());
+
+  const test::ScopedSetting cap(detail::kMaxPixelsSetting, "1000");
+  const CommandRun capped = run({"apply", input, (folder.path() / "capped.jpg").string()});
+  EXPECT_EQ(capped.code, kExitFailed);
+  EXPECT_NE(capped.err.find("pixel cap of 1000"), std::string::npos) << capped.err;
+}
+
+// Valid photos wider or taller than ImageMagick's 16000-pixel policy allows, and a damaged
+// header that claims 33280 pixels: the first two are written, none ends the process.
+TEST(CliCommands, ExtremeSidesAreWrittenAndNoneEndsTheProcess) {
+  test::TempDir folder("vorn_cli");
+  struct Case {
+    const char* name;
+    _Size<int> size;
+  };
+  for (const Case c : {Case{"wide_16001x8.jpg", {16001, 8}}, {"tall_8x16500.jpg", {8, 16500}}}) {
+    const std::string input = test::sharedSample("hostile", c.name);
+    if (input.empty()) GTEST_SKIP() << "sample " << c.name << " is absent";
+    const std::string output = (folder.path() / c.name).string();
+    const CommandRun applied =
+        run({"apply", input, output, "--effect", "VORNExposureEffect:Exposure=10"});
+    ASSERT_EQ(applied.code, kExitOk) << c.name << ": " << applied.err;
+    EXPECT_EQ(ImageReader::getImageSize(output), c.size) << c.name;
+  }
+  const std::string damaged = test::sharedSample("hostile", "sof_33280x341.jpg");
+  if (damaged.empty()) GTEST_SKIP() << "sample sof_33280x341.jpg is absent";
+  const std::string output = (folder.path() / "sof.tif").string();
+  const CommandRun applied = run({"apply", damaged, output, "--depth", "16"});
+  if (applied.code == kExitOk) {
+    EXPECT_EQ(ImageReader::getImageSize(output), _Size<int>(33280, 341));
+  } else {
+    EXPECT_EQ(applied.code, kExitFailed);
+    EXPECT_FALSE(applied.err.empty());
+  }
 }
 
 TEST(CliCommands, LibraryErrorsAreEchoedWithTheFileButWarningsAreNot) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "io/raster/profile_match.h"
 #include "vorn/core/log.h"
 
 namespace vorn::detail {
@@ -24,6 +25,12 @@ std::shared_ptr<ColorProfile> profileFromIcc(const void* icc, std::size_t length
   }
   const auto srgb = ColorProfileType::sRGB();
   if (srgb && *profile == *srgb) return srgb;
+  // A frame whose profile converts nowhere could be neither shown nor written.
+  if (!profilesConvert(*profile, *srgb)) {
+    LogWarning("%s: embedded ICC profile dropped: it converts to no other profile, sRGB assumed",
+               name.c_str());
+    return srgb;
+  }
   return profile;
 }
 

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vorn::detail {
+
+/// The setting that replaces the memory bound, in MiB.
+inline constexpr const char* kMaxMemorySetting = "ImageReader.MaxMemoryMiB";
+
+/// The most pixel memory one image step may ask for at once: "ImageReader.MaxMemoryMiB" when it
+/// holds a positive whole number, else three quarters of the memory this process may use (the
+/// machine's, or its control group's limit when that is lower), so a step too large for the
+/// machine is refused up front instead of being killed half-way.
+std::uint64_t maxWorkingBytes();
+
+/// Empty when `bytes` fit the memory bound, else a reason naming what needs them, how much and
+/// the bound.
+std::string checkWorkingBytes(std::uint64_t bytes, const std::string& what);
+
+}  // namespace vorn::detail

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vorn/io/image_magick_reader.h"
+
+namespace vorn::cli {
+
+/// Which profile `--profile` asks for; Default leaves the choice to the export (sRGB for 8-bit,
+/// the working profile for 16 and 32 bits).
+enum class ProfileChoice { Default, Srgb, Adobe, ProPhoto, Working };
+
+/// The arguments of `vorn apply`, as parsed; nothing is opened or checked against files here.
+struct ApplyOptions {
+  std::string input;
+  std::string output;
+  std::vector<std::string> effects;  ///< `--effect` texts, in order
+  int quality = 92;
+  int depth = 8;  ///< 32 writes a float TIFF that keeps values above 1
+  int longestSide = 0;
+  ProfileChoice profile = ProfileChoice::Default;
+  JpegSubsampling subsampling = JpegSubsampling::Auto;
+  bool progressive = false;
+  bool optimizeHuffman = false;
+};
+
+/// The usage lines of `vorn apply`.
+extern const char* const kApplyUsage;
+
+/// Parses the words after `apply`; false and `error` naming the bad word or combination.
+bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,
+                       std::string& error);
+
+}  // namespace vorn::cli
