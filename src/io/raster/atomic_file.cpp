@@ -32,7 +32,11 @@ std::string hiddenName(const std::filesystem::path& target) {
   static thread_local std::mt19937_64 random{std::random_device{}()};
   char suffix[17];
   std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(random()));
-  return (folderOf(target) / ("." + target.filename().string() + ".vorn-" + suffix)).string();
+  std::string name = ".";
+  name += target.filename().string();
+  name += ".vorn-";
+  name += suffix;
+  return (folderOf(target) / name).string();
 }
 
 // A replaced file keeps its permissions; a new one gets the usual ones, less the umask.
