@@ -53,19 +53,27 @@ void parallelRowsCancellable(int rows, const RenderControl& control, Body&& body
 template <typename Body>
 class RowKernelOf final : public RowKernel {
  public:
-  explicit RowKernelOf(Body body) : body_(std::move(body)) {}
+  RowKernelOf(Body body, bool finite) : body_(std::move(body)), finite_(finite) {}
   void run(const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) const override {
     body_(in, out, count);
   }
+  bool finiteOutput() const override { return finite_; }
 
  private:
   Body body_;
+  bool finite_;
 };
 
 /// A kernel from body(const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count).
 template <typename Body>
 std::unique_ptr<RowKernel> rowKernel(Body body) {
-  return std::make_unique<RowKernelOf<Body>>(std::move(body));
+  return std::make_unique<RowKernelOf<Body>>(std::move(body), false);
+}
+
+/// rowKernel for a body that never writes NaN or Inf, whatever it reads.
+template <typename Body>
+std::unique_ptr<RowKernel> finiteRowKernel(Body body) {
+  return std::make_unique<RowKernelOf<Body>>(std::move(body), true);
 }
 
 /// A kernel from a per-pixel function PixelRGB<float>(const PixelRGB<float>&).
@@ -142,6 +150,10 @@ bool copySourceToDestination(EffectCallContext& call);
 /// The tail every render ends with: NaN becomes 0 and an infinity the largest finite value of
 /// its sign, so that no effect hands a non-finite value to the next.
 void makeFinite(float* values, std::size_t count);
+/// The instruction sets makeFinite is written for.
+enum class FiniteIsa { Sse2, Avx2, Avx512 };
+/// makeFinite with the given kernel; false when the running CPU lacks its instructions.
+bool makeFiniteWith(FiniteIsa isa, float* values, std::size_t count);
 
 /// The setup of one call: statistics source, spatial scale and the cancel flag.
 RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable, float spatialScale);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cfloat>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "effects/effect_test_support.h"
@@ -117,6 +118,41 @@ TEST(PointEffectBase, RendersInPlaceLikeIntoAnotherBufferAndEndsFinite) {
   EXPECT_EQ(output->at(5, 5).r, 0.0f);
   EXPECT_EQ(output->at(5, 5).g, FLT_MAX);
   EXPECT_EQ(output->at(5, 5).b, -FLT_MAX);
+}
+
+TEST(FiniteTail, EveryInstructionSetMapsNonFiniteValuesAlike) {
+  const float denormal = std::numeric_limits<float>::denorm_min();
+  const std::vector<float> input = {std::numeric_limits<float>::quiet_NaN(),
+                                    std::numeric_limits<float>::signaling_NaN(),
+                                    -std::numeric_limits<float>::quiet_NaN(),
+                                    std::numeric_limits<float>::infinity(),
+                                    -std::numeric_limits<float>::infinity(),
+                                    -0.0f,
+                                    denormal,
+                                    -denormal,
+                                    1.0f,
+                                    -3.5f,
+                                    FLT_MAX,
+                                    -FLT_MAX};
+  const std::vector<float> expected = {0.0f,     0.0f,      0.0f, FLT_MAX, -FLT_MAX, -0.0f,
+                                       denormal, -denormal, 1.0f, -3.5f,   FLT_MAX,  -FLT_MAX};
+  for (const auto isa :
+       {detail::FiniteIsa::Sse2, detail::FiniteIsa::Avx2, detail::FiniteIsa::Avx512}) {
+    // Odd lengths run every vector width and the scalar remainder.
+    for (const std::size_t repeats : {1u, 3u, 7u}) {
+      std::vector<float> values;
+      for (std::size_t r = 0; r < repeats; ++r)
+        values.insert(values.end(), input.begin(), input.end());
+      values.push_back(std::numeric_limits<float>::infinity());
+      if (!detail::makeFiniteWith(isa, values.data(), values.size())) break;
+      for (std::size_t i = 0; i + 1 < values.size(); ++i) {
+        const float want = expected[i % expected.size()];
+        EXPECT_EQ(std::memcmp(&values[i], &want, sizeof want), 0)
+            << "isa " << static_cast<int>(isa) << " value " << i;
+      }
+      EXPECT_EQ(values.back(), FLT_MAX);
+    }
+  }
 }
 
 TEST(PointEffectBase, RefusesCallsItCannotRender) {

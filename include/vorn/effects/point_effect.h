@@ -17,6 +17,9 @@ class RowKernel {
   virtual ~RowKernel() = default;
   /// out[i] from in[i] for count pixels; in may equal out.
   virtual void run(const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) const = 0;
+  /// True when run() never writes NaN or Inf, whatever it reads; the base then skips its own
+  /// finite tail (the conformance suite holds every effect to finite output).
+  virtual bool finiteOutput() const { return false; }
 };
 
 }  // namespace detail

@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cfloat>
 
 #include "core/dispatch.h"
 #include "effects/kernels/luminance.h"
@@ -13,13 +14,20 @@ namespace {
 
 constexpr float kLast = static_cast<float>(kToneCurveLast);
 
+// The line above the threshold, kept finite: an infinite input or an overflowing product ends
+// at the largest float of its sign, so no lookup hands on a non-finite value.
+float finiteLine(float slope, float x, float threshold, float atThreshold) {
+  const float y = slope * (std::min(x, FLT_MAX) - threshold) + atThreshold;
+  return std::max(std::min(y, FLT_MAX), -FLT_MAX);
+}
+
 void toneCurveScalar(const ToneCurveLookup& lookup, const float* in, float* out,
                      std::size_t count) {
   const float* pairs = lookup.pairs.data();
   for (std::size_t i = 0; i < count; ++i) {
     const float x = in[i];
     if (x > lookup.threshold) {
-      out[i] = lookup.slope * (x - lookup.threshold) + lookup.valueAtThreshold;
+      out[i] = finiteLine(lookup.slope, x, lookup.threshold, lookup.valueAtThreshold);
       continue;
     }
     const float scaled = (x > 0.0f ? x : 0.0f) * kLast;
@@ -46,6 +54,8 @@ __attribute__((target("avx2,fma"))) void toneCurveAvx2(const ToneCurveLookup& lo
   const __m256 atThreshold = _mm256_set1_ps(lookup.valueAtThreshold);
   const __m256 last = _mm256_set1_ps(kLast);
   const __m256 one = _mm256_set1_ps(1.0f);
+  const __m256 highest = _mm256_set1_ps(FLT_MAX);
+  const __m256 lowest = _mm256_set1_ps(-FLT_MAX);
   const __m256i evenFirst = _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7);
   const double* pairs = reinterpret_cast<const double*>(lookup.pairs.data());
   std::size_t i = 0;
@@ -63,7 +73,11 @@ __attribute__((target("avx2,fma"))) void toneCurveAvx2(const ToneCurveLookup& lo
     const __m256 a = _mm256_permute2f128_ps(lowSorted, highSorted, 0x20);
     const __m256 b = _mm256_permute2f128_ps(lowSorted, highSorted, 0x31);
     const __m256 table = _mm256_fmadd_ps(t, b, _mm256_mul_ps(_mm256_sub_ps(one, t), a));
-    const __m256 line = _mm256_fmadd_ps(slope, _mm256_sub_ps(x, threshold), atThreshold);
+    const __m256 line = _mm256_max_ps(
+        _mm256_min_ps(_mm256_fmadd_ps(slope, _mm256_sub_ps(_mm256_min_ps(x, highest), threshold),
+                                      atThreshold),
+                      highest),
+        lowest);
     const __m256 above = _mm256_cmp_ps(x, threshold, _CMP_GT_OQ);
     _mm256_storeu_ps(out + i, _mm256_blendv_ps(table, line, above));
   }
@@ -78,6 +92,8 @@ __attribute__((target("avx512f"))) void toneCurveAvx512(const ToneCurveLookup& l
   const __m512 atThreshold = _mm512_set1_ps(lookup.valueAtThreshold);
   const __m512 last = _mm512_set1_ps(kLast);
   const __m512 one = _mm512_set1_ps(1.0f);
+  const __m512 highest = _mm512_set1_ps(FLT_MAX);
+  const __m512 lowest = _mm512_set1_ps(-FLT_MAX);
   const __m512i evens =
       _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
   const __m512i odds = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
@@ -95,7 +111,11 @@ __attribute__((target("avx512f"))) void toneCurveAvx512(const ToneCurveLookup& l
     const __m512 a = _mm512_permutex2var_ps(low, evens, high);
     const __m512 b = _mm512_permutex2var_ps(low, odds, high);
     const __m512 table = _mm512_fmadd_ps(t, b, _mm512_mul_ps(_mm512_sub_ps(one, t), a));
-    const __m512 line = _mm512_fmadd_ps(slope, _mm512_sub_ps(x, threshold), atThreshold);
+    const __m512 line = _mm512_max_ps(
+        _mm512_min_ps(_mm512_fmadd_ps(slope, _mm512_sub_ps(_mm512_min_ps(x, highest), threshold),
+                                      atThreshold),
+                      highest),
+        lowest);
     const __mmask16 above = _mm512_cmp_ps_mask(x, threshold, _CMP_GT_OQ);
     _mm512_storeu_ps(out + i, _mm512_mask_blend_ps(above, table, line));
   }
@@ -159,12 +179,13 @@ float interpolateToneCurve(const ToneCurveTable& table, float x) {
 float lookupToneCurve(const ToneCurveTable& table, float x) {
   if (x > table.threshold) {
     if (table.threshold < 1.0f) {
-      return (table.valueAtOne - table.valueAtThreshold) * (x - table.threshold) /
-                 (1.0f - table.threshold) +
-             table.valueAtThreshold;
+      const float y = (table.valueAtOne - table.valueAtThreshold) *
+                          (std::min(x, FLT_MAX) - table.threshold) / (1.0f - table.threshold) +
+                      table.valueAtThreshold;
+      return std::max(std::min(y, FLT_MAX), -FLT_MAX);
     }
     const float tangent = (table.values[kToneCurveLast] - table.values[kToneCurveLast - 1]) * kLast;
-    return tangent * (x - table.threshold) + table.valueAtThreshold;
+    return finiteLine(tangent, x, table.threshold, table.valueAtThreshold);
   }
   return interpolateToneCurve(table, x);
 }

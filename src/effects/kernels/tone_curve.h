@@ -52,7 +52,8 @@ struct ToneCurveLookup {
   float slope;
 };
 
-/// out[i] = L(in[i]) for count values; in may equal out. Vectorised for the running CPU.
+/// out[i] = L(in[i]) for count values; in may equal out. Vectorised for the running CPU. The
+/// output is always finite: NaN reads the table at 0 and the line ends at the largest float.
 void applyToneCurve(const ToneCurveLookup& lookup, const float* in, float* out, std::size_t count);
 
 /// The instruction sets the lookup kernel is written for.

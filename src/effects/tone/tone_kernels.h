@@ -13,9 +13,10 @@ namespace vorn::detail {
 template <typename Curve>
 std::unique_ptr<RowKernel> channelCurveKernel(const Curve& curve, float threshold = 1.0f) {
   std::shared_ptr<const ToneCurveLookup> lookup = makeToneCurve(curve, threshold);
-  return rowKernel([lookup](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    applyToneCurve(*lookup, &in->r, &out->r, 3 * count);
-  });
+  return finiteRowKernel(
+      [lookup](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        applyToneCurve(*lookup, &in->r, &out->r, 3 * count);
+      });
 }
 
 /// The curve applied to each pixel's luminance, as a gain on all three channels.
