@@ -189,9 +189,11 @@ class RawLoader {
   }
 
  protected:
-  /// Ends the load unless it was cancelled first; `publish` runs before waiters wake.
-  template <typename Publish>
-  bool complete(int code, ConstImageFrame frame, Publish&& publish) {
+  /// Ends the load unless it was cancelled first; `publish` (with a frame) and `beforeWake` run
+  /// before waiters wake, so a waiter finds what they did.
+  template <typename Publish, typename BeforeWake = void (*)()>
+  bool complete(
+      int code, ConstImageFrame frame, Publish&& publish, BeforeWake&& beforeWake = [] {}) {
     int expected = kPending;
     if (!code_.compare_exchange_strong(expected, code)) return false;
     {
@@ -205,6 +207,7 @@ class RawLoader {
         logProceedException();
       }
     }
+    beforeWake();
     ready_.exchange(true);
     finished_.exchange(true);
     wakeWaiters();
@@ -297,8 +300,7 @@ void RawLoader::run(ImageSourceRaw& source) {
   } else if (outcome.code == kImageReaderCancelled || stop()) {
     // Only the host's flag gets here first; the source's own cancels win the exchange.
     if (cancel()) logCancelled();
-  } else if (complete(outcome.code, nullptr, [](const ConstImageFrame&) {}) &&
-             source.claimFailureReport()) {
+  } else {
     const std::string& path = source.input_->path;
     std::string line;
     if (!exceptionText.empty())
@@ -308,8 +310,16 @@ void RawLoader::run(ImageSourceRaw& source) {
       line = "RawImage unknouwn error ('" + path + "')";
     else
       line = "RawImage error: " + raw::describeFailure(outcome, path);
-    VORN_LOG_FAILURE(line.c_str());
-    source.cancelSiblingsOf(this);
+    const char* signature = __PRETTY_FUNCTION__;
+    bool reported = false;
+    // Logged before waiters wake: whoever waited for the load finds its failure in the log.
+    complete(
+        outcome.code, nullptr, [](const ConstImageFrame&) {},
+        [&] {
+          reported = source.claimFailureReport();
+          if (reported) LogError("%s %s", signature, line.c_str());
+        });
+    if (reported) source.cancelSiblingsOf(this);
   }
   decoded.frame.reset();
   source.loaderEnded();
