@@ -48,10 +48,6 @@ bool copySourceToDestination(EffectCallContext& call) {
 
 namespace {
 
-float finiteValue(float v) {
-  return v != v ? 0.0f : std::max(std::min(v, FLT_MAX), -FLT_MAX);
-}
-
 // Each step is one instruction: NaN masked to 0, then a min and a max. The same steps written
 // as scalar selects are merged by the compiler into a chain of blends three times as long.
 void makeFiniteSse2(float* values, std::size_t count) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cfloat>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -150,6 +151,10 @@ bool copySourceToDestination(EffectCallContext& call);
 /// The tail every render ends with: NaN becomes 0 and an infinity the largest finite value of
 /// its sign, so that no effect hands a non-finite value to the next.
 void makeFinite(float* values, std::size_t count);
+/// makeFinite for one value.
+inline float finiteValue(float v) {
+  return v != v ? 0.0f : std::max(std::min(v, FLT_MAX), -FLT_MAX);
+}
 /// The instruction sets makeFinite is written for.
 enum class FiniteIsa { Sse2, Avx2, Avx512 };
 /// makeFinite with the given kernel; false when the running CPU lacks its instructions.

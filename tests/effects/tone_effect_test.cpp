@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <cmath>
 #include <limits>
 #include <numeric>
@@ -151,6 +152,37 @@ TEST(ToneEffectTest, EveryLookupKernelMatchesTheScalarDefinition) {
         ASSERT_TRUE(std::isfinite(out[i])) << in[i];
         ASSERT_NEAR(out[i], expected, 1e-6f * std::max(1.0f, std::fabs(expected))) << in[i];
       }
+    }
+  }
+}
+
+TEST(ToneEffectTest, EveryGainKernelMatchesTheScalarOneAndEndsFinite) {
+  // 37 pixels: every vector width and a remainder; hostile channels among ordinary ones.
+  constexpr std::size_t kPixels = 37;
+  std::vector<float> pixels(3 * kPixels), gains(kPixels);
+  for (std::size_t i = 0; i < pixels.size(); ++i) pixels[i] = 0.01f * static_cast<float>(i) - 0.2f;
+  for (std::size_t i = 0; i < kPixels; ++i) gains[i] = 0.5f + 0.1f * static_cast<float>(i);
+  pixels[4] = std::nanf("");
+  pixels[20] = INFINITY;
+  pixels[41] = -INFINITY;
+  pixels[70] = 3e38f;  // overflows with its gain
+  std::vector<float> expected(pixels.size()), out(pixels.size());
+  ASSERT_TRUE(detail::applyGainsWith(detail::ToneCurveIsa::Scalar, pixels.data(), gains.data(),
+                                     expected.data(), kPixels));
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    ASSERT_TRUE(std::isfinite(expected[i])) << i;
+    if (std::isfinite(pixels[i]) && i != 70) {
+      ASSERT_FLOAT_EQ(expected[i], pixels[i] * gains[i / 3]) << i;
+    }
+  }
+  EXPECT_EQ(expected[4], 0.0f);
+  EXPECT_EQ(expected[20], FLT_MAX);
+  EXPECT_EQ(expected[41], -FLT_MAX);
+  EXPECT_EQ(expected[70], FLT_MAX);
+  for (const auto isa : {detail::ToneCurveIsa::Avx2, detail::ToneCurveIsa::Avx512}) {
+    if (!detail::applyGainsWith(isa, pixels.data(), gains.data(), out.data(), kPixels)) continue;
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      ASSERT_EQ(out[i], expected[i]) << "isa " << static_cast<int>(isa) << " value " << i;
     }
   }
 }

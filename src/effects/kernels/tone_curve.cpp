@@ -7,6 +7,7 @@
 
 #include "core/dispatch.h"
 #include "effects/kernels/luminance.h"
+#include "effects/render.h"
 
 namespace vorn::detail {
 
@@ -149,9 +150,8 @@ VORN_DISPATCH void prepareKeys(const float* __restrict pixels, const float* __re
   }
 }
 
-VORN_DISPATCH void applyGains(const float* pixels, const float* __restrict limited,
-                              const float* __restrict mapped, float* out, std::size_t count,
-                              bool hdr) {
+VORN_DISPATCH void gainsOf(const float* __restrict limited, const float* __restrict mapped,
+                           float* __restrict gains, std::size_t count, bool hdr) {
   constexpr float kBelowOne = 1.0f - 1.0f / 1048576.0f;
   for (std::size_t i = 0; i < count; ++i) {
     float target = mapped[i];
@@ -159,11 +159,73 @@ VORN_DISPATCH void applyGains(const float* pixels, const float* __restrict limit
       target = target < kBelowOne ? target : kBelowOne;
       target = target / (1.0f - target);
     }
-    const float gain = target / limited[i];
-    out[3 * i] = pixels[3 * i] * gain;
-    out[3 * i + 1] = pixels[3 * i + 1] * gain;
-    out[3 * i + 2] = pixels[3 * i + 2] * gain;
+    gains[i] = target / limited[i];
   }
+}
+
+// out = pixel * gain per channel, made finite in the register before it is stored (NaN to 0,
+// overflow to the largest float): the keyed gain needs no separate tail pass.
+void applyGainsScalar(const float* pixels, const float* gains, float* out, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t c = 0; c < 3; ++c) out[3 * i + c] = finiteValue(pixels[3 * i + c] * gains[i]);
+  }
+}
+
+#pragma GCC diagnostic push
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+__attribute__((target("avx2"))) void applyGainsAvx2(const float* pixels, const float* gains,
+                                                    float* out, std::size_t count) {
+  // Each gain repeated for the three channels of its pixel, eight pixels at a time.
+  const __m256i spread[3] = {_mm256_setr_epi32(0, 0, 0, 1, 1, 1, 2, 2),
+                             _mm256_setr_epi32(2, 3, 3, 3, 4, 4, 4, 5),
+                             _mm256_setr_epi32(5, 5, 6, 6, 6, 7, 7, 7)};
+  const __m256 high = _mm256_set1_ps(FLT_MAX);
+  const __m256 low = _mm256_set1_ps(-FLT_MAX);
+  std::size_t i = 0;
+  for (; i + 8 <= count; i += 8) {
+    const __m256 gain = _mm256_loadu_ps(gains + i);
+    for (int part = 0; part < 3; ++part) {
+      const __m256 v = _mm256_mul_ps(_mm256_loadu_ps(pixels + 3 * i + 8 * part),
+                                     _mm256_permutevar8x32_ps(gain, spread[part]));
+      const __m256 ordered = _mm256_and_ps(v, _mm256_cmp_ps(v, v, _CMP_ORD_Q));
+      _mm256_storeu_ps(out + 3 * i + 8 * part, _mm256_max_ps(_mm256_min_ps(ordered, high), low));
+    }
+  }
+  applyGainsScalar(pixels + 3 * i, gains + i, out + 3 * i, count - i);
+}
+
+__attribute__((target("avx512f"))) void applyGainsAvx512(const float* pixels, const float* gains,
+                                                         float* out, std::size_t count) {
+  const __m512i spread[3] = {
+      _mm512_setr_epi32(0, 0, 0, 1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4, 5),
+      _mm512_setr_epi32(5, 5, 6, 6, 6, 7, 7, 7, 8, 8, 8, 9, 9, 9, 10, 10),
+      _mm512_setr_epi32(10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 14, 15, 15, 15)};
+  // The classes of makeFinite's table: NaN to +0, infinities to the largest float of their sign.
+  const __m512i table = _mm512_set1_epi32(0x11EF1188);
+  std::size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m512 gain = _mm512_loadu_ps(gains + i);
+    for (int part = 0; part < 3; ++part) {
+      const __m512 v = _mm512_mul_ps(_mm512_loadu_ps(pixels + 3 * i + 16 * part),
+                                     _mm512_permutexvar_ps(spread[part], gain));
+      _mm512_storeu_ps(out + 3 * i + 16 * part, _mm512_fixupimm_ps(v, v, table, 0));
+    }
+  }
+  applyGainsScalar(pixels + 3 * i, gains + i, out + 3 * i, count - i);
+}
+
+#pragma GCC diagnostic pop
+
+using GainsKernel = void (*)(const float*, const float*, float*, std::size_t);
+
+GainsKernel selectGainsKernel() {
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f")) return applyGainsAvx512;
+  if (__builtin_cpu_supports("avx2")) return applyGainsAvx2;
+  return applyGainsScalar;
 }
 
 }  // namespace
@@ -225,9 +287,29 @@ bool applyToneCurveWith(ToneCurveIsa isa, const ToneCurveLookup& lookup, const f
   return false;
 }
 
+bool applyGainsWith(ToneCurveIsa isa, const float* pixels, const float* gains, float* out,
+                    std::size_t count) {
+  __builtin_cpu_init();
+  switch (isa) {
+    case ToneCurveIsa::Scalar:
+      applyGainsScalar(pixels, gains, out, count);
+      return true;
+    case ToneCurveIsa::Avx2:
+      if (!__builtin_cpu_supports("avx2")) return false;
+      applyGainsAvx2(pixels, gains, out, count);
+      return true;
+    case ToneCurveIsa::Avx512:
+      if (!__builtin_cpu_supports("avx512f")) return false;
+      applyGainsAvx512(pixels, gains, out, count);
+      return true;
+  }
+  return false;
+}
+
 void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const PixelRGB<float>* in,
                     const float* keys, PixelRGB<float>* out, std::size_t count) {
   constexpr std::size_t kBlock = 512;
+  static const GainsKernel applyGains = selectGainsKernel();
   const bool hdr = domain == GainDomain::Hdr;
   alignas(64) float limited[kBlock];
   alignas(64) float argument[kBlock];
@@ -237,7 +319,9 @@ void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const Pixel
     const float* pixels = &in[start].r;
     prepareKeys(pixels, keys ? keys + start : nullptr, limited, argument, block, hdr);
     applyToneCurve(curve, argument, mapped, block);
-    applyGains(pixels, limited, mapped, &out[start].r, block, hdr);
+    // The curve's argument is spent: its array takes the gains.
+    gainsOf(limited, mapped, argument, block, hdr);
+    applyGains(pixels, argument, &out[start].r, block);
   }
 }
 

@@ -75,9 +75,15 @@ std::unique_ptr<ToneCurveLookup> makeToneCurve(const Curve& curve, float thresho
 enum class GainDomain { Display, Hdr };
 
 /// Every pixel times T(key) / key, key being keys[i] (one float per pixel) or, without keys,
-/// the pixel's own luminance. Keeps hue and saturation; in may equal out.
+/// the pixel's own luminance. Keeps hue and saturation; in may equal out. The output is always
+/// finite (see makeFinite).
 void applyKeyedGain(const ToneCurveLookup& curve, GainDomain domain, const PixelRGB<float>* in,
                     const float* keys, PixelRGB<float>* out, std::size_t count);
+
+/// The last step of applyKeyedGain with the given kernel: out = pixels * gains[pixel], made
+/// finite; false when the running CPU lacks the kernel's instructions.
+bool applyGainsWith(ToneCurveIsa isa, const float* pixels, const float* gains, float* out,
+                    std::size_t count);
 
 /// Luminance keys are limited to this range before the gain; 0 and Inf would make it 0 / 0.
 inline constexpr float kMinKey = 1.0f / static_cast<float>(kToneCurveLast);

@@ -23,7 +23,7 @@ std::unique_ptr<RowKernel> channelCurveKernel(const Curve& curve, float threshol
 template <typename Curve>
 std::unique_ptr<RowKernel> lumaCurveKernel(const Curve& curve, GainDomain domain) {
   std::shared_ptr<const ToneCurveLookup> lookup = makeToneCurve(curve, 1.0f);
-  return rowKernel(
+  return finiteRowKernel(
       [lookup, domain](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
         applyKeyedGain(*lookup, domain, in, nullptr, out, count);
       });
