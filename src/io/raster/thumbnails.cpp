@@ -85,7 +85,7 @@ std::shared_ptr<ImageFrame> decodeRawHalfSize(const ImageFileClass& file,
   raw::RawFrame decoded;
   if (outcome.code == kImageReaderOk)
     outcome = raw::decodeRaw(
-        *input, true, [&] { return cancelled(cancel); }, decoded);
+        *input, true, failOnSetting(), [&] { return cancelled(cancel); }, decoded);
   if (outcome.code != kImageReaderOk) {
     failure = {outcome.stage, outcome.message};
     return nullptr;

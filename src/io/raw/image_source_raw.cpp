@@ -281,7 +281,7 @@ void RawLoader::run(ImageSourceRaw& source) {
     // The full decode unpacks beside the quarter one, then lets it finish before demosaicing:
     // on few cores the first picture arrives sooner and the full one hardly later.
     const auto yieldToQuarter = [&source] { source.quarter_->wait(); };
-    outcome = raw::decodeRaw(*source.input_, halfSize_, stop, decoded,
+    outcome = raw::decodeRaw(*source.input_, halfSize_, source.failOn_, stop, decoded,
                              halfSize_ ? std::function<void()>() : yieldToQuarter);
   } catch (const std::exception& e) {
     exceptionText = e.what();
