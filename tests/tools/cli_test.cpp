@@ -96,19 +96,26 @@ TEST(CliEffectRequest, NamesIgnoreCaseAndOutOfRangeValuesAreClampedWithAWarning)
   EXPECT_TRUE(warnings.empty());
 }
 
-TEST(CliEffectChain, AppliesNonDefaultEffectsOverTheWholeFrame) {
+TEST(CliEffectChain, AppliesNonDefaultEffectsInPlaceOverTheWholeFrame) {
   const auto source = test::makeTestImage(64, 48);
   std::string error;
   const auto idle = make("VORNExposureEffect", error);
-  EXPECT_EQ(applyEffects(source, {idle}, error), source) << "an effect at its defaults is not run";
+  auto frame = std::make_shared<ImageFrame>(*source);
+  const PixelRGB<float>* pixels = frame->data;
+  ASSERT_TRUE(applyEffects(frame, {idle}, error)) << error;
+  EXPECT_EQ(test::maxDifference(*frame, *source), 0.0f) << "an effect at its defaults is not run";
 
   const auto brighter = make("VORNExposureEffect:Exposure=40", error);
-  const auto applied = applyEffects(source, {idle, brighter}, error);
-  ASSERT_NE(applied, nullptr) << error;
-  const auto expected = test::render(*brighter, source);
+  const auto local = make("VORNShadowsEffect:Shadows=60", error);
+  ASSERT_TRUE(brighter && local) << error;
+  ASSERT_TRUE(applyEffects(frame, {idle, brighter, local}, error)) << error;
+  EXPECT_EQ(frame->data, pixels) << "the result is written into the frame itself";
+  const auto brightened = test::render(*brighter, source);
+  ASSERT_NE(brightened, nullptr);
+  const auto expected = test::render(*local, brightened);
   ASSERT_NE(expected, nullptr);
-  EXPECT_EQ(test::maxDifference(*applied, *expected), 0.0f);
-  EXPECT_EQ(applyEffects(nullptr, {brighter}, error), nullptr);
+  EXPECT_EQ(test::maxDifference(*frame, *expected), 0.0f);
+  EXPECT_FALSE(applyEffects(nullptr, {brighter}, error));
   EXPECT_FALSE(error.empty());
 }
 
