@@ -257,14 +257,15 @@ std::string describe(const DataErrors& errors) {
   return "corrupt image data near byte " + std::to_string(errors.firstOffset.load()) + reports;
 }
 
-// A decode that stops at damaged data leaves the rest of the raw buffer as it was allocated:
-// zero. Real sensor data is never zero throughout, noise and black level see to that.
-bool holdsImageData(const LibRaw& decoder) {
-  const auto* bytes = static_cast<const unsigned char*>(decoder.imgdata.rawdata.raw_alloc);
+// A decoder that meets damaged data may stop without a word, leaving the raw buffer as it was
+// allocated. Real image data takes at least a bit for every few pixels even when compressed
+// (a stop shows as a handful of bytes read for millions of pixels).
+constexpr std::uint64_t kMostPixelsPerByte = 1024;
+
+bool stoppedEarly(const LibRaw& decoder, const RawStream& stream) {
   const libraw_image_sizes_t& s = decoder.imgdata.sizes;
-  if (!bytes || s.raw_pitch == 0) return true;  // held elsewhere; nothing to judge by
-  const std::size_t length = std::size_t(s.raw_pitch) * s.raw_height;
-  return std::any_of(bytes, bytes + length, [](unsigned char b) { return b != 0; });
+  const std::uint64_t pixels = std::uint64_t(s.raw_width) * s.raw_height;
+  return static_cast<std::uint64_t>(stream.consumed()) * kMostPixelsPerByte < pixels;
 }
 
 // Compressions this LibRaw was built without leave the frame black; they are not damage.
@@ -353,9 +354,10 @@ DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, FailOn failOn,
     return damage.outcome;
   if (dataErrors.count > 0 && damage.fails("unpack", dataErrors.endOfFile, describe(dataErrors)))
     return damage.outcome;
-  if (!holdsImageData(*decoder) &&
+  if (stoppedEarly(*decoder, stream) &&
       damage.fails("unpack", true,
-                   "the decoder stopped before any image data (the frame would be black)"))
+                   "the decoder stopped after " + std::to_string(stream.consumed()) +
+                       " bytes, before any image data (the frame would be empty)"))
     return damage.outcome;
   if (stop()) return failure("unpack", kImageReaderCancelled, "cancelled");
   if (beforeProcess) {

@@ -32,6 +32,7 @@ int RawStream::read(void* ptr, size_t size, size_t count) {
   const INT64 got = std::min(wanted, available);
   if (got > 0) std::memcpy(ptr, bytes_ + position_, static_cast<std::size_t>(got));
   position_ += got;
+  if (checking_) consumed_ += got;
   noteShortfall(wanted - got);
   return static_cast<int>(got / static_cast<INT64>(size));
 }
@@ -47,7 +48,10 @@ int RawStream::seek(INT64 offset, int whence) {
 }
 
 int RawStream::get_char() {
-  if (position_ < length_) return bytes_[position_++];
+  if (position_ < length_) {
+    if (checking_) ++consumed_;
+    return bytes_[position_++];
+  }
   noteShortfall(1);
   return -1;
 }

@@ -29,10 +29,13 @@ class RawStream final : public LibRaw_abstract_datastream {
   int eof() override { return position_ >= length_; }
   void* make_jas_stream() override { return nullptr; }
 
-  /// Starts watching for reads past the end; parsing the metadata may legitimately follow
-  /// offsets out of the file, decoding the image data may not.
+  /// Starts watching the reads: parsing the metadata may legitimately follow offsets out of
+  /// the file, decoding the image data may not.
   void startChecking() { checking_ = true; }
+  /// True when, since startChecking, a decoder looked for data past the end of the file.
   bool truncated() const;
+  /// Bytes read since startChecking.
+  std::int64_t consumed() const { return consumed_; }
 
  private:
   void noteShortfall(std::int64_t missing);
@@ -44,6 +47,7 @@ class RawStream final : public LibRaw_abstract_datastream {
   // Parallel decoders read through one stream from several threads.
   std::atomic<bool> pastEnd_{false};
   std::atomic<std::int64_t> missing_{0};
+  std::atomic<std::int64_t> consumed_{0};
 };
 
 }  // namespace vorn::raw
