@@ -6,6 +6,7 @@
 #include <charconv>
 #include <fstream>
 
+#include "core/log_failure.h"
 #include "io/input_limits.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/pixel.h"
@@ -67,6 +68,12 @@ std::string checkFrameAllocation(_Size<int> size, const std::string& what,
            std::to_string(maxImagePixels()) + " (" + kMaxPixelsSetting + ")";
   return checkWorkingBytes(pixels * sizeof(PixelRGB<float>) + alongside,
                            what + " (" + sizeText + ")");
+}
+
+bool frameAllocationAllowed(_Size<int> size, const std::string& what) {
+  const std::string reason = checkFrameAllocation(size, what);
+  if (!reason.empty()) VORN_LOG_FAILURE(reason.c_str());
+  return reason.empty();
 }
 
 }  // namespace vorn::detail

@@ -25,5 +25,7 @@ std::string checkWorkingBytes(std::uint64_t bytes, const std::string& what);
 /// Every decode, copy and resize in io asks before it allocates a frame.
 std::string checkFrameAllocation(_Size<int> size, const std::string& what,
                                  std::uint64_t alongside = 0);
+/// checkFrameAllocation for callers that answer with an empty result: a refusal is logged.
+bool frameAllocationAllowed(_Size<int> size, const std::string& what);
 
 }  // namespace vorn::detail

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/log_failure.h"
+#include "io/memory_limit.h"
 #include "io/raw/raw_decoder.h"
 #include "vorn/core/data_store.h"
 
@@ -125,6 +126,7 @@ std::shared_ptr<ImageFrame> ImageSourceRawBase::createImage(const _Size<int>& si
                                 top + 1, frame->height);
   const _Rect<int> mapped(left, top, right - left, bottom - top);
   const _Size<int> target = (size.width == 0 && size.height == 0) ? region.size() : size;
+  if (!detail::frameAllocationAllowed(target, "the resized image")) return {};
   if (target == mapped.size()) return frame->copy(mapped);
   return frame->resize(target, mapped, highQuality);
 }
