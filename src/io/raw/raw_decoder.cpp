@@ -258,9 +258,9 @@ std::string describe(const DataErrors& errors) {
 }
 
 // A decoder that meets damaged data may stop without a word, leaving the raw buffer as it was
-// allocated. Real image data takes at least a bit for every few pixels even when compressed
-// (a stop shows as a handful of bytes read for millions of pixels).
-constexpr std::uint64_t kMostPixelsPerByte = 1024;
+// allocated. Image data takes at least a byte for every thousand pixels even at deflate's best
+// ratio; a stop shows as a handful of bytes read for millions of pixels.
+constexpr std::uint64_t kMostPixelsPerByte = 4096;
 
 bool stoppedEarly(const LibRaw& decoder, const RawStream& stream) {
   const libraw_image_sizes_t& s = decoder.imgdata.sizes;
