@@ -105,6 +105,22 @@ TEST(FailOn, DamagedJpegsAreRefusedByDefaultAndKeptWhenThePolicySaysSo) {
   }
 }
 
+// A CMYK JPEG goes through ImageMagick's decoder, whose warnings follow the same policy.
+TEST(FailOn, TruncatedCmykJpegFollowsThePolicyToo) {
+  test::TempDir dir("fail_on");
+  const std::string path = (dir.path() / "cmyk.jpg").string();
+  Magick::Image image = test::raster::magickImage(test::raster::uniquePattern(256, 256), 8);
+  image.colorSpace(Magick::CMYKColorspace);
+  test::raster::writeWithMagick(image, "JPEG", path);
+  test::raster::writeBytes(path, damage(readBytes(path), "truncated"));
+  {
+    test::LogCapture log;
+    EXPECT_EQ(decodeWith(path, FailOn::Error).errorCode, kImageReaderCorrupt);
+    EXPECT_EQ(log.countContaining("Premature end"), 1u);
+  }
+  EXPECT_EQ(decodeWith(path, FailOn::None).errorCode, kImageReaderOk);
+}
+
 // A DNG whose image data lies past its end: a truncation, refused unless the policy is none,
 // which gets what LibRaw made of it, in the raw source's loaders as in a direct decode.
 TEST(FailOn, TruncatedRawDataFollowsThePolicy) {
