@@ -137,7 +137,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  const _Size<int> outputSize = ImageReader::getImageSize(options.output);
+  const _Size<int> outputSize = ImageMagickReader::writtenSize(frame->size(), exported);
   out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
       << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
       << " s\n";

@@ -160,6 +160,7 @@ TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
   const _Size<int> written = ImageReader::getImageSize(output);
   EXPECT_EQ(written.width, 640);
   EXPECT_EQ(written.height, 400);
+  EXPECT_NE(applied.out.find(": 640 x 400, 2 effects"), std::string::npos) << applied.out;
   const auto metadata = ImageReader::readMetadata(output);
   ASSERT_NE(metadata, nullptr);
   EXPECT_EQ(metadata->cameraModel, "Canon EOS 70D") << "EXIF travels with the photo";
