@@ -65,9 +65,9 @@ class ImageReader {
   ImageResult open_sync(const ImageFileClass& file, const _Size<int>& size,
                         ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
                         const std::string& parameters);
-  /// Decodes a classified file in this thread into a frame that no source shares, so the caller
-  /// may change it in place; a raw file is decoded once, without loader threads. A failure other
-  /// than a cancel writes one log line naming the file, the stage and the damage.
+  /// Decodes a classified file in this thread, a raw file once and without loader threads, into
+  /// a frame no source shares (the caller may change it in place); a failure other than a cancel
+  /// writes one log line naming the file, the stage and the damage.
   static OwnedFrame decodeFrame(const ImageFileClass& file, const FrameRequest& request = {});
   /// Decodes an encoded image held in memory: JPEG, TIFF or a raw format.
   static ImageResult open(void* data, std::uint64_t length);

@@ -11,9 +11,9 @@ namespace vorn::raw {
 /// A raw file's bytes as LibRaw's input, read the way its file stream reads a file: a position
 /// past the end stays where it was put and reads there find nothing. LibRaw's own memory stream
 /// pulls such a position back to the end, which lets damaged offsets slip past the parser's
-/// bounds checks into a stack overflow (two sample DNGs crash there); here those checks hold
-/// and report an I/O error. The stream also notices when a decoder looks for image data the
-/// file does not have: LibRaw reads a truncated file as zeros and calls it a success.
+/// bounds checks into a stack overflow (two sample DNGs crash there); here those checks hold.
+/// The stream also notices when a decoder looks for image data the file does not have, and how
+/// much it read: LibRaw reads a truncated file as zeros and calls it a success.
 class RawStream final : public LibRaw_abstract_datastream {
  public:
   RawStream(const unsigned char* bytes, std::size_t length);
