@@ -14,12 +14,13 @@ cmake --build --preset fuzz -j "$(nproc)"
 runs=build/fuzz/runs
 rm -rf "$runs/seeds"
 build/fuzz/fuzz/fuzz_seeds "$runs/seeds"
-# The export target starts from the decoders' photos; a small real raw file seeds the raw path
-# of the in-memory opener.
+# The export and owned-frame targets start from the decoders' photos; a small real raw file seeds
+# the raw path of the in-memory opener.
 cp -r "$runs/seeds/open_memory" "$runs/seeds/export"
+cp -r "$runs/seeds/open_memory" "$runs/seeds/decode_frame"
 cp tests/data/truncated_iphone12promax_exiv2.dng "$runs/seeds/open_memory/"
 
-for target in mask_blob proxy_blob zlib_stream open_memory export apply_args; do
+for target in mask_blob proxy_blob zlib_stream open_memory decode_frame export apply_args; do
   corpus="$runs/corpus/$target"
   artifacts="$runs/artifacts/$target"
   log="$runs/$target.log"

@@ -68,6 +68,8 @@ bool parseValue(const std::string& option, const std::string& value, ApplyOption
     valid = parseChoice(value, kProfiles, options.profile);
   } else if (option == "--subsampling") {
     valid = parseChoice(value, kSubsamplings, options.subsampling);
+  } else if (option == "--fail-on") {
+    valid = parseFailOn(value, options.failOn);
   } else {
     error = "unknown option " + option;
     return false;
@@ -98,7 +100,10 @@ const char* const kApplyUsage =
     "usage: vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
     "                 [--depth 8|16|32] [--long-side PIXELS]\n"
     "                 [--profile srgb|adobe|prophoto|working]\n"
-    "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n";
+    "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
+    "                 [--fail-on none|truncated|error]\n"
+    "  --fail-on: which damage in the input refuses it: error (the default: any the decoder\n"
+    "             reports), truncated (only data that ends early) or none (keep what decodes)\n";
 
 bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,
                        std::string& error) {

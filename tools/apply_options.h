@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image_magick_reader.h"
 
 namespace vorn::cli {
@@ -23,6 +24,8 @@ struct ApplyOptions {
   JpegSubsampling subsampling = JpegSubsampling::Auto;
   bool progressive = false;
   bool optimizeHuffman = false;
+  /// `--fail-on`: which damage in the input's data refuses it.
+  FailOn failOn = FailOn::Error;
 };
 
 /// The usage lines of `vorn apply`.

@@ -19,23 +19,34 @@ bool samePath(const std::string& a, const std::string& b) {
   return std::filesystem::exists(b, error) && std::filesystem::equivalent(a, b, error);
 }
 
-// Raw sources deliver their full frame on loader threads; the command waits for it.
-std::shared_ptr<const ImageFrame> decodeFullFrame(const ImageFileClass& file, std::ostream& err) {
-  const std::string& path = file.path;
-  const ImageResult opened = ImageReader::instance().open_sync(
-      file, ImageReader::kNoResizeSize, kOpenDefault, std::make_shared<bool>(false), {});
-  if (!opened.image || opened.errorCode != kImageReaderOk) {
-    err << "vorn apply: " << path << ": the file cannot be decoded (code " << opened.errorCode
-        << ")\n";
-    return nullptr;
+// The frame the export will shrink to `longestSide`: the decoder may stop at any scale that
+// still covers it. Nothing is gained when the size is unknown or no shrinking is asked for.
+_Size<int> coverFor(_Size<int> input, int longestSide) {
+  if (longestSide <= 0 || input.width <= 0 || input.height <= 0) return {0, 0};
+  return input.width >= input.height ? _Size<int>(longestSide, 0) : _Size<int>(0, longestSide);
+}
+
+// The command owns the decoded frame outright, so the effects can run on it in place.
+std::shared_ptr<ImageFrame> decodeOwnedFrame(const ImageFileClass& file,
+                                             const ApplyOptions& options, _Size<int> inputSize,
+                                             std::ostream& err) {
+  FrameRequest request;
+  request.cover = coverFor(inputSize, options.longestSide);
+  request.failOn = options.failOn;
+  OwnedFrame decoded = ImageReader::decodeFrame(file, request);
+  if (decoded.frame && !decoded.frame->empty()) return std::move(decoded.frame);
+  err << "vorn apply: " << file.path << ": ";
+  switch (decoded.errorCode) {
+    case kImageReaderCorrupt:
+      err << "the file's data is damaged or unreadable (code 6)\n";
+      break;
+    case kImageReaderTooLarge:
+      err << "the image is beyond the pixel cap or the memory bound (code 7)\n";
+      break;
+    default:
+      err << "the file cannot be decoded (code " << decoded.errorCode << ")\n";
   }
-  opened.image->waitForFullRaw();
-  ConstImageFrame frame = opened.image->workingImage();
-  if (!frame || frame->width <= 0 || frame->height <= 0) {
-    err << "vorn apply: " << path << ": decoding stopped before the full image was read\n";
-    return nullptr;
-  }
-  return frame;
+  return nullptr;
 }
 
 ExportParameters exportParameters(const ApplyOptions& options) {
@@ -102,18 +113,18 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
 
   ExportParameters exported = exportParameters(options);
+  const ImageFileClass file = classifyImageFile(options.input);
+  const _Size<int> inputSize = ImageReader::getImageSize(file);
   // The output is checked before the (slow) decode: folder, permissions and the written size.
-  if (std::string reason;
-      !ImageMagickReader::checkExport(ImageReader::getImageSize(options.input), exported, reason)) {
+  if (std::string reason; !ImageMagickReader::checkExport(inputSize, exported, reason)) {
     err << "vorn apply: " << options.output << ": " << reason << '\n';
     return kExitFailed;
   }
 
   const auto started = std::chrono::steady_clock::now();
-  std::shared_ptr<const ImageFrame> frame = decodeFullFrame(classifyImageFile(options.input), err);
+  const std::shared_ptr<ImageFrame> frame = decodeOwnedFrame(file, options, inputSize, err);
   if (!frame) return kExitFailed;
-  frame = applyEffects(std::move(frame), effects, error);
-  if (!frame) {
+  if (!applyEffects(frame, effects, error)) {
     err << "vorn apply: " << error << '\n';
     return kExitFailed;
   }
@@ -126,7 +137,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  const _Size<int> outputSize = ImageReader::getImageSize(options.output);
+  const _Size<int> outputSize = ImageMagickReader::writtenSize(frame->size(), exported);
   out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
       << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
       << " s\n";

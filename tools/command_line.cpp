@@ -14,6 +14,7 @@ void printHelp(std::ostream& out) {
       << "             [--depth 8|16|32] [--long-side PIXELS]\n"
       << "             [--profile srgb|adobe|prophoto|working]\n"
       << "             [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
+      << "             [--fail-on none|truncated|error]\n"
       << "                                       run effects in order and write JPEG or TIFF\n\n"
       << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n";
 }

@@ -4,7 +4,6 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <new>
 #include <sstream>
 
 #include "vorn/effects/effect_chain.h"
@@ -115,35 +114,24 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
   return effect;
 }
 
-std::shared_ptr<const _ImageData<PixelRGB<float>>> applyEffects(
-    std::shared_ptr<const _ImageData<PixelRGB<float>>> frame,
-    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
+bool applyEffects(const std::shared_ptr<_ImageData<PixelRGB<float>>>& frame,
+                  const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
   if (!frame) {
     error = "there is no image to process";
-    return nullptr;
+    return false;
   }
   const bool idle = std::none_of(effects.begin(), effects.end(),
                                  [](const auto& effect) { return effect->isNeedProcessing(); });
-  if (idle) return frame;
+  if (idle) return true;
   auto context = std::make_shared<EffectContext>();
   context->imageSize = frame->size();
   for (const std::shared_ptr<Effect>& effect : effects) effect->setContext(context);
-  std::shared_ptr<_ImageData<PixelRGB<float>>> output;
-  try {
-    output = std::make_shared<_ImageData<PixelRGB<float>>>(frame->size(), frame->colorProfile);
-  } catch (const std::bad_alloc&) {
-    error = "not enough memory for a " + std::to_string(frame->width) + "x" +
-            std::to_string(frame->height) + " frame";
-    return nullptr;
-  }
-  EffectCallContext call(frame, output, nullptr, {}, nullptr, nullptr);
+  EffectCallContext call(frame, frame, nullptr, {}, nullptr, nullptr);
   const EffectChainResult result = runEffectChain(effects, call);
-  if (result.status != EffectChainStatus::Done) {
-    error = result.failedEffect.empty() ? "the effects could not be applied (out of memory)"
-                                        : "effect \"" + result.failedEffect + "\" failed";
-    return nullptr;
-  }
-  return output;
+  if (result.status == EffectChainStatus::Done) return true;
+  error = result.failedEffect.empty() ? "the effects could not be applied (out of memory)"
+                                      : "effect \"" + result.failedEffect + "\" failed";
+  return false;
 }
 
 }  // namespace vorn::cli

@@ -23,10 +23,10 @@ bool parseEffectRequest(const std::string& text, EffectRequest& request, std::st
 std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::string& error,
                                             std::vector<std::string>& warnings);
 
-/// Runs the effects in order over the whole frame through the library's chain; the frame itself
-/// when every effect is at its defaults. Empty and `error` naming the failing effect on failure.
-std::shared_ptr<const _ImageData<PixelRGB<float>>> applyEffects(
-    std::shared_ptr<const _ImageData<PixelRGB<float>>> frame,
-    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
+/// Runs the effects in order over the whole frame, in place, through the library's chain: the
+/// command owns its decoded frame, so no second frame is made for the result. False and `error`
+/// naming the failing effect on failure (the frame is then spoilt).
+bool applyEffects(const std::shared_ptr<_ImageData<PixelRGB<float>>>& frame,
+                  const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
 
 }  // namespace vorn::cli

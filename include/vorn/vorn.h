@@ -32,6 +32,7 @@
 #include "vorn/effects/tone_effects.h"
 #include "vorn/io/additional_raw_metadata.h"
 #include "vorn/io/exif_reader.h"
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image.h"
 #include "vorn/io/image_compressor.h"
 #include "vorn/io/image_magick_reader.h"

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "io/memory_limit.h"
+
 namespace vorn {
 namespace {
 
@@ -54,6 +56,7 @@ std::shared_ptr<ImageFrame> ImageSource::createImage(const _Size<int>& size, con
   const _Rect<int> region = adjustRect(rect);
   if (region.width < 1 || region.height < 1) return {};
   const _Size<int> target = (size.width == 0 && size.height == 0) ? region.size() : size;
+  if (!detail::frameAllocationAllowed(target, "the resized image")) return {};
   if (target == region.size()) return frame->copy(region);
   return frame->resize(target, region, highQuality);
 }

@@ -366,22 +366,9 @@ bool ImageReader::writeHDRImage(const ImageFrame& frame, const std::string& path
 
 std::tuple<ImageReaderErrorCode, std::shared_ptr<ImageFrame>, std::shared_ptr<const ImageMetadata>>
 dngImageRead(const std::string& path) {
-  const ImageFileClass file = classifyImageFile(path);
-  std::shared_ptr<const raw::RawInput> input;
-  raw::DecodeOutcome outcome = raw::rawInputOf(file, input);
-  raw::RawIdentity identity;
-  if (outcome.code == kImageReaderOk) outcome = raw::identifyRaw(*input, identity);
-  raw::RawFrame decoded;
-  if (outcome.code == kImageReaderOk)
-    outcome = raw::decodeRaw(
-        *input, false, [] { return false; }, decoded);
-  if (outcome.code != kImageReaderOk) {
-    VORN_LOG_FAILURE(("RawImage error: " + raw::describeFailure(outcome, path)).c_str());
-    return {outcome.code, nullptr, nullptr};
-  }
-  return {kImageReaderOk, std::move(decoded.frame),
-          raw::mergeMetadata(detail::readMetadataFromBytes(file.bytes.get(), file.size, path),
-                             identity.metadata)};
+  raw::DecodedRawFile decoded =
+      raw::decodeRawFile(classifyImageFile(path), {}, failOnSetting(), [] { return false; });
+  return {decoded.code, std::move(decoded.frame), std::move(decoded.metadata)};
 }
 
 }  // namespace vorn

@@ -6,7 +6,10 @@
 #include <charconv>
 #include <fstream>
 
+#include "core/log_failure.h"
+#include "io/input_limits.h"
 #include "vorn/core/data_store.h"
+#include "vorn/core/pixel.h"
 
 namespace vorn::detail {
 namespace {
@@ -52,6 +55,25 @@ std::string checkWorkingBytes(std::uint64_t bytes, const std::string& what) {
   if (bytes <= bound) return {};
   return what + " needs " + mebibytes(bytes) + ", more than the memory bound of " +
          mebibytes(bound) + " (" + kMaxMemorySetting + ")";
+}
+
+std::string checkFrameAllocation(_Size<int> size, const std::string& what,
+                                 std::uint64_t alongside) {
+  const std::string sizeText = std::to_string(size.width) + " x " + std::to_string(size.height);
+  if (size.width <= 0 || size.height <= 0) return what + ": no pixels in " + sizeText;
+  const std::uint64_t pixels =
+      static_cast<std::uint64_t>(size.width) * static_cast<std::uint64_t>(size.height);
+  if (pixels > maxImagePixels())
+    return what + ": " + sizeText + " exceeds the pixel cap of " +
+           std::to_string(maxImagePixels()) + " (" + kMaxPixelsSetting + ")";
+  return checkWorkingBytes(pixels * sizeof(PixelRGB<float>) + alongside,
+                           what + " (" + sizeText + ")");
+}
+
+bool frameAllocationAllowed(_Size<int> size, const std::string& what) {
+  const std::string reason = checkFrameAllocation(size, what);
+  if (!reason.empty()) VORN_LOG_FAILURE(reason.c_str());
+  return reason.empty();
 }
 
 }  // namespace vorn::detail

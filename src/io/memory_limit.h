@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "vorn/core/geometry.h"
+
 namespace vorn::detail {
 
 /// The setting that replaces the memory bound, in MiB.
@@ -17,5 +19,13 @@ std::uint64_t maxWorkingBytes();
 /// Empty when `bytes` fit the memory bound, else a reason naming what needs them, how much and
 /// the bound.
 std::string checkWorkingBytes(std::uint64_t bytes, const std::string& what);
+
+/// Empty when a float RGB frame of `size` is within the pixel cap and, with `alongside` more
+/// bytes that the same step holds, within the memory bound; else a reason naming the limit.
+/// Every decode, copy and resize in io asks before it allocates a frame.
+std::string checkFrameAllocation(_Size<int> size, const std::string& what,
+                                 std::uint64_t alongside = 0);
+/// checkFrameAllocation for callers that answer with an empty result: a refusal is logged.
+bool frameAllocationAllowed(_Size<int> size, const std::string& what);
 
 }  // namespace vorn::detail

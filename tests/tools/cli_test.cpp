@@ -96,19 +96,26 @@ TEST(CliEffectRequest, NamesIgnoreCaseAndOutOfRangeValuesAreClampedWithAWarning)
   EXPECT_TRUE(warnings.empty());
 }
 
-TEST(CliEffectChain, AppliesNonDefaultEffectsOverTheWholeFrame) {
+TEST(CliEffectChain, AppliesNonDefaultEffectsInPlaceOverTheWholeFrame) {
   const auto source = test::makeTestImage(64, 48);
   std::string error;
   const auto idle = make("VORNExposureEffect", error);
-  EXPECT_EQ(applyEffects(source, {idle}, error), source) << "an effect at its defaults is not run";
+  auto frame = std::make_shared<ImageFrame>(*source);
+  const PixelRGB<float>* pixels = frame->data;
+  ASSERT_TRUE(applyEffects(frame, {idle}, error)) << error;
+  EXPECT_EQ(test::maxDifference(*frame, *source), 0.0f) << "an effect at its defaults is not run";
 
   const auto brighter = make("VORNExposureEffect:Exposure=40", error);
-  const auto applied = applyEffects(source, {idle, brighter}, error);
-  ASSERT_NE(applied, nullptr) << error;
-  const auto expected = test::render(*brighter, source);
+  const auto local = make("VORNShadowsEffect:Shadows=60", error);
+  ASSERT_TRUE(brighter && local) << error;
+  ASSERT_TRUE(applyEffects(frame, {idle, brighter, local}, error)) << error;
+  EXPECT_EQ(frame->data, pixels) << "the result is written into the frame itself";
+  const auto brightened = test::render(*brighter, source);
+  ASSERT_NE(brightened, nullptr);
+  const auto expected = test::render(*local, brightened);
   ASSERT_NE(expected, nullptr);
-  EXPECT_EQ(test::maxDifference(*applied, *expected), 0.0f);
-  EXPECT_EQ(applyEffects(nullptr, {brighter}, error), nullptr);
+  EXPECT_EQ(test::maxDifference(*frame, *expected), 0.0f);
+  EXPECT_FALSE(applyEffects(nullptr, {brighter}, error));
   EXPECT_FALSE(error.empty());
 }
 
@@ -153,6 +160,7 @@ TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
   const _Size<int> written = ImageReader::getImageSize(output);
   EXPECT_EQ(written.width, 640);
   EXPECT_EQ(written.height, 400);
+  EXPECT_NE(applied.out.find(": 640 x 400, 2 effects"), std::string::npos) << applied.out;
   const auto metadata = ImageReader::readMetadata(output);
   ASSERT_NE(metadata, nullptr);
   EXPECT_EQ(metadata->cameraModel, "Canon EOS 70D") << "EXIF travels with the photo";
@@ -209,6 +217,9 @@ TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors)
   EXPECT_EQ(options.longestSide, 500);
   EXPECT_EQ(options.profile, ProfileChoice::Working);
   EXPECT_FALSE(options.progressive);
+  EXPECT_EQ(options.failOn, FailOn::Error) << "damaged input is refused unless asked otherwise";
+  ASSERT_TRUE(parseApplyOptions({"in.jpg", "out.jpg", "--fail-on", "none"}, options, error));
+  EXPECT_EQ(options.failOn, FailOn::None);
 
   for (const std::vector<std::string>& bad :
        {std::vector<std::string>{"in.jpg", "out.jpg", "--profile", "cmyk"},
@@ -218,6 +229,7 @@ TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors)
         {"in.jpg", "out.jpg", "--depth", "16"},
         {"in.jpg", "out.png"},
         {"in.jpg", "out.jpg", "--long-side"},
+        {"in.jpg", "out.jpg", "--fail-on", "warning"},
         {"in.jpg", "out.jpg", "--quality", "101"}}) {
     EXPECT_FALSE(parseApplyOptions(bad, options, error)) << bad.back();
     EXPECT_FALSE(error.empty());
@@ -282,6 +294,41 @@ TEST(CliCommands, ExtremeSidesAreWrittenAndNoneEndsTheProcess) {
   } else {
     EXPECT_EQ(applied.code, kExitFailed);
     EXPECT_FALSE(applied.err.empty());
+  }
+}
+
+// Every file of the hostile samples gets the outcome its notes ask for, and none ends the
+// process: damaged raw files are errors, damaged JPEGs are refused unless --fail-on none.
+TEST(CliCommands, EveryHostileSampleGetsItsOutcome) {
+  test::TempDir folder("vorn_cli");
+  struct Case {
+    const char* name;
+    int exit;
+    int exitWhenNone;  ///< with --fail-on none; -1 when not tried
+  };
+  const Case cases[] = {
+      {"libraw_segv_64b.dng", kExitFailed, kExitFailed},
+      {"libraw_segv_cfa_tiled.dng", kExitFailed, -1},
+      {"dng_bad_tile_black_frame.dng", kExitFailed, -1},
+      {"dng_mutant_black_frame.dng", kExitFailed, -1},
+      {"dng_4kb_declares_12mp.dng", kExitFailed, -1},
+      {"garbage_mid.jpg", kExitFailed, kExitOk},
+      {"bad_huffman.jpg", kExitFailed, kExitOk},
+  };
+  for (const Case& c : cases) {
+    const std::string input = test::sharedSample("hostile", c.name);
+    if (input.empty()) GTEST_SKIP() << "sample " << c.name << " is absent";
+    const std::string output = (folder.path() / (std::string(c.name) + ".jpg")).string();
+    const std::vector<std::string> args = {"apply", input, output, "--effect",
+                                           "VORNExposureEffect:Exposure=10"};
+    const CommandRun refused = run(args);
+    EXPECT_EQ(refused.code, c.exit) << c.name << ": " << refused.err;
+    EXPECT_NE(refused.err.find(input), std::string::npos) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(output)) << c.name;
+    if (c.exitWhenNone < 0) continue;
+    std::vector<std::string> lenient = args;
+    lenient.insert(lenient.end(), {"--fail-on", "none"});
+    EXPECT_EQ(run(lenient).code, c.exitWhenNone) << c.name;
   }
 }
 

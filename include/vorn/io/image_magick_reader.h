@@ -59,6 +59,8 @@ class ImageMagickReader {
   /// format's limits, the pixel cap and the memory bound. False with a reason naming the limit.
   static bool checkExport(_Size<int> frameSize, const ExportParameters& parameters,
                           std::string& reason);
+  /// The size of the image that writing a frame of `frameSize` with `parameters` makes.
+  static _Size<int> writtenSize(_Size<int> frameSize, const ExportParameters& parameters);
   /// Writes one frame, streaming its rows into the encoder; false and a log line on failure.
   static bool writeImageToFile(const _ImageData<PixelRGB<float>>& frame,
                                const ExportParameters& parameters);

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "vorn/core/image_load_state.h"
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image.h"
 #include "vorn/io/image_file_class.h"
 
@@ -18,6 +19,25 @@ class ExifData;
 }
 
 namespace vorn {
+
+/// What ImageReader::decodeFrame is asked for.
+struct FrameRequest {
+  /// Upright size the caller will shrink the frame to (a side of 0 is free): a JPEG then decodes
+  /// at the coarsest DCT scale, a raw file at half size, when that still covers it.
+  _Size<int> cover{0, 0};
+  /// Which damage in the file's data fails the decode.
+  FailOn failOn = failOnSetting();
+  /// Tested between the decoding stages; set, it ends the decode with code 5.
+  std::shared_ptr<bool> cancel;
+};
+
+/// A decoded frame that belongs to the caller alone.
+struct OwnedFrame {
+  /// Upright, with its colour profile; null on failure.
+  std::shared_ptr<ImageFrame> frame;
+  std::shared_ptr<const ImageMetadata> metadata;
+  ImageReaderErrorCode errorCode = kImageReaderFailed;
+};
 
 /// Opens image files: picks the raw or raster decoder, resizes on request and keeps the
 /// registry of running loads through which they are cancelled.
@@ -45,6 +65,10 @@ class ImageReader {
   ImageResult open_sync(const ImageFileClass& file, const _Size<int>& size,
                         ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
                         const std::string& parameters);
+  /// Decodes a classified file in this thread, a raw file once and without loader threads, into
+  /// a frame no source shares (the caller may change it in place); a failure other than a cancel
+  /// writes one log line naming the file, the stage and the damage.
+  static OwnedFrame decodeFrame(const ImageFileClass& file, const FrameRequest& request = {});
   /// Decodes an encoded image held in memory: JPEG, TIFF or a raw format.
   static ImageResult open(void* data, std::uint64_t length);
   /// The file's embedded preview (or a small decode) as an Image whose frame carries `state`.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vorn/io/additional_raw_metadata.h"
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image.h"
 
 namespace vorn {
@@ -106,6 +107,8 @@ class ImageSourceRaw final : public ImageSourceRawBase {
 
   std::shared_ptr<const raw::RawInput> input_;
   std::shared_ptr<bool> cancel_;
+  /// Read once, so that both loaders judge damage alike.
+  const FailOn failOn_ = failOnSetting();
   std::chrono::steady_clock::time_point startTime_;
   std::atomic<bool> failureReported_{false};
   std::mutex tokenMutex_;

@@ -3,10 +3,7 @@
 #include <turbojpeg.h>
 
 #include <climits>
-#include <new>
 #include <string>
-
-#include "vorn/core/log.h"
 
 namespace vorn::detail {
 namespace {
@@ -74,36 +71,6 @@ int jpegFitDenominator(_Size<int> stored, _Size<int> box) {
 _Size<int> jpegScaledSize(_Size<int> stored, int denominator) {
   const tjscalingfactor factor{1, denominator};
   return _Size<int>(TJSCALED(stored.width, factor), TJSCALED(stored.height, factor));
-}
-
-RasterStatus decodeJpegRgb8(const std::uint8_t* data, std::size_t size, int denominator,
-                            const std::string& name, Rgb8Image& image) {
-  JpegHeader header;
-  if (RasterStatus status = readJpegHeader(data, size, header); !status.ok()) return status;
-  image.size = jpegScaledSize(header.size, denominator);
-  image.rowBytes = static_cast<std::size_t>(image.size.width) * 3;
-  try {
-    image.pixels =
-        std::make_unique<PooledBytes>(image.rowBytes * static_cast<std::size_t>(image.size.height));
-  } catch (const std::bad_alloc&) {
-    return RasterStatus::failure(kImageReaderFailed, "decode", "out of memory");
-  }
-  Decompressor decoder;
-  if (!decoder.get()) return RasterStatus::failure(kImageReaderFailed, "decode", "no decoder");
-  // A progressive stream may hold any number of scans; past 500 it is treated as hostile.
-  const int flags = TJFLAG_LIMITSCANS;
-  const int result = tjDecompress2(
-      decoder.get(), data, static_cast<unsigned long>(size), image.pixels->data(), image.size.width,
-      static_cast<int>(image.rowBytes), image.size.height, TJPF_RGB, flags);
-  if (result == 0) return RasterStatus::success();
-  const std::string message = decoder.error();
-  if (tjGetErrorCode(decoder.get()) != TJERR_WARNING)
-    return RasterStatus::failure(kImageReaderCorrupt, "decode", message);
-  // The decoder fills a missing tail with grey; a picture with a grey tail is not a success.
-  if (message.find("Premature end") != std::string::npos)
-    return RasterStatus::failure(kImageReaderCorrupt, "decode", message);
-  LogWarning("%s: JPEG decoder warning: %s", name.c_str(), message.c_str());
-  return RasterStatus::success();
 }
 
 }  // namespace vorn::detail

@@ -3,10 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
-#include "io/pooled_bytes.h"
 #include "io/raster/raster_status.h"
 #include "vorn/core/geometry.h"
+#include "vorn/io/fail_on.h"
+#include "vorn/io/image.h"
 
 namespace vorn::detail {
 
@@ -16,11 +18,11 @@ struct JpegHeader {
   bool cmyk = false;  ///< CMYK or YCCK: the fast path cannot make RGB of it
 };
 
-/// Packed 8-bit RGB rows from the pixel pool.
-struct Rgb8Image {
-  std::unique_ptr<PooledBytes> pixels;
-  _Size<int> size;
-  std::size_t rowBytes = 0;
+/// How decodeJpegFrame decodes.
+struct JpegFrameRequest {
+  int denominator = 1;  ///< 1, 2, 4 or 8: the DCT scale
+  int orientation = 1;  ///< EXIF orientation the stored pixels are turned upright with
+  FailOn failOn = FailOn::Error;
 };
 
 /// Reads the frame header; code 6 at stage "header" when the decoder cannot.
@@ -33,9 +35,13 @@ int jpegScaleDenominator(_Size<int> stored, _Size<int> cover);
 int jpegFitDenominator(_Size<int> stored, _Size<int> box);
 /// The size a decode at 1/denominator gives.
 _Size<int> jpegScaledSize(_Size<int> stored, int denominator);
-/// Decodes at 1/denominator into pooled RGB rows; a truncated stream is code 6 at stage
-/// "decode", other decoder warnings are logged and the pixels kept.
-RasterStatus decodeJpegRgb8(const std::uint8_t* data, std::size_t size, int denominator,
-                            const std::string& name, Rgb8Image& image);
+/// Decodes at 1/denominator straight into a new upright float frame, a band of rows at a time,
+/// so that no 8-bit copy of the image is ever held; the pixel cap and the memory bound are
+/// checked before the frame is made (code 7 at stage "limit"). A decoder warning ends the decode
+/// with code 6 at stage "decode" when the policy fails its kind of damage; otherwise the first
+/// one is logged and the pixels kept.
+RasterStatus decodeJpegFrame(const std::uint8_t* data, std::size_t size,
+                             const JpegFrameRequest& request, const std::string& name,
+                             std::shared_ptr<ImageFrame>& frame);
 
 }  // namespace vorn::detail

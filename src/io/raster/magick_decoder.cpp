@@ -6,19 +6,26 @@
 #include <new>
 
 #include "io/magick_environment.h"
-#include "io/raster/pixel_cap.h"
+#include "io/memory_limit.h"
 #include "vorn/core/log.h"
 
 namespace vorn::detail {
 namespace {
 
-// Runs a Magick++ call; warnings are logged and the result kept, errors become a status.
+// Runs a Magick++ call; errors become a status, and so do warnings of damaged data that
+// `failOn` refuses; other warnings are logged and the result kept.
 template <typename Call>
-RasterStatus guarded(const char* stage, const std::string& name, Call&& call) {
+RasterStatus guarded(const char* stage, const std::string& name, Call&& call,
+                     FailOn failOn = FailOn::None) {
   try {
     call();
   } catch (const Magick::Warning& warning) {
-    logMagickWarning(name, warning.what());
+    const std::string text = warning.what();
+    const bool truncation = text.find("Premature end") != std::string::npos;
+    if (damageFails(failOn, truncation))
+      return RasterStatus::failure(kImageReaderCorrupt, stage,
+                                   text + " (damaged data, refused by the fail-on policy)");
+    logMagickWarning(name, text.c_str());
   } catch (const Magick::ErrorResourceLimit& error) {
     return RasterStatus::failure(kImageReaderTooLarge, stage, error.what());
   } catch (const Magick::Exception& error) {
@@ -35,6 +42,11 @@ void prepare(Magick::Image& image, RasterFormat format) {
   // Only the first page is wanted; later pages of a multi-page TIFF are never decoded.
   image.subImage(0);
   image.subRange(1);
+}
+
+// ImageMagick's pixel cache (Q16, four channels) held beside the float frame while it copies.
+std::uint64_t magickCacheBytes(_Size<int> size) {
+  return static_cast<std::uint64_t>(size.width) * static_cast<std::uint64_t>(size.height) * 8;
 }
 
 }  // namespace
@@ -72,17 +84,24 @@ RasterStatus pingWithMagick(const std::uint8_t* data, std::size_t size, RasterFo
 }
 
 RasterStatus decodeWithMagick(const std::uint8_t* data, std::size_t size, RasterFormat format,
-                              const std::string& name, MagickDecoded& decoded) {
+                              const std::string& name, FailOn failOn, MagickDecoded& decoded) {
   ensureMagickEnvironment();
   const Magick::Blob blob(data, size);
   MagickHeader header;
   if (RasterStatus status = pingBlob(blob, format, name, header); !status.ok()) return status;
-  if (RasterStatus status = checkPixelCap(header.size); !status.ok()) return status;
+  if (std::string reason =
+          checkFrameAllocation(header.size, "the decoded image", magickCacheBytes(header.size));
+      !reason.empty())
+    return RasterStatus::failure(kImageReaderTooLarge, "limit", reason);
   Magick::Image image;
-  RasterStatus status = guarded("decode", name, [&] {
-    prepare(image, format);
-    image.read(blob);
-  });
+  // TIFF warnings are about tags; the JPEG coder's are libjpeg's reports of damaged data.
+  RasterStatus status = guarded(
+      "decode", name,
+      [&] {
+        prepare(image, format);
+        image.read(blob);
+      },
+      format == RasterFormat::Jpeg ? failOn : FailOn::None);
   if (!status.ok()) return status;
   if (image.columns() != static_cast<std::size_t>(header.size.width) ||
       image.rows() != static_cast<std::size_t>(header.size.height))

@@ -100,13 +100,36 @@ _Size<int> orientedSize(_Size<int> stored, int orientation) {
   return orientationSwapsAxes(orientation) ? _Size<int>(stored.height, stored.width) : stored;
 }
 
-void convertRgb8Oriented(const std::uint8_t* src, _Size<int> stored, std::size_t rowBytes,
-                         int orientation, ImageFrame& dst) {
+void convertRgb8Rows(const std::uint8_t* band, std::size_t rowBytes, int firstRow, int rows,
+                     _Size<int> stored, int orientation, ImageFrame& dst) {
   const auto& table = byteToFloat();
-  remapOriented(
-      reinterpret_cast<const Rgb8*>(src), stored,
-      static_cast<std::ptrdiff_t>(rowBytes / sizeof(Rgb8)), normalizedOrientation(orientation), dst,
-      [&table](const Rgb8& p) { return PixelRGB<float>(table[p.r], table[p.g], table[p.b]); });
+  orientation = normalizedOrientation(orientation);
+  const bool transpose = orientationSwapsAxes(orientation);
+  // Upright, a stored row is a row (or, transposed, a column) counted from the far end when
+  // rows are mirrored; along it the stored columns run backwards when columns are mirrored.
+  const bool mirrorRows =
+      orientation == 3 || orientation == 4 || orientation == 6 || orientation == 7;
+  const bool mirrorColumns =
+      orientation == 2 || orientation == 3 || orientation == 7 || orientation == 8;
+  const std::ptrdiff_t along = (mirrorColumns ? -1 : 1) * (transpose ? dst.width : 1);
+  const int lastColumn = stored.width - 1;
+  // Transposed rows scatter down columns; tiles of stored columns keep the writes of a band
+  // within a few cache lines per upright row.
+  const int tile = transpose ? kTileColumns : stored.width;
+  for (int x0 = 0; x0 < stored.width; x0 += tile) {
+    const int x1 = std::min(stored.width, x0 + tile);
+    for (int r = 0; r < rows; ++r) {
+      const int sy = firstRow + r;
+      const int across = mirrorRows ? stored.height - 1 - sy : sy;
+      const int start = mirrorColumns ? lastColumn : 0;
+      PixelRGB<float>* origin = transpose ? dst.row(start) + across : dst.row(across) + start;
+      const auto* in = reinterpret_cast<const Rgb8*>(band + static_cast<std::size_t>(r) * rowBytes);
+      for (int x = x0; x < x1; ++x) {
+        const Rgb8 p = in[x];
+        origin[along * x] = PixelRGB<float>(table[p.r], table[p.g], table[p.b]);
+      }
+    }
+  }
 }
 
 std::shared_ptr<ImageFrame> orientFrame(const ImageFrame& src, int orientation) {

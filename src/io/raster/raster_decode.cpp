@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "io/memory_limit.h"
 #include "io/raster/exif_metadata.h"
 #include "io/raster/icc_profile.h"
 #include "io/raster/jpeg_decoder.h"
@@ -41,10 +42,17 @@ RasterStatus cancelledBeforeOrientation() {
 RasterStatus decodeThroughMagick(const RasterDecodeRequest& request, RasterFormat format,
                                  int orientation, DecodedRaster& decoded) {
   MagickDecoded stored;
-  RasterStatus status = decodeWithMagick(request.data, request.size, format, request.name, stored);
+  RasterStatus status =
+      decodeWithMagick(request.data, request.size, format, request.name, request.failOn, stored);
   if (!status.ok()) return status;
   if (stoppedBeforeOrientation(request)) return cancelledBeforeOrientation();
   auto profile = profileFromIcc(stored.icc.data(), stored.icc.size(), request.name);
+  if (orientation != 1) {
+    if (std::string reason = checkFrameAllocation(orientedSize(stored.frame->size(), orientation),
+                                                  "the upright image");
+        !reason.empty())
+      return RasterStatus::failure(kImageReaderTooLarge, "limit", reason);
+  }
   try {
     decoded.frame =
         orientation == 1 ? std::move(stored.frame) : orientFrame(*stored.frame, orientation);
@@ -78,16 +86,14 @@ RasterStatus decodeJpeg(const RasterDecodeRequest& request, int orientation,
   const bool covering = request.cover.width > 0 || request.cover.height > 0;
   const int denominator = covering ? jpegScaleDenominator(header.size, stored(request.cover))
                                    : jpegFitDenominator(header.size, stored(request.fitWithin));
-  Rgb8Image rgb;
-  RasterStatus status = decodeJpegRgb8(request.data, request.size, denominator, request.name, rgb);
+  JpegFrameRequest frameRequest;
+  frameRequest.denominator = denominator;
+  frameRequest.orientation = orientation;
+  frameRequest.failOn = request.failOn;
+  RasterStatus status =
+      decodeJpegFrame(request.data, request.size, frameRequest, request.name, decoded.frame);
   if (!status.ok()) return status;
   if (stoppedBeforeOrientation(request)) return cancelledBeforeOrientation();
-  try {
-    decoded.frame = std::make_shared<ImageFrame>(orientedSize(rgb.size, orientation));
-  } catch (const std::bad_alloc&) {
-    return RasterStatus::failure(kImageReaderFailed, "convert", "out of memory");
-  }
-  convertRgb8Oriented(rgb.pixels->data(), rgb.size, rgb.rowBytes, orientation, *decoded.frame);
   decoded.frame->setColorProfile(
       profileFromIcc(markers.icc.data(), markers.icc.size(), request.name));
   return RasterStatus::success();

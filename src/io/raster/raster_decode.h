@@ -8,6 +8,7 @@
 
 #include "io/raster/raster_format.h"
 #include "io/raster/raster_status.h"
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image.h"
 
 namespace vorn::detail {
@@ -28,8 +29,10 @@ struct RasterDecodeRequest {
   /// 1..8 turns the pixels so and skips reading metadata (an embedded preview takes its file's
   /// orientation); 0 takes the orientation from the data's own EXIF.
   int orientation = 0;
-  /// Asked once the pixels are decoded, before they are turned and given their profile; true
-  /// ends the decode with code 5 at stage "orientation".
+  /// Which damage in the data fails the decode; the library's setting unless the caller says.
+  FailOn failOn = failOnSetting();
+  /// Asked once the pixels are decoded, before they are given their profile (and, but for a
+  /// JPEG, turned upright); true ends the decode with code 5 at stage "orientation".
   std::function<bool()> stop;
 };
 
@@ -40,7 +43,8 @@ struct DecodedRaster {
 };
 
 /// Checks the signature against the promise, the header against the pixel cap, then decodes.
-/// Codes: 4 not a JPEG/TIFF or not the promised one, 5 stopped, 6 corrupt, 7 over the pixel cap.
+/// Codes: 4 not a JPEG/TIFF or not the promised one, 5 stopped, 6 corrupt or damaged data the
+/// request's policy refuses, 7 over the pixel cap or the memory bound.
 RasterStatus decodeRaster(const RasterDecodeRequest& request, DecodedRaster& decoded);
 
 }  // namespace vorn::detail

@@ -174,6 +174,11 @@ bool ImageMagickReader::checkExport(_Size<int> frameSize, const ExportParameters
   return detail::checkOutputLocation(parameters.path, reason);
 }
 
+_Size<int> ImageMagickReader::writtenSize(_Size<int> frameSize,
+                                          const ExportParameters& parameters) {
+  return detail::orientedSize(exportSize(frameSize, parameters), parameters.orientation);
+}
+
 bool ImageMagickReader::writeImagesToFile(
     const std::vector<std::shared_ptr<const ImageFrame>>& frames,
     const ExportParameters& parameters) {

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "core/log_failure.h"
+#include "io/memory_limit.h"
 #include "io/raster/embedded_preview.h"
 #include "io/raster/jpeg_decoder.h"
 #include "io/raster/orientation.h"
@@ -85,7 +86,7 @@ std::shared_ptr<ImageFrame> decodeRawHalfSize(const ImageFileClass& file,
   raw::RawFrame decoded;
   if (outcome.code == kImageReaderOk)
     outcome = raw::decodeRaw(
-        *input, true, [&] { return cancelled(cancel); }, decoded);
+        *input, true, failOnSetting(), [&] { return cancelled(cancel); }, decoded);
   if (outcome.code != kImageReaderOk) {
     failure = {outcome.stage, outcome.message};
     return nullptr;
@@ -191,6 +192,8 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
 
   const _Size<int> target = fitInside(frame->size(), box);
   if (target != frame->size()) {
+    if (std::string reason = detail::checkFrameAllocation(target, "the thumbnail"); !reason.empty())
+      return fail(function, path, {"limit", reason});
     auto resized = frame->resize(target, {}, highQuality);
     if (!resized) return fail(function, path, {"resize", "resampling failed"});
     frame = std::move(resized);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/log_failure.h"
+#include "io/memory_limit.h"
 #include "io/raw/raw_decoder.h"
 #include "vorn/core/data_store.h"
 
@@ -125,6 +126,7 @@ std::shared_ptr<ImageFrame> ImageSourceRawBase::createImage(const _Size<int>& si
                                 top + 1, frame->height);
   const _Rect<int> mapped(left, top, right - left, bottom - top);
   const _Size<int> target = (size.width == 0 && size.height == 0) ? region.size() : size;
+  if (!detail::frameAllocationAllowed(target, "the resized image")) return {};
   if (target == mapped.size()) return frame->copy(mapped);
   return frame->resize(target, mapped, highQuality);
 }
@@ -284,7 +286,7 @@ void RawLoader::run(ImageSourceRaw& source) {
     // The full decode unpacks beside the quarter one, then lets it finish before demosaicing:
     // on few cores the first picture arrives sooner and the full one hardly later.
     const auto yieldToQuarter = [&source] { source.quarter_->wait(); };
-    outcome = raw::decodeRaw(*source.input_, halfSize_, stop, decoded,
+    outcome = raw::decodeRaw(*source.input_, halfSize_, source.failOn_, stop, decoded,
                              halfSize_ ? std::function<void()>() : yieldToQuarter);
   } catch (const std::exception& e) {
     exceptionText = e.what();

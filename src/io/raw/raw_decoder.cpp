@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -11,6 +12,9 @@
 
 #include "core/parallel.h"
 #include "io/input_limits.h"
+#include "io/memory_limit.h"
+#include "io/raw/raw_stream.h"
+#include "vorn/core/log.h"
 
 namespace vorn::raw {
 namespace {
@@ -19,51 +23,40 @@ namespace {
 // that comes with every frame it decodes.
 constexpr float kRawOutputScale = 65535.0f;
 
-// Bytes a decoder may ask for past the end of a complete file: bit readers fetch a little ahead.
-constexpr std::int64_t kReadAheadSlack = 4096;
-
-/// A memory stream that notices when a decoder looks for data the file does not have: LibRaw
-/// reads a truncated file as zeros and calls it a success.
-class CheckedStream final : public LibRaw_buffer_datastream {
+/// LibRaw with a look at the raw image's own TIFF directory, which it keeps to itself.
+class InspectedLibRaw final : public LibRaw {
  public:
-  explicit CheckedStream(const RawInput& input)
-      : LibRaw_buffer_datastream(const_cast<unsigned char*>(input.bytes.get()), input.length),
-        length_(static_cast<INT64>(input.length)) {}
-
-  int read(void* ptr, size_t size, size_t count) override {
-    const INT64 before = tell();
-    const int items = LibRaw_buffer_datastream::read(ptr, size, count);
-    if (checking_) {
-      const INT64 wanted = static_cast<INT64>(size * count);
-      const INT64 got = tell() - before;
-      if (got < wanted) missing_ += wanted - got;
+  /// True when the raw image says it is a colour filter mosaic (photometric CFA) but the
+  /// decoder could not read a filter pattern from it: the pattern tag is damaged.
+  bool mosaicPatternLost() {
+    if (imgdata.idata.filters != 0) return false;
+    const libraw_internal_data_t& internal = *get_internal_data_pointer();
+    const unsigned count =
+        std::min<unsigned>(internal.identify_data.tiff_nifds, LIBRAW_IFD_MAXCOUNT);
+    for (unsigned i = 0; i < count; ++i) {
+      if (tiff_ifd[i].offset == internal.unpacker_data.data_offset)
+        return tiff_ifd[i].phint == kPhotometricCfa;
     }
-    return items;
+    return false;
   }
-  int seek(INT64 offset, int whence) override {
-    if (checking_) {
-      const INT64 base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? tell() : length_;
-      if (base + offset > length_) pastEnd_ = true;
-    }
-    return LibRaw_buffer_datastream::seek(offset, whence);
-  }
-  int get_char() override {
-    const int c = LibRaw_buffer_datastream::get_char();
-    if (c < 0 && checking_) ++missing_;
-    return c;
-  }
-
-  /// Starts watching; parsing the metadata may legitimately follow offsets out of the file.
-  void startChecking() { checking_ = true; }
-  bool truncated() const { return pastEnd_ || missing_ > kReadAheadSlack; }
 
  private:
-  INT64 length_;
-  bool checking_ = false;
-  // Parallel decoders read through one stream from several threads.
-  std::atomic<bool> pastEnd_{false};
-  std::atomic<std::int64_t> missing_{0};
+  static constexpr int kPhotometricCfa = 32803;
 };
+
+/// What LibRaw's data-error callback reported: its warnings of corrupt or missing image data.
+struct DataErrors {
+  // Parallel decoders may report from several threads.
+  std::atomic<int> count{0};
+  std::atomic<bool> endOfFile{false};  ///< an unexpected end of file rather than corrupt data
+  std::atomic<int> firstOffset{-1};
+};
+
+void onDataError(void* data, const char* /*file*/, const int offset) {
+  auto* errors = static_cast<DataErrors*>(data);
+  if (errors->count++ == 0) errors->firstOffset = offset;
+  if (offset < 0) errors->endOfFile = true;
+}
 
 ImageReaderErrorCode codeOf(int librawError) {
   switch (librawError) {
@@ -240,6 +233,63 @@ DecodeOutcome describeIdentified(const LibRaw& decoder, int openResult, RawIdent
   return outcome;
 }
 
+/// Damage found while decoding: an outcome to return when the policy fails its kind, else a
+/// log line and the decode goes on with what there is.
+struct DamageCheck {
+  FailOn policy;
+  const std::string& path;
+  DecodeOutcome outcome;
+
+  bool fails(const char* stage, bool truncation, const std::string& what) {
+    if (!damageFails(policy, truncation)) {
+      LogWarning("%s: %s: %s (kept under the fail-on policy)", path.c_str(), stage, what.c_str());
+      return false;
+    }
+    outcome = failure(stage, kImageReaderCorrupt,
+                      what + " (damaged data, refused by the fail-on policy)");
+    return true;
+  }
+};
+
+std::string describe(const DataErrors& errors) {
+  const std::string reports = " (" + std::to_string(errors.count.load()) + " reports)";
+  if (errors.endOfFile) return "the image data ends early" + reports;
+  return "corrupt image data near byte " + std::to_string(errors.firstOffset.load()) + reports;
+}
+
+// A decoder that meets damaged data may stop without a word, leaving the raw buffer as it was
+// allocated. Image data takes at least a byte for every thousand pixels even at deflate's best
+// ratio; a stop shows as a handful of bytes read for millions of pixels.
+constexpr std::uint64_t kMostPixelsPerByte = 4096;
+
+bool stoppedEarly(const LibRaw& decoder, const RawStream& stream) {
+  const libraw_image_sizes_t& s = decoder.imgdata.sizes;
+  const std::uint64_t pixels = std::uint64_t(s.raw_width) * s.raw_height;
+  return static_cast<std::uint64_t>(stream.consumed()) * kMostPixelsPerByte < pixels;
+}
+
+// Compressions this LibRaw was built without leave the frame black; they are not damage.
+DecodeOutcome missingCodec(const LibRaw& decoder) {
+  const unsigned warnings = decoder.imgdata.process_warnings;
+  if (warnings & (LIBRAW_WARN_NO_JPEGLIB | LIBRAW_WARN_NO_JASPER))
+    return failure("unpack", kImageReaderFailed,
+                   "the raw decoder was built without the codec of this file's image data");
+  DecodeOutcome fine;
+  fine.code = kImageReaderOk;
+  return fine;
+}
+
+// What the decode holds at its peak: LibRaw's raw buffer (up to four 16-bit samples a pixel),
+// its processed image (four a pixel) and the float frame made from it.
+std::uint64_t decodeBytes(const LibRaw& decoder, bool halfSize) {
+  const libraw_image_sizes_t& s = decoder.imgdata.sizes;
+  const std::uint64_t raw = std::uint64_t(s.raw_width) * s.raw_height;
+  const std::uint64_t samples = decoder.imgdata.idata.filters != 0 ? 1 : 4;
+  std::uint64_t out = std::uint64_t(s.width) * s.height;
+  if (halfSize) out /= 4;
+  return raw * samples * sizeof(ushort) + out * (4 * sizeof(ushort) + sizeof(PixelRGB<float>));
+}
+
 }  // namespace
 
 int orientationFromFlip(int flip) {
@@ -266,29 +316,49 @@ DecodeOutcome rawInputOf(const ImageFileClass& file, std::shared_ptr<const RawIn
 }
 
 DecodeOutcome identifyRaw(const RawInput& input, RawIdentity& identity) {
-  CheckedStream stream(input);
+  RawStream stream(input.bytes.get(), input.length);
   auto decoder = std::make_unique<LibRaw>();
   configure(*decoder, false);
   return describeIdentified(*decoder, decoder->open_datastream(&stream), identity);
 }
 
-DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::function<bool()>& stop,
-                        RawFrame& result, const std::function<void()>& beforeProcess) {
-  CheckedStream stream(input);
-  auto decoder = std::make_unique<LibRaw>();
+DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, FailOn failOn,
+                        const std::function<bool()>& stop, RawFrame& result,
+                        const std::function<void()>& beforeProcess) {
+  RawStream stream(input.bytes.get(), input.length);
+  auto decoder = std::make_unique<InspectedLibRaw>();
   configure(*decoder, halfSize);
   ProgressContext progress{&stop, decoder.get(), {}};
   decoder->set_progress_handler(&onProgress, &progress);
+  DataErrors dataErrors;
+  decoder->set_dataerror_handler(&onDataError, &dataErrors);
+  DamageCheck damage{failOn, input.path, {}};
 
   int rc = decoder->open_datastream(&stream);
   if (rc != LIBRAW_SUCCESS) return librawFailure("identify", rc);
   if (stop()) return failure("identify", kImageReaderCancelled, "cancelled");
+  if (decoder->mosaicPatternLost() &&
+      damage.fails("identify", false, "its colour filter pattern cannot be read"))
+    return damage.outcome;
+  const std::string memory =
+      detail::checkWorkingBytes(decodeBytes(*decoder, halfSize), "decoding the raw image");
+  if (!memory.empty()) return failure("identify", kImageReaderTooLarge, memory);
 
   stream.startChecking();
   rc = decoder->unpack();
   if (rc != LIBRAW_SUCCESS) return librawFailure("unpack", rc);
-  if (stream.truncated())
-    return failure("unpack", kImageReaderCorrupt, "image data lies beyond the end of the file");
+  if (DecodeOutcome missing = missingCodec(*decoder); missing.code != kImageReaderOk)
+    return missing;
+  if (stream.truncated() &&
+      damage.fails("unpack", true, "image data lies beyond the end of the file"))
+    return damage.outcome;
+  if (dataErrors.count > 0 && damage.fails("unpack", dataErrors.endOfFile, describe(dataErrors)))
+    return damage.outcome;
+  if (stoppedEarly(*decoder, stream) &&
+      damage.fails("unpack", true,
+                   "the decoder stopped after " + std::to_string(stream.consumed()) +
+                       " bytes, before any image data (the frame would be empty)"))
+    return damage.outcome;
   if (stop()) return failure("unpack", kImageReaderCancelled, "cancelled");
   if (beforeProcess) {
     beforeProcess();

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "vorn/io/fail_on.h"
 #include "vorn/io/image.h"
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_source_raw.h"
@@ -48,10 +49,14 @@ DecodeOutcome rawInputOf(const ImageFileClass& file, std::shared_ptr<const RawIn
 /// Parses the file's structure and checks its declared size against the pixel limit.
 DecodeOutcome identifyRaw(const RawInput& input, RawIdentity& identity);
 /// Decodes half size (no demosaicing) or full size into float RGB in melissa RGB, upright.
-/// `stop` is asked between stages and from the decoder's progress callback; `beforeProcess`,
-/// when given, runs between unpacking and processing (the full loader yields there).
-DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, const std::function<bool()>& stop,
-                        RawFrame& result, const std::function<void()>& beforeProcess = {});
+/// Damage (image data past the end of the file, the decoder's reports of corrupt or missing
+/// data, a decode that stopped before any image data, an unreadable filter pattern) is code 6
+/// when `failOn` refuses its kind, else logged. `stop` is asked between stages and from the
+/// decoder's progress callback; `beforeProcess`, when given, runs between unpacking and
+/// processing (the full loader yields there).
+DecodeOutcome decodeRaw(const RawInput& input, bool halfSize, FailOn failOn,
+                        const std::function<bool()>& stop, RawFrame& result,
+                        const std::function<void()>& beforeProcess = {});
 
 /// The one text a failed step logs: "<stage> '<path>': <message>".
 std::string describeFailure(const DecodeOutcome& outcome, const std::string& path);

@@ -95,4 +95,38 @@ ImageResult startRawLoad(const ImageFileClass& file, std::shared_ptr<bool> cance
   return result;
 }
 
+namespace {
+
+// Half size skips demosaicing and quarters the work; it serves when it still covers the target.
+bool halfSizeCovers(const RawIdentity& identity, _Size<int> cover) {
+  if (cover.width <= 0 && cover.height <= 0) return false;
+  const _Size<int> full = reportedRawSize(identity.geometry);
+  return identity.hasMosaic && full.width / 2 >= cover.width && full.height / 2 >= cover.height;
+}
+
+}  // namespace
+
+DecodedRawFile decodeRawFile(const ImageFileClass& file, _Size<int> cover, FailOn failOn,
+                             const std::function<bool()>& stop) {
+  DecodedRawFile result;
+  std::shared_ptr<const RawInput> input;
+  DecodeOutcome outcome = rawInputOf(file, input);
+  RawIdentity identity;
+  if (outcome.code == kImageReaderOk) outcome = identifyRaw(*input, identity);
+  RawFrame decoded;
+  if (outcome.code == kImageReaderOk)
+    outcome = decodeRaw(*input, halfSizeCovers(identity, cover), failOn, stop, decoded);
+  result.code = outcome.code;
+  if (outcome.code == kImageReaderCancelled) return result;
+  if (outcome.code != kImageReaderOk) {
+    VORN_LOG_FAILURE(("RawImage error: " + describeFailure(outcome, file.path)).c_str());
+    return result;
+  }
+  result.frame = std::move(decoded.frame);
+  result.frame->setLoadState(FULL_LOADED);
+  result.metadata = mergeMetadata(
+      detail::readMetadataFromBytes(file.bytes.get(), file.size, file.path), identity.metadata);
+  return result;
+}
+
 }  // namespace vorn::raw

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "io/raw/raw_decoder.h"
@@ -19,5 +20,18 @@ ImageResult startRawSource(std::shared_ptr<const RawInput> input,
 /// Starts the background load of a classified raw file; code 5 without touching the contents
 /// when `cancel` is already set.
 ImageResult startRawLoad(const ImageFileClass& file, std::shared_ptr<bool> cancel);
+
+/// A raw file decoded in the caller's thread, with nothing else holding its frame.
+struct DecodedRawFile {
+  std::shared_ptr<ImageFrame> frame;
+  std::shared_ptr<const ImageMetadata> metadata;
+  ImageReaderErrorCode code = kImageReaderFailed;
+};
+
+/// Decodes a classified raw file once, at half size when that still covers `cover` (upright; a
+/// side of 0 is free, (0, 0) asks for the full size), else at full size; one log line on
+/// failure other than a stop.
+DecodedRawFile decodeRawFile(const ImageFileClass& file, _Size<int> cover, FailOn failOn,
+                             const std::function<bool()>& stop);
 
 }  // namespace vorn::raw
