@@ -2,17 +2,25 @@
 // policy and the cover size taken from the input's last byte: the lenient policies drive the
 // decoders on past damage, where a strict one would stop at once. Raw files are left out:
 // LibRaw 0.20 crashes on mutations of its TIFF parser's input through any stream, which only
-// decoding in a child process can contain.
+// decoding in a child process can contain. A full-size decode is repeated through the streamed
+// export, which must agree with it on whether the data is whole.
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <string>
 
 #include "vorn/core/data_store.h"
 #include "vorn/core/log.h"
 #include "vorn/io/image_reader.h"
+#include "vorn/io/streamed_export.h"
 
 namespace {
+
+std::string gOutput;
 
 // A JPEG or TIFF classified as the reader would classify a file of that name.
 bool classified(const std::uint8_t* data, std::size_t size, vorn::ImageFileClass& file) {
@@ -39,6 +47,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // A forged header may declare the largest allowed image; the lenient policies would then
   // decode gigabytes of grey. The fuzzer looks for faults, not for throughput.
   vorn::DataStore::instance().set("ImageReader.MaxPixels", "4194304");
+  const auto folder = std::filesystem::temp_directory_path() /
+                      ("vorn_fuzz_decode_frame_" + std::to_string(::getpid()));
+  std::filesystem::create_directories(folder);
+  gOutput = (folder / "out.jpg").string();
   return 0;
 }
 
@@ -55,6 +67,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Success and a frame come together, and nothing else holds the frame.
   if ((decoded.errorCode == vorn::kImageReaderOk) != static_cast<bool>(decoded.frame))
     __builtin_trap();
+  if (!(options & 0x80)) {
+    vorn::ExportParameters p;
+    p.path = gOutput;
+    const auto darken = [](vorn::ImageFrame& band, int, int rows) {
+      for (std::size_t i = 0; i < static_cast<std::size_t>(band.width) * rows; ++i)
+        band.data[i].r *= 0.5f;
+      return true;
+    };
+    const auto streamed = vorn::exportStreamed(file, request.failOn, p, darken);
+    const bool written = streamed.status == vorn::StreamedExportStatus::Written;
+    if (written != std::filesystem::exists(gOutput)) __builtin_trap();
+    if (streamed.status != vorn::StreamedExportStatus::NotStreamable &&
+        written != static_cast<bool>(decoded.frame))
+      __builtin_trap();
+    std::filesystem::remove(gOutput);
+  }
   if (!decoded.frame) return 0;
   if (decoded.frame->empty() || decoded.frame.use_count() != 1 || !decoded.metadata)
     __builtin_trap();

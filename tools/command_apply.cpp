@@ -10,6 +10,7 @@
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_magick_reader.h"
 #include "vorn/io/image_reader.h"
+#include "vorn/io/streamed_export.h"
 
 namespace vorn::cli {
 namespace {
@@ -26,6 +27,20 @@ _Size<int> coverFor(_Size<int> input, int longestSide) {
   return input.width >= input.height ? _Size<int>(longestSide, 0) : _Size<int>(0, longestSide);
 }
 
+void reportInputFailure(const std::string& path, ImageReaderErrorCode code, std::ostream& err) {
+  err << "vorn apply: " << path << ": ";
+  switch (code) {
+    case kImageReaderCorrupt:
+      err << "the file's data is damaged or unreadable (code 6)\n";
+      break;
+    case kImageReaderTooLarge:
+      err << "the image is beyond the pixel cap or the memory bound (code 7)\n";
+      break;
+    default:
+      err << "the file cannot be decoded (code " << code << ")\n";
+  }
+}
+
 // The command owns the decoded frame outright, so the effects can run on it in place.
 std::shared_ptr<ImageFrame> decodeOwnedFrame(const ImageFileClass& file,
                                              const ApplyOptions& options, _Size<int> inputSize,
@@ -35,17 +50,7 @@ std::shared_ptr<ImageFrame> decodeOwnedFrame(const ImageFileClass& file,
   request.failOn = options.failOn;
   OwnedFrame decoded = ImageReader::decodeFrame(file, request);
   if (decoded.frame && !decoded.frame->empty()) return std::move(decoded.frame);
-  err << "vorn apply: " << file.path << ": ";
-  switch (decoded.errorCode) {
-    case kImageReaderCorrupt:
-      err << "the file's data is damaged or unreadable (code 6)\n";
-      break;
-    case kImageReaderTooLarge:
-      err << "the image is beyond the pixel cap or the memory bound (code 7)\n";
-      break;
-    default:
-      err << "the file cannot be decoded (code " << decoded.errorCode << ")\n";
-  }
+  reportInputFailure(file.path, decoded.errorCode, err);
   return nullptr;
 }
 
@@ -122,6 +127,36 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   }
 
   const auto started = std::chrono::steady_clock::now();
+  const auto report = [&](_Size<int> outputSize) {
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
+        << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
+        << " s\n";
+    return kExitOk;
+  };
+  // Per-pixel edits of an upright JPEG stream through in bands: no full frame is ever made.
+  // "--profile working" names the decoded frame's profile, so it takes the whole-frame path.
+  if (options.profile != ProfileChoice::Working && effectsRunBandByBand(effects)) {
+    const StreamedExportResult streamed =
+        exportStreamed(file, options.failOn, exported, effectsOnBands(effects, inputSize, error));
+    switch (streamed.status) {
+      case StreamedExportStatus::Written:
+        return report(streamed.size);
+      case StreamedExportStatus::InputFailed:
+        reportInputFailure(file.path, streamed.code, err);
+        return kExitFailed;
+      case StreamedExportStatus::ProcessFailed:
+        err << "vorn apply: " << error << '\n';
+        return kExitFailed;
+      case StreamedExportStatus::OutputFailed:
+        err << "vorn apply: " << options.output << ": could not be written (see the log)\n";
+        return kExitFailed;
+      case StreamedExportStatus::NotStreamable:
+        break;
+    }
+  }
+
   const std::shared_ptr<ImageFrame> frame = decodeOwnedFrame(file, options, inputSize, err);
   if (!frame) return kExitFailed;
   if (!applyEffects(frame, effects, error)) {
@@ -135,13 +170,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     err << "vorn apply: " << options.output << ": could not be written (see the log)\n";
     return kExitFailed;
   }
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  const _Size<int> outputSize = ImageMagickReader::writtenSize(frame->size(), exported);
-  out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
-      << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
-      << " s\n";
-  return kExitOk;
+  return report(ImageMagickReader::writtenSize(frame->size(), exported));
 }
 
 }  // namespace vorn::cli

@@ -8,6 +8,7 @@
 
 #include "vorn/effects/effect_chain.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/effects/point_effect.h"
 
 namespace vorn::cli {
 namespace {
@@ -114,24 +115,59 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
   return effect;
 }
 
+namespace {
+
+bool anyNeedsProcessing(const std::vector<std::shared_ptr<Effect>>& effects) {
+  return std::any_of(effects.begin(), effects.end(),
+                     [](const auto& effect) { return effect->isNeedProcessing(); });
+}
+
+void shareContext(const std::vector<std::shared_ptr<Effect>>& effects, _Size<int> imageSize) {
+  auto context = std::make_shared<EffectContext>();
+  context->imageSize = imageSize;
+  for (const std::shared_ptr<Effect>& effect : effects) effect->setContext(context);
+}
+
+bool chainSucceeded(const EffectChainResult& result, std::string& error) {
+  if (result.status == EffectChainStatus::Done) return true;
+  error = result.failedEffect.empty() ? "the effects could not be applied (out of memory)"
+                                      : "effect \"" + result.failedEffect + "\" failed";
+  return false;
+}
+
+}  // namespace
+
 bool applyEffects(const std::shared_ptr<_ImageData<PixelRGB<float>>>& frame,
                   const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
   if (!frame) {
     error = "there is no image to process";
     return false;
   }
-  const bool idle = std::none_of(effects.begin(), effects.end(),
-                                 [](const auto& effect) { return effect->isNeedProcessing(); });
-  if (idle) return true;
-  auto context = std::make_shared<EffectContext>();
-  context->imageSize = frame->size();
-  for (const std::shared_ptr<Effect>& effect : effects) effect->setContext(context);
+  if (!anyNeedsProcessing(effects)) return true;
+  shareContext(effects, frame->size());
   EffectCallContext call(frame, frame, nullptr, {}, nullptr, nullptr);
-  const EffectChainResult result = runEffectChain(effects, call);
-  if (result.status == EffectChainStatus::Done) return true;
-  error = result.failedEffect.empty() ? "the effects could not be applied (out of memory)"
-                                      : "effect \"" + result.failedEffect + "\" failed";
-  return false;
+  return chainSucceeded(runEffectChain(effects, call), error);
+}
+
+bool effectsRunBandByBand(const std::vector<std::shared_ptr<Effect>>& effects) {
+  return std::all_of(effects.begin(), effects.end(), [](const auto& effect) {
+    const auto* point = dynamic_cast<const PointEffect*>(effect.get());
+    return !effect->isNeedProcessing() || (point && !point->measuresPicture());
+  });
+}
+
+BandProcessor effectsOnBands(const std::vector<std::shared_ptr<Effect>>& effects,
+                             _Size<int> imageSize, std::string& error) {
+  const bool idle = !anyNeedsProcessing(effects);
+  if (!idle) shareContext(effects, imageSize);
+  return [&effects, &error, idle](ImageFrame& band, int, int rows) {
+    if (idle) return true;
+    // The band is borrowed for the call: an aliasing pointer that owns nothing.
+    const std::shared_ptr<ImageFrame> view(std::shared_ptr<ImageFrame>(), &band);
+    EffectCallContext call(view, view, nullptr, _Rect<int>(0, 0, band.width, rows), nullptr,
+                           nullptr);
+    return chainSucceeded(runEffectChain(effects, call), error);
+  };
 }
 
 }  // namespace vorn::cli

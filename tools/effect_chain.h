@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vorn/effects/effect.h"
+#include "vorn/io/streamed_export.h"
 
 namespace vorn::cli {
 
@@ -28,5 +29,14 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
 /// naming the failing effect on failure (the frame is then spoilt).
 bool applyEffects(const std::shared_ptr<_ImageData<PixelRGB<float>>>& frame,
                   const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
+
+/// Whether the effects can run on a band of rows at a time: each works pixel by pixel without
+/// measuring the picture (or leaves it alone).
+bool effectsRunBandByBand(const std::vector<std::shared_ptr<Effect>>& effects);
+
+/// Runs the effects on each band handed to it, as parts of a picture of `imageSize`; after a
+/// failure `error` names the failing effect.
+BandProcessor effectsOnBands(const std::vector<std::shared_ptr<Effect>>& effects,
+                             _Size<int> imageSize, std::string& error);
 
 }  // namespace vorn::cli

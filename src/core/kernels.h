@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace vorn::detail {
 
@@ -11,6 +12,10 @@ namespace vorn::detail {
 void clampFloats(float* values, std::size_t count);
 /// dst[i] = clamp(src[i]).
 void clampCopyFloats(float* dst, const float* src, std::size_t count);
+/// out[i] = round(clamp(values[i]) * 255): NaN becomes 0.
+void quantizeToBytes(const float* values, std::size_t count, std::uint8_t* out);
+/// out[i] = round(clamp(values[i]) * 65535): NaN becomes 0.
+void quantizeToWords(const float* values, std::size_t count, std::uint16_t* out);
 /// acc[i] += weight * row[i].
 void accumulateScaledFloats(float* acc, const float* row, float weight, std::size_t count);
 

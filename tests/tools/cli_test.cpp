@@ -197,6 +197,36 @@ TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
       << "no output and no temporary file is left by a failed run";
 }
 
+TEST(CliCommands, PerPixelChainsStreamToTheSameBytesAsTheWholeFrame) {
+  std::string error;
+  const auto exposure = make("VORNExposureEffect:Exposure=30", error);
+  const auto automatic = make("VORNContrastAutoEffect:Amount=50", error);
+  const auto idleAutomatic = make("VORNContrastAutoEffect:Amount=0", error);
+  const auto dehaze = make("VORNDehazeEffect:Amount=40", error);
+  ASSERT_TRUE(exposure && automatic && idleAutomatic && dehaze) << error;
+  EXPECT_TRUE(effectsRunBandByBand({exposure, idleAutomatic}));
+  EXPECT_FALSE(effectsRunBandByBand({exposure, automatic})) << "it measures the picture";
+  EXPECT_FALSE(effectsRunBandByBand({dehaze})) << "it reads a neighbourhood";
+
+  // The source is sRGB, so "--profile working" writes the same pixels by the whole-frame path.
+  test::TempDir folder("vorn_cli");
+  const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");
+  for (const char* name : {"out.jpg", "out.tif"}) {
+    SCOPED_TRACE(name);
+    const std::string streamed = (folder.path() / (std::string("s_") + name)).string();
+    const std::string whole = (folder.path() / (std::string("w_") + name)).string();
+    const std::vector<std::string> effects = {"--effect", "VORNExposureEffect:Exposure=30",
+                                              "--effect", "VORNContrastEffect:Contrast=70"};
+    std::vector<std::string> a = {"apply", input, streamed};
+    std::vector<std::string> b = {"apply", input, whole, "--profile", "working"};
+    a.insert(a.end(), effects.begin(), effects.end());
+    b.insert(b.end(), effects.begin(), effects.end());
+    ASSERT_EQ(run(a).code, kExitOk);
+    ASSERT_EQ(run(b).code, kExitOk);
+    EXPECT_EQ(test::raster::readBytes(streamed), test::raster::readBytes(whole));
+  }
+}
+
 TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors) {
   ApplyOptions options;
   std::string error;

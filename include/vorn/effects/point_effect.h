@@ -31,6 +31,9 @@ class RowKernel {
 class PointEffect : public Effect {
  public:
   bool processImage(EffectCallContext& call) final;
+  /// True when prepare() measures the picture (a histogram, say): such an effect sees the
+  /// whole picture or a reference of it, never a band of rows on its own.
+  virtual bool measuresPicture() const { return false; }
 
  protected:
   using Kernel = std::unique_ptr<detail::RowKernel>;

@@ -179,6 +179,7 @@ class ContrastAutoEffect final : public DeclaredEffect<ContrastAutoEffect, Point
  public:
   static constexpr std::string_view kId = "VORNContrastAutoEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0}};
+  bool measuresPicture() const override { return true; }
   Kernel prepare(const Setup& setup) const override;
 };
 

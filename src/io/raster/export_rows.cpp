@@ -6,22 +6,13 @@
 #include <vector>
 
 #include "core/color_matrix_shaper.h"
+#include "core/kernels.h"
 #include "core/parallel.h"
 #include "io/raster/orientation.h"
 #include "io/raster/profile_match.h"
 
 namespace vorn::detail {
 namespace {
-
-// Rounds to nearest; `scale` is the largest code. NaN fails both comparisons and becomes 0.
-template <typename Code>
-void quantise(const float* values, std::size_t count, float scale, Code* out) {
-  for (std::size_t i = 0; i < count; ++i) {
-    float v = values[i] > 0.0f ? values[i] : 0.0f;
-    v = v < 1.0f ? v : 1.0f;
-    out[i] = static_cast<Code>(v * scale + 0.5f);
-  }
-}
 
 void keepFinite(const float* values, std::size_t count, float* out) {
   for (std::size_t i = 0; i < count; ++i) {
@@ -91,13 +82,30 @@ bool ExportRows::prepare(const ImageFrame& frame, int orientation,
       break;
   }
 
+  supplier_ = nullptr;
+  return prepareConversion(frame.colorProfile, std::move(target), reason);
+}
+
+bool ExportRows::prepareStream(_Size<int> size, std::shared_ptr<ColorProfile> source,
+                               BandSupplier supplier, std::shared_ptr<ColorProfile> target,
+                               SampleFormat format, std::string& reason) {
+  frame_ = nullptr;
+  supplier_ = std::move(supplier);
+  format_ = format;
+  size_ = size;
+  origin_ = 0, stepX_ = 1, stepY_ = size.width;
+  return prepareConversion(source, std::move(target), reason);
+}
+
+bool ExportRows::prepareConversion(const std::shared_ptr<ColorProfile>& frameProfile,
+                                   std::shared_ptr<ColorProfile> target, std::string& reason) {
   const std::shared_ptr<ColorProfile> source =
-      frame.colorProfile ? frame.colorProfile : ColorProfileType::sRGB();
+      frameProfile ? frameProfile : ColorProfileType::sRGB();
   target_ = target ? std::move(target) : source;
   matrixShaper_.reset();
   engineTransform_.reset();
   if (sameProfile(*source, *target_)) return true;
-  if (format == SampleFormat::U8 && profilesMatch(*source, *target_, kEightBitMatch)) {
+  if (format_ == SampleFormat::U8 && profilesMatch(*source, *target_, kEightBitMatch)) {
     target_ = source;
     return true;
   }
@@ -128,10 +136,9 @@ int ExportRows::bandRows() const {
   return static_cast<int>(std::clamp<std::size_t>(rows, 16, 256));
 }
 
-void ExportRows::fillRow(int y, float* scratch, std::uint8_t* out) const {
+void ExportRows::fillRow(const PixelRGB<float>* start, float* scratch, std::uint8_t* out) const {
   const std::size_t width = static_cast<std::size_t>(size_.width);
   const std::size_t count = width * 3;
-  const PixelRGB<float>* start = frame_->data + origin_ + y * stepY_;
   const bool converting = matrixShaper_ || engineTransform_;
   const float* values = &start->r;
   if (stepX_ != 1 || converting) {
@@ -150,10 +157,10 @@ void ExportRows::fillRow(int y, float* scratch, std::uint8_t* out) const {
   }
   switch (format_) {
     case SampleFormat::U8:
-      quantise(values, count, 255.0f, out);
+      quantizeToBytes(values, count, out);
       break;
     case SampleFormat::U16:
-      quantise(values, count, 65535.0f, reinterpret_cast<std::uint16_t*>(out));
+      quantizeToWords(values, count, reinterpret_cast<std::uint16_t*>(out));
       break;
     case SampleFormat::F32:
       keepFinite(values, count, reinterpret_cast<float*>(out));
@@ -164,10 +171,13 @@ void ExportRows::fillRow(int y, float* scratch, std::uint8_t* out) const {
 void ExportRows::fill(int first, int count, std::uint8_t* out) const {
   const std::size_t stride = rowBytes();
   const bool needsScratch = stepX_ != 1 || matrixShaper_ || engineTransform_;
+  // A streamed picture's band starts at its first row; a frame's rows are found from the origin.
+  const PixelRGB<float>* start =
+      supplier_ ? supplier_(first, count) : frame_->data + origin_ + first * stepY_;
   parallelRows(count, [&](int begin, int end) {
     std::vector<float> scratch(needsScratch ? static_cast<std::size_t>(size_.width) * 3 : 0);
     for (int r = begin; r < end; ++r)
-      fillRow(first + r, scratch.data(), out + static_cast<std::size_t>(r) * stride);
+      fillRow(start + r * stepY_, scratch.data(), out + static_cast<std::size_t>(r) * stride);
   });
 }
 

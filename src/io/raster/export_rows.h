@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -10,6 +11,10 @@
 namespace vorn::detail {
 
 class MatrixShaperTransform;
+
+/// Upright float rows [first, first + count) of a picture that is never whole in memory, one
+/// row after the other from the returned pixel on; asked for in order, top to bottom.
+using BandSupplier = std::function<const PixelRGB<float>*(int first, int count)>;
 
 /// How the written samples are stored.
 enum class SampleFormat { U8, U16, F32 };
@@ -32,6 +37,12 @@ class ExportRows {
   bool prepare(const ImageFrame& frame, int orientation, std::shared_ptr<ColorProfile> target,
                SampleFormat format, std::string& reason);
 
+  /// Binds a picture of `size` in `source` whose rows `supplier` makes on demand, in order and
+  /// upright; as prepare() otherwise.
+  bool prepareStream(_Size<int> size, std::shared_ptr<ColorProfile> source, BandSupplier supplier,
+                     std::shared_ptr<ColorProfile> target, SampleFormat format,
+                     std::string& reason);
+
   _Size<int> size() const { return size_; }
   SampleFormat format() const { return format_; }
   std::size_t rowBytes() const;
@@ -45,9 +56,12 @@ class ExportRows {
   void fill(int first, int count, std::uint8_t* out) const;
 
  private:
-  void fillRow(int y, float* scratch, std::uint8_t* out) const;
+  bool prepareConversion(const std::shared_ptr<ColorProfile>& source,
+                         std::shared_ptr<ColorProfile> target, std::string& reason);
+  void fillRow(const PixelRGB<float>* start, float* scratch, std::uint8_t* out) const;
 
   const ImageFrame* frame_ = nullptr;
+  BandSupplier supplier_;  // set instead of frame_ for a streamed picture
   _Size<int> size_;
   SampleFormat format_ = SampleFormat::U8;
   std::shared_ptr<ColorProfile> target_;

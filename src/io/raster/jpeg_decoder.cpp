@@ -5,44 +5,28 @@
 #include <climits>
 #include <string>
 
+#include "io/raster/jpeg_decoding.h"
+
 namespace vorn::detail {
-namespace {
 
-class Decompressor {
- public:
-  Decompressor() : handle_(tjInitDecompress()) {}
-  ~Decompressor() {
-    if (handle_) tjDestroy(handle_);
-  }
-  Decompressor(const Decompressor&) = delete;
-  Decompressor& operator=(const Decompressor&) = delete;
-
-  tjhandle get() const { return handle_; }
-  std::string error() const { return tjGetErrorStr2(handle_); }
-
- private:
-  tjhandle handle_;
-};
-
-bool fitsDecoderLength(std::size_t size) {
-  return size <= static_cast<std::size_t>(ULONG_MAX);
-}
-
-}  // namespace
-
-RasterStatus readJpegHeader(const std::uint8_t* data, std::size_t size, JpegHeader& header) {
-  Decompressor decoder;
-  if (!decoder.get()) return RasterStatus::failure(kImageReaderFailed, "header", "no decoder");
-  if (!fitsDecoderLength(size))
+// libjpeg itself reads the header, so that its warnings meet the same policy as the scan's.
+RasterStatus readJpegHeader(const std::uint8_t* data, std::size_t size, JpegHeader& header,
+                            FailOn failOn) {
+  if (size > static_cast<std::size_t>(ULONG_MAX))
     return RasterStatus::failure(kImageReaderCorrupt, "header", "stream too long");
-  int width = 0, height = 0, subsampling = 0, colorspace = 0;
-  if (tjDecompressHeader3(decoder.get(), data, static_cast<unsigned long>(size), &width, &height,
-                          &subsampling, &colorspace) != 0)
-    return RasterStatus::failure(kImageReaderCorrupt, "header", decoder.error());
-  if (width <= 0 || height <= 0)
+  jpeg_decompress_struct cinfo{};
+  JpegDecodeErrors errors;
+  prepareJpegDecoder(cinfo, errors, failOn);
+  struct Destroy {
+    jpeg_decompress_struct& cinfo;
+    ~Destroy() { jpeg_destroy_decompress(&cinfo); }
+  } destroy{cinfo};
+  if (!readJpegHeaderOnly(cinfo, errors, data, size)) return jpegDecoderFailure(errors, "header");
+  if (cinfo.image_width == 0 || cinfo.image_height == 0)
     return RasterStatus::failure(kImageReaderCorrupt, "header", "zero image size");
-  header.size = _Size<int>(width, height);
-  header.cmyk = colorspace == TJCS_CMYK || colorspace == TJCS_YCCK;
+  header.size =
+      _Size<int>(static_cast<int>(cinfo.image_width), static_cast<int>(cinfo.image_height));
+  header.cmyk = cinfo.jpeg_color_space == JCS_CMYK || cinfo.jpeg_color_space == JCS_YCCK;
   return RasterStatus::success();
 }
 

@@ -25,8 +25,10 @@ struct JpegFrameRequest {
   FailOn failOn = FailOn::Error;
 };
 
-/// Reads the frame header; code 6 at stage "header" when the decoder cannot.
-RasterStatus readJpegHeader(const std::uint8_t* data, std::size_t size, JpegHeader& header);
+/// Reads the frame header; code 6 at stage "header" when the decoder cannot, or when it warns of
+/// damage that the policy fails.
+RasterStatus readJpegHeader(const std::uint8_t* data, std::size_t size, JpegHeader& header,
+                            FailOn failOn = failOnSetting());
 /// 1, 2, 4 or 8: the coarsest DCT scale at which `stored` still covers `cover` (a side of 0 or
 /// less is free; (0, 0) gives 1).
 int jpegScaleDenominator(_Size<int> stored, _Size<int> cover);

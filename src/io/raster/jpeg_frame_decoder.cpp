@@ -1,23 +1,16 @@
 // decodeJpegFrame: libjpeg's scanline interface, so rows go from the decoder into the float
 // frame a band at a time and the decoder's warnings are seen one by one.
 
-// jpeglib.h needs FILE and size_t declared first.
-#include <cstdio>
-// clang-format off
-#include <jpeglib.h>
-#include <jerror.h>
-// clang-format on
-
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <csetjmp>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "io/memory_limit.h"
 #include "io/raster/jpeg_decoder.h"
+#include "io/raster/jpeg_decoding.h"
 #include "io/raster/orientation.h"
 #include "vorn/core/log.h"
 
@@ -28,57 +21,6 @@ namespace {
 // converter reading it, and a 24 MP image still takes only some seventy hand-overs.
 constexpr std::size_t kBandBytes = std::size_t(1) << 20;
 constexpr int kMinBandRows = 16;
-// A progressive stream may hold any number of scans; past 500 it is treated as hostile.
-constexpr int kMaxScans = 500;
-
-// The decoder's errors, and warnings the policy fails, leave through longjmp: nothing with a
-// destructor may live in a frame between the jpeg calls and the setjmp that catches them.
-struct DecodeErrors {
-  jpeg_error_mgr base;
-  jpeg_progress_mgr progress;
-  std::jmp_buf jump;
-  FailOn failOn = FailOn::Error;
-  int warnings = 0;
-  char firstWarning[JMSG_LENGTH_MAX] = {};
-  char fatal[JMSG_LENGTH_MAX] = {};
-  bool damaged = false;  ///< `fatal` is a warning the policy fails, not a decoder error
-};
-
-DecodeErrors& errorsOf(j_common_ptr cinfo) {
-  return *reinterpret_cast<DecodeErrors*>(cinfo->err);
-}
-
-[[noreturn]] void onError(j_common_ptr cinfo) {
-  DecodeErrors& errors = errorsOf(cinfo);
-  (*cinfo->err->format_message)(cinfo, errors.fatal);
-  std::longjmp(errors.jump, 1);
-}
-
-// Warnings about markers that carry no pixels; the picture is whole.
-bool isHarmless(int code) {
-  return code == JWRN_ADOBE_XFORM || code == JWRN_BOGUS_ICC || code == JWRN_JFIF_MAJOR;
-}
-
-void onMessage(j_common_ptr cinfo, int level) {
-  if (level >= 0) return;  // trace output
-  DecodeErrors& errors = errorsOf(cinfo);
-  const int code = cinfo->err->msg_code;
-  ++cinfo->err->num_warnings;
-  if (errors.warnings++ == 0) (*cinfo->err->format_message)(cinfo, errors.firstWarning);
-  if (isHarmless(code) || !damageFails(errors.failOn, code == JWRN_JPEG_EOF)) return;
-  (*cinfo->err->format_message)(cinfo, errors.fatal);
-  errors.damaged = true;
-  std::longjmp(errors.jump, 1);
-}
-
-void onProgress(j_common_ptr cinfo) {
-  if (!cinfo->is_decompressor) return;
-  if (reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number <= kMaxScans) return;
-  DecodeErrors& errors = errorsOf(cinfo);
-  std::snprintf(errors.fatal, sizeof errors.fatal, "progressive JPEG with more than %d scans",
-                kMaxScans);
-  std::longjmp(errors.jump, 1);
-}
 
 /// Converts one band on a helper thread while the decoder, which runs on one core, fills the
 /// other band buffer.
@@ -120,35 +62,10 @@ class BandConverter {
   std::thread helper_;
 };
 
-void prepareDecoder(jpeg_decompress_struct& cinfo, DecodeErrors& errors, FailOn failOn) {
-  cinfo.err = jpeg_std_error(&errors.base);
-  errors.base.error_exit = onError;
-  errors.base.emit_message = onMessage;
-  errors.progress.progress_monitor = onProgress;
-  errors.failOn = failOn;
-}
-
-// Reads the header and sets the scale; false when the decoder stopped (errors.fatal says why).
-bool startDecoder(jpeg_decompress_struct& cinfo, DecodeErrors& errors, const std::uint8_t* data,
-                  std::size_t size, int denominator) {
-  if (setjmp(errors.jump)) return false;
-  jpeg_create_decompress(&cinfo);
-  cinfo.progress = &errors.progress;
-  jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
-  jpeg_read_header(&cinfo, TRUE);
-  cinfo.scale_num = 1;
-  cinfo.scale_denom = static_cast<unsigned>(denominator);
-  cinfo.out_color_space = JCS_RGB;
-  cinfo.dct_method = JDCT_ISLOW;
-  jpeg_calc_output_dimensions(&cinfo);
-  return true;
-}
-
 // Decodes every row, band by band, into the converter; false when the decoder stopped.
-bool decodeRows(jpeg_decompress_struct& cinfo, DecodeErrors& errors, BandConverter& converter,
+bool decodeRows(jpeg_decompress_struct& cinfo, JpegDecodeErrors& errors, BandConverter& converter,
                 std::vector<JSAMPROW>& rows, std::size_t rowBytes) {
-  if (setjmp(errors.jump)) return false;
-  jpeg_start_decompress(&cinfo);
+  if (!beginJpegRows(cinfo, errors)) return false;
   const int height = static_cast<int>(cinfo.output_height);
   const int bandRows = static_cast<int>(rows.size());
   int slot = 0;
@@ -157,30 +74,12 @@ bool decodeRows(jpeg_decompress_struct& cinfo, DecodeErrors& errors, BandConvert
     const int count = std::min(bandRows, height - first);
     std::uint8_t* band = converter.buffer(slot);
     for (std::size_t r = 0; r < static_cast<std::size_t>(count); ++r) rows[r] = band + r * rowBytes;
-    for (int read = 0; read < count;) {
-      const JDIMENSION got =
-          jpeg_read_scanlines(&cinfo, rows.data() + read, static_cast<JDIMENSION>(count - read));
-      if (got == 0) ERREXIT(&cinfo, JERR_INPUT_EMPTY);
-      read += static_cast<int>(got);
-    }
+    if (!readJpegRows(cinfo, errors, rows.data(), count)) return false;
     converter.start(slot, first, count);
     slot ^= 1;
   }
   converter.wait();
   return true;
-}
-
-// Reads what follows the last row, up to the end marker; false when the decoder stopped.
-bool finishDecoder(jpeg_decompress_struct& cinfo, DecodeErrors& errors) {
-  if (setjmp(errors.jump)) return false;
-  jpeg_finish_decompress(&cinfo);
-  return true;
-}
-
-RasterStatus decoderFailure(const DecodeErrors& errors, const char* stage) {
-  std::string reason = errors.fatal;
-  if (errors.damaged) reason += " (damaged data, refused by the fail-on policy)";
-  return RasterStatus::failure(kImageReaderCorrupt, stage, reason);
 }
 
 }  // namespace
@@ -191,14 +90,14 @@ RasterStatus decodeJpegFrame(const std::uint8_t* data, std::size_t size,
   if (size > static_cast<std::size_t>(ULONG_MAX))
     return RasterStatus::failure(kImageReaderCorrupt, "header", "stream too long");
   jpeg_decompress_struct cinfo{};
-  DecodeErrors errors;
-  prepareDecoder(cinfo, errors, request.failOn);
+  JpegDecodeErrors errors;
+  prepareJpegDecoder(cinfo, errors, request.failOn);
   struct Destroy {
     jpeg_decompress_struct& cinfo;
     ~Destroy() { jpeg_destroy_decompress(&cinfo); }
   } destroy{cinfo};
-  if (!startDecoder(cinfo, errors, data, size, request.denominator))
-    return decoderFailure(errors, "header");
+  if (!startJpegDecoder(cinfo, errors, data, size, request.denominator))
+    return jpegDecoderFailure(errors, "header");
   const _Size<int> stored(static_cast<int>(cinfo.output_width),
                           static_cast<int>(cinfo.output_height));
   if (cinfo.output_components != 3)
@@ -218,26 +117,15 @@ RasterStatus decodeJpegFrame(const std::uint8_t* data, std::size_t size,
     if (!decodeRows(cinfo, errors, converter, rows, rowBytes)) {
       converter.wait();  // the band being converted still writes into the frame
       frame.reset();
-      return decoderFailure(errors, "decode");
+      return jpegDecoderFailure(errors, "decode");
     }
   } catch (const std::bad_alloc&) {
     frame.reset();
     return RasterStatus::failure(kImageReaderFailed, "decode", "out of memory");
   }
-  // Every row is out: damage after the last one (a stray frame header in a garbage tail) spoils
-  // no pixel, so only the policy decides.
-  if (!finishDecoder(cinfo, errors)) {
-    if (errors.damaged || damageFails(request.failOn, false)) {
-      frame.reset();
-      return decoderFailure(errors, "decode");
-    }
-    LogWarning("%s: JPEG decoder error after the last row: %s (the pixels were kept)", name.c_str(),
-               errors.fatal);
-  }
-  if (errors.warnings > 0)
-    LogWarning("%s: JPEG decoder warning: %s (%d in all; the pixels were kept)", name.c_str(),
-               errors.firstWarning, errors.warnings);
-  return RasterStatus::success();
+  RasterStatus status = concludeJpegDecode(cinfo, errors, request.failOn, name);
+  if (!status.ok()) frame.reset();
+  return status;
 }
 
 }  // namespace vorn::detail

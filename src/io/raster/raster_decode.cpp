@@ -74,7 +74,8 @@ RasterStatus decodeJpeg(const RasterDecodeRequest& request, int orientation,
     return RasterStatus::failure(kImageReaderFailed, "header",
                                  std::to_string(markers.precision) + "-bit JPEG is not supported");
   JpegHeader header;
-  if (RasterStatus status = readJpegHeader(request.data, request.size, header); !status.ok())
+  if (RasterStatus status = readJpegHeader(request.data, request.size, header, request.failOn);
+      !status.ok())
     return status;
   if (RasterStatus status = checkPixelCap(header.size); !status.ok()) return status;
   // The fast decoder makes no RGB of CMYK; ImageMagick converts it.
