@@ -78,6 +78,8 @@ class ImageLayer : public BaseLayer {
 
   /// Registers a listener on image_ that marks a new watch stale, keeping the callback.
   void watchImage();
+  /// Whether the source holds a better frame than the cached working image.
+  bool betterFrameLoaded() const;
   /// Drops the cached frames when a better one has arrived since they were taken.
   void refreshIfStale();
   Frame cachedThumbnail();

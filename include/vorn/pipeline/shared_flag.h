@@ -7,7 +7,7 @@ namespace vorn {
 /// A flag several threads may set and read; copies take the current value.
 class SharedFlag {
  public:
-  SharedFlag(bool value = false) : value_(value) {}
+  explicit SharedFlag(bool value = false) : value_(value) {}
   SharedFlag(const SharedFlag& other) : value_(other.get()) {}
   SharedFlag& operator=(const SharedFlag& other) {
     set(other.get());

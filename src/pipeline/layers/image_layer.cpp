@@ -81,13 +81,20 @@ void ImageLayer::watchImage() {
   });
 }
 
+bool ImageLayer::betterFrameLoaded() const {
+  // Waiters wake before listeners are told, so the source can hold a better frame than the
+  // cached one before the watch goes stale.
+  return working_ && image_->status() > working_->getLoadState();
+}
+
 void ImageLayer::refreshIfStale() {
+  bool stale = betterFrameLoaded();
   {
     std::lock_guard lock(watch_->mutex);
-    if (!watch_->stale) return;
+    stale = stale || watch_->stale;
     watch_->stale = false;
   }
-  resetCachedImages();
+  if (stale) resetCachedImages();
 }
 
 void ImageLayer::setTransform(const ImageTransformSettings& settings) {
@@ -99,8 +106,9 @@ bool ImageLayer::isNeedBlend() const {
 }
 
 bool ImageLayer::isNeedProcessing() {
+  if (BaseLayer::isNeedProcessing() || betterFrameLoaded()) return true;
   std::lock_guard lock(watch_->mutex);
-  return BaseLayer::isNeedProcessing() || watch_->stale;
+  return watch_->stale;
 }
 
 std::shared_ptr<BaseLayer> ImageLayer::copy() const {
