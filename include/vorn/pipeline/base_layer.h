@@ -25,7 +25,6 @@ class BaseLayer {
  public:
   BaseLayer() = default;
   BaseLayer(const BaseLayer&) = default;
-  BaseLayer& operator=(const BaseLayer&) = default;
 
   /// Stores the placement; any change means the layer must be processed again.
   virtual void setTransform(const ImageTransformSettings& settings);
@@ -104,8 +103,8 @@ class BaseLayer {
   void clearTags() { tags_.clear(); }
 
  protected:
-  /// For subclasses whose cached results follow the mask.
-  LayerMask& layerMask() { return mask_; }
+  // Protected so that layers of two kinds cannot be assigned to each other through the base.
+  BaseLayer& operator=(const BaseLayer&) = default;
 
  private:
   // The brush worker writes dabs through LayerMaskWriter, from its own thread.

@@ -28,7 +28,6 @@ class ImageLayer : public BaseLayer {
   ImageLayer(const ImageLayer& other, std::shared_ptr<Image> image);
   ImageLayer& operator=(const ImageLayer&) = delete;
 
-  void setTransform(const ImageTransformSettings& settings) override;
   /// The base rules first; otherwise whether the image leaves part of the canvas uncovered,
   /// where the layer below must show through.
   bool isNeedBlend() const override;

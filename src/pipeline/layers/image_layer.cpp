@@ -97,10 +97,6 @@ void ImageLayer::refreshIfStale() {
   if (stale) resetCachedImages();
 }
 
-void ImageLayer::setTransform(const ImageTransformSettings& settings) {
-  BaseLayer::setTransform(settings);
-}
-
 bool ImageLayer::isNeedBlend() const {
   return BaseLayer::isNeedBlend() || !transformSettings().layerCoversCanvas(image_->size());
 }
