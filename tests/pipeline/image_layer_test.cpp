@@ -68,32 +68,14 @@ TEST(ImageLayerBasics, PlainJpegNeverCallsBack) {
   ASSERT_TRUE(working);
   EXPECT_EQ(working->size(), _Size<int>(2560, 1600));
   EXPECT_EQ(layer.getWorkingImage(), working) << "cached";
-  EXPECT_EQ(layer.getWorkingImageWithRawDevelop(), working);
-  EXPECT_EQ(layer.getWorkingImageWithLensCorrection(), working);
-  EXPECT_EQ(layer.getWorkingImageForCompare(), working);
   const auto thumbnail = layer.getSourceThumbnail();
   ASSERT_TRUE(thumbnail);
   EXPECT_EQ(thumbnail->size(), _Size<int>(120, 75));
-  EXPECT_EQ(layer.getWorkingThumbnailWithRawDevelop(), thumbnail);
   EXPECT_EQ(layer.getLoadState(), FULL_LOADED);
-  EXPECT_EQ(layer.distortionCorrectionType(), DistortionCorrectionType::None);
-  EXPECT_FALSE(layer.hasSky());
   EXPECT_FALSE(layer.isNeedProcessing());
   layer.resetCachedImages();
   EXPECT_NE(layer.getSourceThumbnail(), thumbnail);
   EXPECT_EQ(calls->load(), 0);
-}
-
-TEST(ImageLayerBasics, CopyOwnsItsLensCorrectionLayer) {
-  ImageLayer layer(test::makePlainImage({16, 16}));
-  auto lens = std::make_shared<AdjustmentLayer>(0);
-  lens->setTag("lens");
-  layer.setLensCorrectionLayer(lens);
-  const auto copy = std::dynamic_pointer_cast<ImageLayer>(layer.copy());
-  ASSERT_TRUE(copy && copy->getLensCorrectionLayer());
-  EXPECT_NE(copy->getLensCorrectionLayer(), lens);
-  EXPECT_TRUE(copy->getLensCorrectionLayer()->isTagPresent("lens"));
-  EXPECT_EQ(copy->getSourceImage(), layer.getSourceImage());
 }
 
 TEST(ImageLayerRawUpdates, WorkingImageFollowsTheBetterFrame) {

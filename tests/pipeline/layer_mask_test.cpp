@@ -132,8 +132,13 @@ TEST(LayerMaskCaches, CopiesAreIndependent) {
   ASSERT_TRUE(layer.maskPreview());
   auto process = std::make_shared<MaskImage>(_Size<int>(32, 32), 0.25f);
   layer.setProcessWorkingMask(process);
+  auto lens = std::make_shared<AdjustmentLayer>(0);
+  layer.setLensCorrectionLayer(lens);
   const auto copy = std::dynamic_pointer_cast<ImageLayer>(layer.copy());
   ASSERT_TRUE(copy && copy->mask() && copy->maskPreview() && copy->processWorkingMask());
+  EXPECT_EQ(copy->getSourceImage(), layer.getSourceImage());
+  ASSERT_TRUE(copy->getLensCorrectionLayer());
+  EXPECT_NE(copy->getLensCorrectionLayer(), lens) << "the lens-correction layer is owned";
   EXPECT_NE(copy->mask(), layer.mask());
   EXPECT_NE(copy->maskPreview(), layer.maskPreview());
   EXPECT_NE(copy->processWorkingMask(), process);
