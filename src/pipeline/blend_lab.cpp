@@ -17,10 +17,13 @@ struct LabF {
 // Below this chroma (in L*a*b* units) a top pixel is taken as grey: it has no hue to give.
 constexpr float kNeutralChroma = 0.01f;
 
+// The colour of linear RGB; with LightnessOnly just fy, for a layer whose a* and b* are unused.
+template <bool LightnessOnly>
 [[gnu::always_inline]] inline LabF labOf(const LabMatrices& matrices, const float* linear) {
   const float* m = matrices.toXyz.data();
-  const float fx = labF(clampUnit(m[0] * linear[0] + m[1] * linear[1] + m[2] * linear[2]));
   const float fy = labF(clampUnit(m[3] * linear[0] + m[4] * linear[1] + m[5] * linear[2]));
+  if constexpr (LightnessOnly) return {fy, 0.0f, 0.0f};
+  const float fx = labF(clampUnit(m[0] * linear[0] + m[1] * linear[1] + m[2] * linear[2]));
   const float fz = labF(clampUnit(m[6] * linear[0] + m[7] * linear[1] + m[8] * linear[2]));
   return {fy, fx - fy, fy - fz};
 }
@@ -58,22 +61,49 @@ template <BlendModeType Mode>
   }
 }
 
+// A block's colours in L*a*b*, one plane per component: the per-pixel passes then read whole
+// vectors instead of regrouping interleaved channels, and each pass keeps few constants live.
+struct LabPlanes {
+  alignas(64) float fy[kBlendBlockPixels];
+  alignas(64) float da[kBlendBlockPixels];
+  alignas(64) float db[kBlendBlockPixels];
+};
+
+template <bool LightnessOnly>
+[[gnu::always_inline]] inline void toLabPlanes(const LabMatrices& matrices,
+                                               const float* __restrict linear, float* __restrict fy,
+                                               float* __restrict da, float* __restrict db,
+                                               std::size_t pixels) {
+  for (std::size_t p = 0; p < pixels; ++p) {
+    const LabF c = labOf<LightnessOnly>(matrices, linear + 3 * p);
+    fy[p] = c.fy;
+    da[p] = c.da;
+    db[p] = c.db;
+  }
+}
+
 template <BlendModeType Mode>
 [[gnu::always_inline]] inline void labBlock(const LabMatrices& matrices, const float* top,
                                             const float* bottom, const float* __restrict alpha,
                                             float* __restrict out, std::size_t floats) {
   alignas(64) float linearTop[kBlendBlockFloats];
   alignas(64) float linearBottom[kBlendBlockFloats];
-  alignas(64) float linearResult[kBlendBlockFloats];
+  LabPlanes labTop, labBottom;
   // srgbToLinear limits its argument to [0, 1], which is the clamp of the inputs.
   for (std::size_t i = 0; i < floats; ++i) {
     linearTop[i] = srgbToLinear(top[i]);
     linearBottom[i] = srgbToLinear(bottom[i]);
   }
-  for (std::size_t i = 0; i < floats; i += 3) {
-    const LabF blended =
-        combine<Mode>(labOf(matrices, linearTop + i), labOf(matrices, linearBottom + i));
-    linearOf(matrices, blended, linearResult + i);
+  const std::size_t pixels = floats / 3;
+  toLabPlanes<Mode == kBlendLuminosity>(matrices, linearTop, labTop.fy, labTop.da, labTop.db,
+                                        pixels);
+  toLabPlanes<Mode == kBlendColor>(matrices, linearBottom, labBottom.fy, labBottom.da, labBottom.db,
+                                   pixels);
+  float* __restrict linearResult = linearTop;
+  for (std::size_t p = 0; p < pixels; ++p) {
+    const LabF blended = combine<Mode>({labTop.fy[p], labTop.da[p], labTop.db[p]},
+                                       {labBottom.fy[p], labBottom.da[p], labBottom.db[p]});
+    linearOf(matrices, blended, linearResult + 3 * p);
   }
   for (std::size_t i = 0; i < floats; ++i)
     out[i] = mixBlend(linearToSrgb(linearResult[i]), bottom[i], alpha[i]);
