@@ -1,5 +1,6 @@
 #include "vorn/pipeline/blend.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 

@@ -58,78 +58,67 @@ struct Subtract {
   }
 };
 
+// Normal's fast path: one subtraction and one product per channel.
+struct NormalWeighted {
+  float operator()(float t, float b, float a) const { return (t - b) * a + b; }
+};
+
 template <typename F>
-[[gnu::always_inline]] inline void mixChannels(const float* __restrict top,
-                                               const float* __restrict bottom,
-                                               const float* __restrict alpha, float* __restrict out,
-                                               std::size_t floats) {
-  const F f;
-  for (std::size_t i = 0; i < floats; ++i)
-    out[i] = mixBlend(f(top[i], bottom[i]), bottom[i], alpha[i]);
+struct Weighted {
+  float operator()(float t, float b, float a) const { return mixBlend(F{}(t, b), b, a); }
+};
+
+template <typename W>
+[[gnu::always_inline]] inline void blendChannels(const float* __restrict top,
+                                                 const float* __restrict bottom,
+                                                 const float* __restrict alpha,
+                                                 float* __restrict out, std::size_t floats) {
+  const W weighted;
+  for (std::size_t i = 0; i < floats; ++i) out[i] = weighted(top[i], bottom[i], alpha[i]);
 }
 
-[[gnu::always_inline]] inline void normalChannels(const float* __restrict top,
-                                                  const float* __restrict bottom,
-                                                  const float* __restrict alpha,
-                                                  float* __restrict out, std::size_t floats) {
-  for (std::size_t i = 0; i < floats; ++i) out[i] = (top[i] - bottom[i]) * alpha[i] + bottom[i];
-}
-
-// Functors rather than lambdas: their calls must inline into each instruction-set clone.
-template <typename F>
-struct MixedBlock {
+// A functor rather than a lambda: its call must inline into each instruction-set clone.
+template <typename W>
+struct ChannelBlock {
   [[gnu::always_inline]] void operator()(const float* top, const float* bottom, const float* alpha,
                                          float* out, std::size_t floats) const {
-    mixChannels<F>(top, bottom, alpha, out, floats);
+    blendChannels<W>(top, bottom, alpha, out, floats);
   }
 };
 
-struct NormalBlock {
-  [[gnu::always_inline]] void operator()(const float* top, const float* bottom, const float* alpha,
-                                         float* out, std::size_t floats) const {
-    normalChannels(top, bottom, alpha, out, floats);
-  }
-};
+template <typename W>
+[[gnu::always_inline]] inline void blendRowWith(const BlendRow& row) {
+  forEachBlendBlock(row, ChannelBlock<W>{});
+}
 
 }  // namespace
 
 VORN_DISPATCH void blendChannelRow(BlendModeType mode, const BlendRow& row) {
   switch (mode) {
     case kBlendNormal:
-      forEachBlendBlock(row, NormalBlock{});
-      break;
+      return blendRowWith<NormalWeighted>(row);
     case kBlendMultiply:
-      forEachBlendBlock(row, MixedBlock<Multiply>{});
-      break;
+      return blendRowWith<Weighted<Multiply>>(row);
     case kBlendColorBurn:
-      forEachBlendBlock(row, MixedBlock<ColorBurn>{});
-      break;
+      return blendRowWith<Weighted<ColorBurn>>(row);
     case kBlendScreen:
-      forEachBlendBlock(row, MixedBlock<Screen>{});
-      break;
+      return blendRowWith<Weighted<Screen>>(row);
     case kBlendOverlay:
-      forEachBlendBlock(row, MixedBlock<Overlay>{});
-      break;
+      return blendRowWith<Weighted<Overlay>>(row);
     case kBlendSoftLight:
-      forEachBlendBlock(row, MixedBlock<SoftLight>{});
-      break;
+      return blendRowWith<Weighted<SoftLight>>(row);
     case kBlendDarken:
-      forEachBlendBlock(row, MixedBlock<Darken>{});
-      break;
+      return blendRowWith<Weighted<Darken>>(row);
     case kBlendHardLight:
-      forEachBlendBlock(row, MixedBlock<HardLight>{});
-      break;
+      return blendRowWith<Weighted<HardLight>>(row);
     case kBlendLighten:
-      forEachBlendBlock(row, MixedBlock<Lighten>{});
-      break;
+      return blendRowWith<Weighted<Lighten>>(row);
     case kBlendDifference:
-      forEachBlendBlock(row, MixedBlock<Difference>{});
-      break;
+      return blendRowWith<Weighted<Difference>>(row);
     case kBlendSubtract:
-      forEachBlendBlock(row, MixedBlock<Subtract>{});
-      break;
+      return blendRowWith<Weighted<Subtract>>(row);
     default:
-      break;
+      return;
   }
 }
 
