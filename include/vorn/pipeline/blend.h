@@ -33,13 +33,13 @@ enum BlendModeType : std::int32_t {
 /// - Per-channel modes are not clamped: values above 1 pass through. SoftLight reads a
 ///   negative b as 0 under its square root.
 /// - Luminosity, Hue and Color work in CIE L*a*b* (sRGB primaries, D65) of both pixels clamped
-///   to [0, 1]; the colour converted back is clamped to [0, 1] before the mix.
+///   to [0, 1]; the colour converted back is clamped to [0, 1], then weighted in RGB as above.
 /// - Hue takes the hue angle of top with L* and chroma of bottom; a top of chroma below 0.01
 ///   has no hue, so the pixel becomes the bottom's L* at zero chroma (grey).
 /// - opacity is limited to [0, 1]; a NaN opacity is refused. Without a mask, opacity 0 copies
 ///   bottom and Normal at opacity 1 copies top, exactly.
-/// - A NaN in a pixel or a mask value stays in that result pixel only (the L*a*b* modes read
-///   NaN channels as 0 for the conversion, but the mix still carries a NaN bottom).
+/// - A NaN in a pixel or a mask value never reaches another pixel: the formulas carry it into
+///   its own result pixel, except that the L*a*b* conversion reads a NaN channel as 0.
 /// - rect (0, 0, 0, 0) is the whole image; otherwise it must lie inside the image with
 ///   positive sides, and only its pixels are written. A result made here starts as a copy of
 ///   bottom, so its pixels outside rect are bottom's.
