@@ -43,6 +43,7 @@
 #include "vorn/io/thumbnails.h"
 #include "vorn/pipeline/adjustment_layer.h"
 #include "vorn/pipeline/base_layer.h"
+#include "vorn/pipeline/blend.h"
 #include "vorn/pipeline/blend_mode.h"
 #include "vorn/pipeline/image_layer.h"
 #include "vorn/pipeline/image_transform_settings.h"
