@@ -4,7 +4,8 @@
 
 #include "vorn/effects/declared_effect.h"
 
-// Creative and blur effects: parameters are final, processing arrives later (pixels pass through).
+// Creative and blur effects: parameters are final; apart from the colour fill, processing
+// arrives later (pixels pass through).
 namespace vorn {
 
 using detail::DeclaredParameter;
@@ -16,11 +17,16 @@ class BlurEffect final : public PassThroughEffect<BlurEffect> {
   static constexpr DeclaredParameter kParameters[] = {{"Radius", 0, 100, 0}};
 };
 
-class FillColorEffect final : public PassThroughEffect<FillColorEffect> {
+/// Covers the picture with one colour (Red, Green, Blue in 0..255) at Opacity percent; the
+/// image processor blends the result through a mask to show that mask.
+class FillColorEffect final : public detail::DeclaredEffect<FillColorEffect, PointEffect> {
  public:
   static constexpr std::string_view kId = "VORNFillColorEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Opacity", 0, 100, 0}, {"Red", 0, 255, 128}, {"Green", 0, 255, 128}, {"Blue", 0, 255, 128}};
+
+ protected:
+  Kernel prepare(const Setup& setup) const override;
 };
 
 class VignetteEffect final : public PassThroughEffect<VignetteEffect> {

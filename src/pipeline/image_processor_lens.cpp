@@ -1,0 +1,71 @@
+// The small render of the stack beneath a lens-correction layer that its preview works from.
+#include <algorithm>
+#include <cmath>
+
+#include "vorn/pipeline/image_processor.h"
+
+namespace vorn {
+namespace {
+
+/// At most 1000 pixels on either side, never enlarged.
+_Size<int> lensPreviewSize(_Size<int> source) {
+  const float w = static_cast<float>(source.width);
+  const float h = static_cast<float>(source.height);
+  const float s = std::min({1000.0f / h, 1000.0f / w, 1.0f});
+  return _Size<int>(static_cast<int>(std::roundf(w * s)), static_cast<int>(std::roundf(h * s)));
+}
+
+}  // namespace
+
+bool ImageProcessor::prepareLensCorrectionPreviews(const ImageProcessorSettings& settings) {
+  (void)settings;
+  bool all = true;
+  for (auto it = pool_.begin(); it != pool_.end(); ++it) {
+    const auto lens = std::dynamic_pointer_cast<AdjustmentLayer>(*it);
+    if (!lens || !lens->isLensCorrectionLayer()) continue;
+    const std::shared_ptr<ImageLayer> base = lens->getBaseImageLayer();
+    const auto basePosition = std::find(pool_.begin(), it, base);
+    if (!base || basePosition == it) continue;
+    ImageProcessor side;
+    side.setCropDescription(crop_);
+    side.setImageOrientation(orientation_);
+    auto baseCopy = std::static_pointer_cast<ImageLayer>(base->copy());
+    baseCopy->setUseMask(false);
+    baseCopy->setBlendMode(kBlendNormal);
+    side.addLayer(baseCopy, 0);
+    // The layers of the base's group between it and the lens layer.
+    for (auto between = std::next(basePosition); between != it; ++between) {
+      if ((*between)->level() < lens->level()) continue;
+      const bool needed = (*between)->isNeedProcessing();
+      std::shared_ptr<BaseLayer> copy = (*between)->copy();
+      if (auto adjustment = std::dynamic_pointer_cast<AdjustmentLayer>(copy); adjustment && needed)
+        for (const std::shared_ptr<Effect>& effect : adjustment->effects())
+          effect->setNeedRecompute(true);
+      side.addLayer(copy, side.getLayersCount());
+    }
+    const _Size<int> source = base->getSourceImage()->size();
+    ImageProcessorSettings sideSettings;
+    sideSettings.processingROI = _Rect<float>(0.0f, 0.0f, static_cast<float>(source.width),
+                                              static_cast<float>(source.height));
+    sideSettings.processingSize = lensPreviewSize(source);
+    sideSettings.applyCrop = true;
+    sideSettings.useCache = false;
+    side.startProcessing(sideSettings);
+    if (!side.getLastResult()) {
+      all = false;
+      continue;
+    }
+    // The lens effect takes no preview input yet, so the processor keeps the source per layer.
+    lensPreviews_[lens.get()] = side.getLastResult();
+    lens->setNeedProcessing(true);
+  }
+  return all;
+}
+
+std::shared_ptr<ImageDataRGBf> ImageProcessor::lensCorrectionPreviewSource(
+    const std::shared_ptr<const BaseLayer>& layer) const {
+  const auto found = lensPreviews_.find(layer.get());
+  return found == lensPreviews_.end() ? nullptr : found->second;
+}
+
+}  // namespace vorn
