@@ -41,3 +41,4 @@
 #include "vorn/io/image_source_raw.h"
 #include "vorn/io/raster_info.h"
 #include "vorn/io/thumbnails.h"
+#include "vorn/pipeline/blend.h"
