@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/log_failure.h"
+#include "core/parallel.h"
 #include "pipeline/render_effect_roles.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/processing_status.h"
@@ -55,14 +56,44 @@ ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
   return out;
 }
 
+/// The layer's mask at the output (1 without one) times, for an image layer that leaves part
+/// of the canvas uncovered, whether the output pixel's centre falls on the layer.
+std::shared_ptr<const _ImageData<float>> blendMask(BaseLayer& layer, _Size<int> size) {
+  std::shared_ptr<const _ImageData<float>> mask;
+  if (layer.hasMask() && layer.isUseMask())
+    mask = layer.maskPreviewForTransform(layer.transformSettings());
+  const auto* image = dynamic_cast<ImageLayer*>(&layer);
+  const _Size<int> source = image ? image->getSourceImage()->size() : _Size<int>();
+  if (!image || layer.transformSettings().layerCoversCanvas(source)) return mask;
+  AffineTransform toLayer = layer.transformSettings().layerToOutput();
+  if (!toLayer.invert()) return mask;
+  auto covered = std::make_shared<_ImageData<float>>(size);
+  const auto w = static_cast<float>(source.width);
+  const auto h = static_cast<float>(source.height);
+  detail::parallelRows(size.height, [&](int first, int end) {
+    for (int y = first; y < end; ++y) {
+      float* row = covered->row(y);
+      const float* under = mask && mask->size() == size ? mask->row(y) : nullptr;
+      const float cy = static_cast<float>(y) + 0.5f;
+      for (int x = 0; x < size.width; ++x) {
+        const float cx = static_cast<float>(x) + 0.5f;
+        const float px = toLayer.a * cx + toLayer.b * cy + toLayer.tx;
+        const float py = toLayer.c * cx + toLayer.d * cy + toLayer.ty;
+        const float inside = px >= 0.0f && py >= 0.0f && px < w && py < h ? 1.0f : 0.0f;
+        row[x] = under ? under[x] * inside : inside;
+      }
+    }
+  });
+  return covered;
+}
+
 ConstFrame blendStep(const Operation& op, const ConstFrame& top, const ConstFrame& bottom) {
   BaseLayer& layer = *op.layer;
   std::shared_ptr<const _ImageData<float>> mask;
   float opacity = layer.getEffectAmount();
   BlendModeType mode = kBlendNormal;
   if (op.type == OperationType::Blend) {
-    if (layer.hasMask() && layer.isUseMask())
-      mask = layer.maskPreviewForTransform(layer.transformSettings());
+    mask = blendMask(layer, top->size());
     opacity = layer.opacity();
     mode = layer.blendMode();
   }

@@ -8,6 +8,7 @@
 #include "support/log_capture.h"
 #include "vorn/core/data_store.h"
 #include "vorn/effects/effect_chain.h"
+#include "vorn/io/image_metadata.h"
 #include "vorn/pipeline/blend.h"
 
 namespace vorn {
@@ -246,6 +247,41 @@ TEST(ImageProcessorRender, PreviewMatchesTheFullRenderShrunk) {
   ASSERT_TRUE(expected);
   // Vector kernels round a row's tail apart from its body, so a region may differ by an ulp.
   EXPECT_LT(test::maxDifference(*part, *expected), 1e-6f) << "a region of point effects";
+}
+
+TEST(ImageProcessorRender, PlacedImageLayerShowsTheLayerBelowAroundIt) {
+  Document doc(_Size<int>(40, 20));
+  doc.processor.removeLayer(doc.adjustment);
+  auto frame = std::make_shared<ImageFrame>(_Size<int>(40, 20), PixelRGB<float>(0.9f, 0.1f, 0.2f));
+  auto top = std::make_shared<ImageLayer>(std::make_shared<Image>(
+      std::make_shared<ImageSource>(frame, std::make_shared<ImageMetadata>())));
+  ImageTransformSettings placed = top->transformSettings();
+  placed.layerToCanvas = AffineTransform(0.5f, 0.0f, 0.0f, 0.5f, 0.0f, 0.0f);
+  top->setTransform(placed);
+  doc.processor.addLayer(top, 1);
+  const auto result = doc.render();
+  ASSERT_TRUE(result);
+  const auto below = doc.imageLayer->getWorkingImage();
+  // Bilinear weights may round a constant by an ulp.
+  EXPECT_NEAR(result->at(5, 5).r, 0.9f, 1e-6f);
+  EXPECT_NEAR(result->at(5, 5).b, 0.2f, 1e-6f);
+  EXPECT_EQ(result->at(30, 5), below->at(30, 5));
+  EXPECT_EQ(result->at(5, 15), below->at(5, 15));
+}
+
+TEST(ImageProcessorRender, DevelopStepsAndTheStepsAfterThem) {
+  test::LogCapture log;
+  Document doc(_Size<int>(24, 16));
+  const auto develop = EffectFactory::instance().makeEffectWithID("VORNDevelopCommonEffectID");
+  ASSERT_TRUE(develop);
+  ASSERT_FALSE(develop->parameters().empty());
+  Parameter& first = develop->parameters()[0];
+  first.setValue(first.value() == first.maxValue() ? first.minValue() : first.maxValue());
+  ASSERT_TRUE(doc.adjustment->insertEffectAtIndex(develop, 0));
+  ASSERT_TRUE(doc.render());
+  EXPECT_EQ(log.countEndingWith("op(1) Develop (1)"), 1u);
+  EXPECT_EQ(log.countEndingWith("op(2) Compute(after develop) (1)"), 1u);
+  EXPECT_EQ(log.countEndingWith("op(3) Compute(after develop) (1)"), 1u);
 }
 
 TEST(ImageProcessorPost, OverlaysLeaveTheCacheAlone) {
