@@ -29,6 +29,7 @@ ImageProcessor::ImageProcessor(const ImageProcessor& other)
       updateCallback_(other.updateCallback_),
       lastResult_(other.lastResult_),
       lastResultThumbnail_(other.lastResultThumbnail_),
+      lastThumbSize_(other.lastThumbSize_),
       lastProcessingSeconds_(other.lastProcessingSeconds_),
       lastProcessingCpuSeconds_(other.lastProcessingCpuSeconds_),
       lastDebugLines_(other.lastDebugLines_),
@@ -73,6 +74,11 @@ void ImageProcessor::removeLayer(const std::shared_ptr<BaseLayer>& layer) {
     return;
   }
   layers_.erase(found);
+  // An empty stack has no canvas; the next document starts from a clean engine.
+  if (layers_.empty()) {
+    canvas_ = {};
+    needsClear_ = true;
+  }
   validateLayers();
 }
 
@@ -312,6 +318,17 @@ ImageLayer::Frame ImageProcessor::getOriginalImageWithRawDevelop(bool thumbnail,
 void ImageProcessor::clearCache() {
   engine_->reset();
   for (const std::shared_ptr<BaseLayer>& layer : layers_) layer->clearCache();
+}
+
+std::shared_ptr<ImageDataRGBf> ImageProcessor::getLastResultThumbnail() {
+  if (!lastResultThumbnail_ && lastResult_ && lastThumbSize_.width > 0) {
+    const int width = std::max(1, std::min(lastThumbSize_.width / 4, 120));
+    const int height =
+        std::max(1, static_cast<int>(std::lround(static_cast<double>(width) * lastResult_->height /
+                                                 lastResult_->width)));
+    lastResultThumbnail_ = lastResult_->thumbnail(_Size<int>(width, height));
+  }
+  return lastResultThumbnail_;
 }
 
 std::uint64_t ImageProcessor::renderPeakBytes() const {

@@ -149,7 +149,6 @@ void ImageProcessorComputeUnit::reset() {
   cachedOps_.clear();
   results_.clear();
   result_.reset();
-  thumbnail_.reset();
 }
 
 std::uint64_t ImageProcessorComputeUnit::cachedBytes() const {
@@ -324,7 +323,6 @@ RenderStatus ImageProcessorComputeUnit::run(const RenderRequest& request) {
           result_->setColorProfile(request.profile);
         }
       }
-      thumbnail_ = result_->thumbnail();
     }
     if (!request.useCache) {
       for (std::size_t i = 0; i + 1 < results_.size(); ++i) results_[i].reset();

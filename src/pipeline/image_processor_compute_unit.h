@@ -55,7 +55,6 @@ struct RenderRequest {
   _Size<int> size;
   /// The part of the output the host shows; empty when nothing of it lies inside.
   _Rect<int> finalRect;
-  _Size<int> thumbSize;
   std::shared_ptr<bool> cancel;
   /// The whole picture, small, for effects that measure it (see needsWholePictureReference);
   /// empty when the render covers the whole canvas and the step input serves.
@@ -76,7 +75,6 @@ class ImageProcessorComputeUnit {
 
   RenderStatus run(const RenderRequest& request);
   std::shared_ptr<ImageDataRGBf> result() const { return result_; }
-  std::shared_ptr<ImageDataRGBf> thumbnail() const { return thumbnail_; }
   /// Forgets every cached step.
   void reset();
   /// Bytes the cached step images hold (shared buffers counted once).
@@ -107,7 +105,6 @@ class ImageProcessorComputeUnit {
   _Rect<float> cachedRoi_;
   _Size<int> cachedSize_;
   std::shared_ptr<ImageDataRGBf> result_;
-  std::shared_ptr<ImageDataRGBf> thumbnail_;
   std::uint64_t peakBytes_ = 0;
 };
 

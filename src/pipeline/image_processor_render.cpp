@@ -128,7 +128,6 @@ void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   request.roi = settings.processingROI;
   request.size = settings.processingSize;
   request.finalRect = clipToSize(settings.finalRect, request.size);
-  request.thumbSize = thumbSize(settings.applyCrop);
   request.cancel = settings.stopProcessing;
   request.useCache = settings.useCache;
   request.previewQuality = settings.previewQuality;
@@ -139,7 +138,8 @@ void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   const RenderStatus status = engine_->run(request);
   if (status == RenderStatus::Done) {
     lastResult_ = engine_->result();
-    lastResultThumbnail_ = engine_->thumbnail();
+    lastResultThumbnail_.reset();
+    lastThumbSize_ = thumbSize(settings.applyCrop);
   }
   if (status == RenderStatus::Cancelled || isCancelRequested(settings.stopProcessing.get())) {
     // The frames may have been fetched half-way; the next render starts from the sources.

@@ -236,6 +236,9 @@ TEST(ImageProcessorRender, PreviewMatchesTheFullRenderShrunk) {
   const auto preview = doc.render(_Size<int>(30, 20));
   ASSERT_TRUE(shrunk && preview);
   EXPECT_LT(test::maxDifference(*shrunk, *preview), 0.02f);
+  const auto thumbnail = doc.processor.getLastResultThumbnail();
+  ASSERT_TRUE(thumbnail);
+  EXPECT_EQ(thumbnail->size(), _Size<int>(30, 20)) << "sized for the document, not the render";
 
   ImageProcessorSettings region;
   region.processingROI = _Rect<float>(60, 40, 60, 40);

@@ -127,10 +127,14 @@ class ImageProcessor {
   void startProcessing(ImageProcessorSettings settings);
   /// Shared with the render cache: read it, never write into it.
   std::shared_ptr<ImageDataRGBf> getLastResult() const { return lastResult_; }
-  std::shared_ptr<ImageDataRGBf> getLastResultThumbnail() const { return lastResultThumbnail_; }
+  /// Made from the last result on first request, min(thumb width / 4, 120) wide for the
+  /// document's thumbSize, so a preview and a full render give thumbnails of one size.
+  std::shared_ptr<ImageDataRGBf> getLastResultThumbnail();
   /// The bottom image layer's source image.
   std::shared_ptr<Image> getOriginalImage() const;
   ImageLayer::Frame getOriginalThumbnail();
+  /// The bottom image layer's developed frame, small with `thumbnail`, lens-corrected with
+  /// `lensCorrection`.
   ImageLayer::Frame getOriginalImageWithRawDevelop(bool thumbnail, bool lensCorrection);
   /// The result pixels a change of layerRect (layer pixels) touches in a render of
   /// processingROI at processingSize, clipped to the result.
@@ -176,6 +180,7 @@ class ImageProcessor {
   std::function<void()> updateCallback_;
   std::shared_ptr<ImageDataRGBf> lastResult_;
   std::shared_ptr<ImageDataRGBf> lastResultThumbnail_;
+  _Size<int> lastThumbSize_;
   double lastProcessingSeconds_ = 0.0;
   double lastProcessingCpuSeconds_ = 0.0;
   std::vector<std::string> lastDebugLines_;
