@@ -46,6 +46,7 @@
 #include "vorn/pipeline/blend.h"
 #include "vorn/pipeline/blend_mode.h"
 #include "vorn/pipeline/image_layer.h"
+#include "vorn/pipeline/image_processor.h"
 #include "vorn/pipeline/image_transform_settings.h"
 #include "vorn/pipeline/layer_conversion.h"
 #include "vorn/pipeline/layer_mask.h"
