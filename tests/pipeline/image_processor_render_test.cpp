@@ -252,6 +252,18 @@ TEST(ImageProcessorRender, PreviewMatchesTheFullRenderShrunk) {
   EXPECT_LT(test::maxDifference(*part, *expected), 1e-6f) << "a region of point effects";
 }
 
+TEST(ImageProcessorRender, SpatialEffectPreviewLooksLikeTheFullRender) {
+  Document doc(_Size<int>(480, 320));
+  doc.adjustment->pushBackEffect(test::makeEffect("VORNDehazeEffect", 60.0f));
+  const auto full = doc.render();
+  ASSERT_TRUE(full);
+  const auto shrunk = full->resize(_Size<int>(120, 80));
+  const auto preview = doc.render(_Size<int>(120, 80));
+  ASSERT_TRUE(shrunk && preview);
+  // The radius follows the render scale, so the preview is the export shrunk, not a sharper one.
+  EXPECT_LT(test::maxDifference(*shrunk, *preview), 0.02f);
+}
+
 TEST(ImageProcessorRender, PlacedImageLayerShowsTheLayerBelowAroundIt) {
   Document doc(_Size<int>(40, 20));
   doc.processor.removeLayer(doc.adjustment);
