@@ -1,6 +1,7 @@
 // The small render of the stack beneath a lens-correction layer that its preview works from.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "vorn/pipeline/image_processor.h"
 
@@ -13,6 +14,11 @@ _Size<int> lensPreviewSize(_Size<int> source) {
   const float h = static_cast<float>(source.height);
   const float s = std::min({1000.0f / h, 1000.0f / w, 1.0f});
   return _Size<int>(static_cast<int>(std::roundf(w * s)), static_cast<int>(std::roundf(h * s)));
+}
+
+bool samePixels(const ImageDataRGBf& a, const ImageDataRGBf& b) {
+  return a.size() == b.size() &&
+         std::memcmp(a.data, b.data, static_cast<std::size_t>(a.sizeInBytes())) == 0;
 }
 
 }  // namespace
@@ -55,9 +61,11 @@ bool ImageProcessor::prepareLensCorrectionPreviews(const ImageProcessorSettings&
       all = false;
       continue;
     }
-    // The lens effect takes no preview input yet, so the processor keeps the source per layer.
-    lensPreviews_[lens.get()] = side.getLastResult();
-    lens->setNeedProcessing(true);
+    // The lens effect takes no preview input yet, so the processor keeps the source per layer;
+    // the layer is marked only when the source changed, so the steps above it stay cached.
+    std::shared_ptr<ImageDataRGBf>& kept = lensPreviews_[lens.get()];
+    if (!kept || !samePixels(*kept, *side.getLastResult())) lens->setNeedProcessing(true);
+    kept = side.getLastResult();
   }
   return all;
 }

@@ -84,6 +84,12 @@ TEST(ImageProcessorSource, LensLayerGetsASmallRenderOfTheStackBeneath) {
   const auto preview = doc.processor.lensCorrectionPreviewSource(lens);
   ASSERT_TRUE(preview);
   EXPECT_EQ(preview->size(), _Size<int>(1000, 750));
+  {
+    test::LogCapture log;
+    ASSERT_TRUE(doc.render(_Size<int>(400, 300)));
+    EXPECT_EQ(log.countEndingWith("cache-> all operations are done(4) op(3)"), 1u)
+        << "an unchanged stack beneath leaves the lens layer cached";
+  }
 
   ImageProcessorSettings settings;
   settings.processingSize = _Size<int>(1000, 750);
