@@ -185,9 +185,15 @@ _Rect<int> ImageProcessor::getResultImageUpdateRectForUpdateRectInLayer(
   }
   if (!std::isfinite(x0) || !std::isfinite(y0) || !std::isfinite(x1) || !std::isfinite(y1))
     return {};
-  _Rect<int> rect(static_cast<int>(std::floor(x0)), static_cast<int>(std::floor(y0)),
-                  static_cast<int>(std::ceil(x1) - std::floor(x0)),
-                  static_cast<int>(std::ceil(y1) - std::floor(y0)));
+  // Limited to a margin around the result first, so that no float overflows an int.
+  const auto limitX = [&](float v) {
+    return static_cast<int>(std::clamp(v, -1.0f, static_cast<float>(processingSize.width) + 1.0f));
+  };
+  const auto limitY = [&](float v) {
+    return static_cast<int>(std::clamp(v, -1.0f, static_cast<float>(processingSize.height) + 1.0f));
+  };
+  const int left = limitX(std::floor(x0)), top = limitY(std::floor(y0));
+  _Rect<int> rect(left, top, limitX(std::ceil(x1)) - left, limitY(std::ceil(y1)) - top);
   // Neighbourhood effects of this layer and every one above spread the change.
   auto it = std::next(layers_.begin(), index);
   for (; it != layers_.end(); ++it) {

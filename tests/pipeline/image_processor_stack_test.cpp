@@ -150,6 +150,11 @@ TEST(ImageProcessorStack, UpdateRectAndSplitProcessors) {
                 _Size<int>(100, 80)),
             _Rect<int>(90, 70, 10, 10))
       << "clipped to the result";
+  EXPECT_EQ(p.getResultImageUpdateRectForUpdateRectInLayer(
+                doc.adjustment, _Rect<int>(0, 0, 2000000000, 2000000000),
+                _Rect<float>(0, 0, 1e-3f, 1e-3f), _Size<int>(100, 80)),
+            _Rect<int>(0, 0, 100, 80))
+      << "huge scales are limited, not overflowed";
 
   const auto [preview, background] = p.getImageLayerPreviewAndBackgroundProcessors(doc.imageLayer);
   ASSERT_TRUE(preview && background);
