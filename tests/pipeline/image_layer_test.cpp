@@ -45,6 +45,17 @@ TEST(ImageLayerBasics, NullImagesAndCoverage) {
   layer.setTransform(settings);
   EXPECT_TRUE(layer.isNeedBlend()) << "a turned layer leaves the corners bare";
 
+  // A new placement drops the process masks and carries the lens-correction layer along.
+  layer.setProcessWorkingMask(std::make_shared<MaskImage>(_Size<int>(100, 50), 1.0f));
+  layer.setLensCorrectionLayer(std::make_shared<AdjustmentLayer>(0));
+  layer.setTransform(settings);
+  EXPECT_TRUE(layer.processWorkingMask()) << "an unchanged placement keeps them";
+  settings.layerToCanvas.translate(3.0f, 0.0f);
+  layer.setTransform(settings);
+  EXPECT_FALSE(layer.processWorkingMask());
+  ASSERT_TRUE(layer.getLensCorrectionLayer());
+  EXPECT_EQ(layer.getLensCorrectionLayer()->transformSettings(), settings);
+
   layer.setImage(test::makePlainImage({30, 20}), true);
   EXPECT_EQ(layer.transformSettings(), settings);
   layer.setImage(test::makePlainImage({30, 20}), false);

@@ -28,6 +28,9 @@ class ImageLayer : public BaseLayer {
   ImageLayer(const ImageLayer& other, std::shared_ptr<Image> image);
   ImageLayer& operator=(const ImageLayer&) = delete;
 
+  /// A new placement also drops the process masks (made for the old one) and moves the linked
+  /// lens-correction layer with it.
+  void setTransform(const ImageTransformSettings& settings) override;
   /// The base rules first; otherwise whether the image leaves part of the canvas uncovered,
   /// where the layer below must show through.
   bool isNeedBlend() const override;

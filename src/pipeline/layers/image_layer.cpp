@@ -111,6 +111,14 @@ std::shared_ptr<BaseLayer> ImageLayer::copy() const {
   return std::make_shared<ImageLayer>(*this);
 }
 
+void ImageLayer::setTransform(const ImageTransformSettings& settings) {
+  if (settings == transformSettings()) return;
+  BaseLayer::setTransform(settings);
+  processWorkingMask_.reset();
+  processMaskThumbnail_.reset();
+  if (lensLayer_) lensLayer_->setTransform(settings);
+}
+
 void ImageLayer::clearCache() {
   BaseLayer::clearCache();
   resetCachedImages();
