@@ -42,17 +42,22 @@ ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
                             static_cast<int>(std::lround(r.width)),
                             static_cast<int>(std::lround(r.height)));
       if (rect == frame->rect() && request.size == frame->size()) return frame;
-      return frame->resize(request.size, rect, !request.previewQuality);
+      const bool inside = rect.x >= 0 && rect.y >= 0 && rect.x + rect.width <= frame->width &&
+                          rect.y + rect.height <= frame->height;
+      // A ROI reaching past a layer smaller than the canvas takes the affine path below.
+      if (inside) return frame->resize(request.size, rect, !request.previewQuality);
     }
   }
   auto out = std::make_shared<ImageDataRGBf>(request.size, PixelRGB<float>(0.0f, 0.0f, 0.0f),
                                              frame->colorProfile);
   AffineTransform frameToOutput(1.0f / fx, 0.0f, 0.0f, 1.0f / fy, 0.0f, 0.0f);
   frameToOutput.append(settings.layerToOutput());
-  frame->copyAffineTransformedTo(
-      out,
-      _Rect<float>(0.0f, 0.0f, static_cast<float>(frame->width), static_cast<float>(frame->height)),
-      frameToOutput, {});
+  // The source rectangle is stretched over the destination before the transform applies, so
+  // one of the destination's own size leaves frameToOutput the whole mapping.
+  frame->copyAffineTransformedTo(out,
+                                 _Rect<float>(0.0f, 0.0f, static_cast<float>(request.size.width),
+                                              static_cast<float>(request.size.height)),
+                                 frameToOutput, {});
   return out;
 }
 

@@ -280,8 +280,23 @@ TEST(ImageProcessorRender, PlacedImageLayerShowsTheLayerBelowAroundIt) {
   // Bilinear weights may round a constant by an ulp.
   EXPECT_NEAR(result->at(5, 5).r, 0.9f, 1e-6f);
   EXPECT_NEAR(result->at(5, 5).b, 0.2f, 1e-6f);
+  // A ramp shows where the layer is read: canvas pixel (5, 5) spans layer pixels 10..12.
+  top->setImage(test::makePlainImage(_Size<int>(40, 20)), true);
+  const auto ramp = doc.render();
+  ASSERT_TRUE(ramp);
+  EXPECT_NEAR(ramp->at(5, 5).r, 11.0f / 40.0f, 0.02f);
+  EXPECT_NEAR(ramp->at(5, 5).g, 11.0f / 20.0f, 0.04f);
   EXPECT_EQ(result->at(30, 5), below->at(30, 5));
   EXPECT_EQ(result->at(5, 15), below->at(5, 15));
+
+  // A smaller image left where it was placed: the region past it shows the layer below.
+  auto small = std::make_shared<ImageLayer>(test::makePlainImage(_Size<int>(10, 10)));
+  doc.processor.removeLayer(top);
+  doc.processor.addLayer(small, 1);
+  const auto smallResult = doc.render();
+  ASSERT_TRUE(smallResult);
+  EXPECT_EQ(smallResult->at(5, 5), small->getWorkingImage()->at(5, 5));
+  EXPECT_EQ(smallResult->at(30, 15), below->at(30, 15));
 }
 
 TEST(ImageProcessorRender, DevelopStepsAndTheStepsAfterThem) {
