@@ -221,8 +221,10 @@ ImageProcessor::getImageLayerPreviewAndBackgroundProcessors(
   };
   // Copies, so that renders of the two never touch this processor's layers or flags.
   auto preview = configured();
-  auto alone = layer->copy();
+  auto alone = std::static_pointer_cast<ImageLayer>(layer->copy());
   alone->setEnabled(true);
+  // The preview shows the image itself, unplaced, over a canvas of its own size.
+  alone->setTransform(ImageTransformSettings::forCanvas(alone->getSourceImage()->size()));
   preview->addLayer(alone, 0);
   auto background = configured();
   auto it = layers_.begin();
