@@ -90,13 +90,15 @@ class ImageProcessor {
   std::shared_ptr<BaseLayer> convertLayerAtIndexToAdjustmentLayer(std::size_t index);
   std::vector<std::vector<Parameter>> getLayerParameters(std::size_t index);
 
-  /// Masks sized to the canvas, adjustment layers linked to the nearest image layer below them.
+  /// Masks sized to their layers, adjustment layers linked to the nearest image layer below.
   void validateLayers();
-  /// Resamples the layer's mask to the canvas when its size differs.
+  /// Resamples the mask to the layer's pixels (the canvas for an adjustment layer, the source
+  /// for an image layer) when its size differs.
   void adjustMaskSizeForLayer(const std::shared_ptr<BaseLayer>& layer);
 
   /// The bottom image layer's source size; (0, 0) without one.
   _Size<int> canvasSize() const;
+  /// The canvas size, or with applyCrop the crop rectangle's size when a crop is set.
   _Size<int> thumbSize(bool applyCrop) const;
   CropDescription getCropDescription() const { return crop_; }
   void setCropDescription(const CropDescription& crop) { crop_ = crop; }
