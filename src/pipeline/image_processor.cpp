@@ -113,7 +113,7 @@ int ImageProcessor::layerIndex(std::shared_ptr<const BaseLayer> layer) const {
   return -1;
 }
 
-std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToImageLayer(
+std::shared_ptr<ImageLayer> ImageProcessor::convertLayerAtIndexToImageLayer(
     std::size_t index, std::shared_ptr<Image> image) {
   if (index >= layers_.size()) {
     VORN_LOG_FAILURE("Index is out of bounds!");
@@ -126,7 +126,7 @@ std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToImageLayer(
       const auto adjustment = std::static_pointer_cast<AdjustmentLayer>(layer);
       if (!image && adjustment->getBaseImageLayer())
         image = adjustment->getBaseImageLayer()->getSourceImage();
-      std::shared_ptr<BaseLayer> converted = convertLayer(adjustment, image);
+      std::shared_ptr<ImageLayer> converted = convertLayer(adjustment, image);
       if (!converted) return {};
       converted->setNeedProcessing(true);
       *position = converted;
@@ -135,14 +135,15 @@ std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToImageLayer(
     }
     case kImageLayer:
       VORN_LOG_FAILURE("Layer is already Image");
-      return layer;
+      return std::static_pointer_cast<ImageLayer>(layer);
   }
   VORN_LOG_FAILURE("Undefined layer type");
   VORN_LOG_FAILURE("Very bad vorn using#3!");
   return {};
 }
 
-std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToAdjustmentLayer(std::size_t index) {
+std::shared_ptr<AdjustmentLayer> ImageProcessor::convertLayerAtIndexToAdjustmentLayer(
+    std::size_t index) {
   if (index >= layers_.size()) {
     VORN_LOG_FAILURE("Index is out of bounds!");
     return {};
@@ -151,7 +152,7 @@ std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToAdjustmentLayer(
   const std::shared_ptr<BaseLayer> layer = *position;
   switch (layer->type()) {
     case kImageLayer: {
-      std::shared_ptr<BaseLayer> converted =
+      std::shared_ptr<AdjustmentLayer> converted =
           convertLayer(std::static_pointer_cast<const ImageLayer>(layer));
       if (!converted) return {};
       converted->setNeedProcessing(true);
@@ -161,7 +162,7 @@ std::shared_ptr<BaseLayer> ImageProcessor::convertLayerAtIndexToAdjustmentLayer(
     }
     case kAdjustmentLayer:
       VORN_LOG_FAILURE("Layer is already Adjustment");
-      return layer;
+      return std::static_pointer_cast<AdjustmentLayer>(layer);
   }
   VORN_LOG_FAILURE("Undefined layer type");
   return {};
@@ -290,10 +291,6 @@ void ImageProcessor::setUpdateCallback(std::function<void()> callback) {
       image->setUpdateCallback(updateCallback_);
 }
 
-void ImageProcessor::update() {
-  if (updateCallback_) updateCallback_();
-}
-
 std::shared_ptr<Image> ImageProcessor::getOriginalImage() const {
   const std::shared_ptr<ImageLayer> bottom = bottomImageLayer();
   return bottom ? bottom->getSourceImage() : nullptr;
@@ -320,7 +317,7 @@ void ImageProcessor::clearCache() {
   for (const std::shared_ptr<BaseLayer>& layer : layers_) layer->clearCache();
 }
 
-std::shared_ptr<ImageDataRGBf> ImageProcessor::getLastResultThumbnail() {
+std::shared_ptr<const ImageDataRGBf> ImageProcessor::getLastResultThumbnail() {
   if (!lastResultThumbnail_ && lastResult_ && lastThumbSize_.width > 0) {
     const int width = std::max(1, std::min(lastThumbSize_.width / 4, 120));
     const int height =

@@ -63,14 +63,14 @@ bool ImageProcessor::prepareLensCorrectionPreviews(const ImageProcessorSettings&
     }
     // The lens effect takes no preview input yet, so the processor keeps the source per layer;
     // the layer is marked only when the source changed, so the steps above it stay cached.
-    std::shared_ptr<ImageDataRGBf>& kept = lensPreviews_[lens.get()];
+    std::shared_ptr<const ImageDataRGBf>& kept = lensPreviews_[lens.get()];
     if (!kept || !samePixels(*kept, *side.getLastResult())) lens->setNeedProcessing(true);
     kept = side.getLastResult();
   }
   return all;
 }
 
-std::shared_ptr<ImageDataRGBf> ImageProcessor::lensCorrectionPreviewSource(
+std::shared_ptr<const ImageDataRGBf> ImageProcessor::lensCorrectionPreviewSource(
     const std::shared_ptr<const BaseLayer>& layer) const {
   const auto found = lensPreviews_.find(layer.get());
   return found == lensPreviews_.end() ? nullptr : found->second;

@@ -28,7 +28,7 @@ struct Document {
     processor.addLayer(adjustment, 1);
   }
   /// A whole-canvas render at `size` ((0, 0): full size).
-  std::shared_ptr<ImageDataRGBf> render(_Size<int> size = {}, bool useCache = true) {
+  std::shared_ptr<const ImageDataRGBf> render(_Size<int> size = {}, bool useCache = true) {
     ImageProcessorSettings settings;
     settings.processingSize = size;
     settings.useCache = useCache;

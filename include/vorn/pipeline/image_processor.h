@@ -85,9 +85,9 @@ class ImageProcessor {
 
   /// The adjustment layer at index becomes an image layer showing `image` (or its base image
   /// layer's image when empty); an image layer is returned as it is.
-  std::shared_ptr<BaseLayer> convertLayerAtIndexToImageLayer(std::size_t index,
-                                                             std::shared_ptr<Image> image);
-  std::shared_ptr<BaseLayer> convertLayerAtIndexToAdjustmentLayer(std::size_t index);
+  std::shared_ptr<ImageLayer> convertLayerAtIndexToImageLayer(std::size_t index,
+                                                              std::shared_ptr<Image> image);
+  std::shared_ptr<AdjustmentLayer> convertLayerAtIndexToAdjustmentLayer(std::size_t index);
   std::vector<std::vector<Parameter>> getLayerParameters(std::size_t index);
 
   /// Masks sized to their layers, adjustment layers linked to the nearest image layer below.
@@ -123,15 +123,16 @@ class ImageProcessor {
   void setShowMaskLayer(std::shared_ptr<BaseLayer> layer) { showMaskLayer_ = std::move(layer); }
   /// Told when a layer's source has a better frame, so the host can render again.
   void setUpdateCallback(std::function<void()> callback);
-  void update();
+  /// The stored update callback (empty when none is set).
+  std::function<void()> update() const { return updateCallback_; }
 
   /// Renders the enabled layers; on failure the last results stay as they were.
   void startProcessing(ImageProcessorSettings settings);
   /// Shared with the render cache: read it, never write into it.
-  std::shared_ptr<ImageDataRGBf> getLastResult() const { return lastResult_; }
+  std::shared_ptr<const ImageDataRGBf> getLastResult() const { return lastResult_; }
   /// Made from the last result on first request, min(thumb width / 4, 120) wide for the
   /// document's thumbSize, so a preview and a full render give thumbnails of one size.
-  std::shared_ptr<ImageDataRGBf> getLastResultThumbnail();
+  std::shared_ptr<const ImageDataRGBf> getLastResultThumbnail();
   /// The bottom image layer's source image.
   std::shared_ptr<Image> getOriginalImage() const;
   ImageLayer::Frame getOriginalThumbnail();
@@ -151,7 +152,7 @@ class ImageProcessor {
   void clearCache();
   /// The lens-correction layer's preview source: the stack beneath it rendered small, made
   /// before each render until the lens effect takes such an input itself.
-  std::shared_ptr<ImageDataRGBf> lensCorrectionPreviewSource(
+  std::shared_ptr<const ImageDataRGBf> lensCorrectionPreviewSource(
       const std::shared_ptr<const BaseLayer>& layer) const;
   /// The most bytes the last render's step images held at once (shared buffers once).
   std::uint64_t renderPeakBytes() const;
@@ -186,7 +187,7 @@ class ImageProcessor {
   double lastProcessingSeconds_ = 0.0;
   double lastProcessingCpuSeconds_ = 0.0;
   std::vector<std::string> lastDebugLines_;
-  std::map<const BaseLayer*, std::shared_ptr<ImageDataRGBf>> lensPreviews_;
+  std::map<const BaseLayer*, std::shared_ptr<const ImageDataRGBf>> lensPreviews_;
 };
 
 }  // namespace vorn
