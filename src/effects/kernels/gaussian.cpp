@@ -1,7 +1,6 @@
 #include "effects/kernels/gaussian.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <type_traits>
@@ -33,8 +32,8 @@ inline int mirror(int index, int count) {
   return m < count ? m : period - 1 - m;
 }
 
-/// One pass along a line of `count` samples spaced `step` apart: a centred kernel of
-/// 2 radius + 1 taps, either a box (weights empty) or the given weights.
+/// One pass along a line: a centred kernel of 2 radius + 1 taps, either a box (weights empty)
+/// or the given weights.
 struct LinePass {
   int radius = 0;
   std::vector<float> weights;
@@ -71,7 +70,8 @@ std::vector<LinePass> exactPass(float sigma) {
 }
 
 /// Every line is filtered `kLanes` at a time: lane j of sample k is at k * kLanes + j, so the
-/// inner loops have a fixed width the compiler vectorises. Unused lanes carry zeros.
+/// inner loops have a fixed width the compiler vectorises. Unused lanes are filtered too but
+/// never written back.
 constexpr int kLanes = 48;
 
 /// A line of `count` samples held with `margin` mirrored samples on each side, in storage the
@@ -146,10 +146,7 @@ int widestMargin(const std::vector<LinePass>& passes) {
 /// storage stays with the thread (a few MB): fresh pages per task cost more than the filter.
 struct Scratch {
   Scratch(int count, const std::vector<LinePass>& passes)
-      : margin(widestMargin(passes)),
-        line(storage(count, margin), count, margin),
-        spare(storage(count, margin) + PaddedLine::floatsFor(count, margin), count, margin) {}
-  int margin;
+      : Scratch(count, widestMargin(passes), storage(count, widestMargin(passes))) {}
   PaddedLine line;
   PaddedLine spare;
   /// Runs every pass; the result is left in `line`.
@@ -162,6 +159,9 @@ struct Scratch {
   }
 
  private:
+  Scratch(int count, int margin, float* values)
+      : line(values, count, margin),
+        spare(values + PaddedLine::floatsFor(count, margin), count, margin) {}
   static float* storage(int count, int margin) {
     thread_local std::vector<float> buffer;
     const std::size_t needed = 2 * PaddedLine::floatsFor(count, margin);
@@ -231,22 +231,35 @@ void blurColumns(const FloatRows& rows, const std::vector<LinePass>& passes) {
   });
 }
 
+/// A negligible blur: the rows copied as they are (nothing to do in place).
+void copyRows(const FloatRows& rows) {
+  const std::size_t values = static_cast<std::size_t>(rows.values());
+  parallelRows(rows.height, [&](int first, int end) {
+    for (int y = first; y < end; ++y) {
+      const float* in = rows.readRow(rows.source, y);
+      float* out = rows.writeRow(rows.destination, y);
+      if (in != out) std::copy_n(in, values, out);
+    }
+  });
+}
+
 void blur(const FloatRows& rows, float sigma, const RenderControl* control) {
+  // Non-finite sigma or a tiny one: a copy (callers treat the blur as absent).
+  if (!(sigma >= kNegligibleSigma)) {
+    copyRows(rows);
+    return;
+  }
   const auto checkpoint = [control] {
     if (control) control->checkpoint();
   };
-  // Non-finite sigma or a tiny one: a copy (callers treat the blur as absent).
-  const bool negligible = !(sigma >= kNegligibleSigma);
   constexpr float kBoxFromSigma = 4.0f;
-  const std::vector<LinePass> passes =
-      negligible ? std::vector<LinePass>{}
-                 : (sigma < kBoxFromSigma ? exactPass(sigma) : boxPasses(sigma));
+  const std::vector<LinePass> passes = sigma < kBoxFromSigma ? exactPass(sigma) : boxPasses(sigma);
   if (rows.channels == 3)
     blurRows<3>(rows, passes);
   else
     blurRows<1>(rows, passes);
   checkpoint();
-  if (!passes.empty()) blurColumns(rows, passes);
+  blurColumns(rows, passes);
   checkpoint();
 }
 

@@ -77,18 +77,27 @@ TEST(GaussianBlur, InPlaceAndRgbRegionAgreeWithThePlanePath) {
   ASSERT_EQ(out.width, rect.width);
   ASSERT_EQ(out.height, rect.height);
 
-  Plane green(rect.width, rect.height), blurred;
-  for (int y = 0; y < rect.height; ++y)
-    for (int x = 0; x < rect.width; ++x) green.row(y)[x] = g.row(rect.y + y)[rect.x + x];
-  gaussianBlur(green, sigma, blurred);
-  Plane inPlace(rect.width, rect.height);
-  std::copy(green.data(), green.data() + green.size(), inPlace.data());
-  gaussianBlur(inPlace, sigma, inPlace);
-  for (int y = 0; y < rect.height; ++y)
-    for (int x = 0; x < rect.width; ++x) {
-      ASSERT_EQ(out.at(x, y).g, blurred.row(y)[x]) << x << "," << y;
-      ASSERT_EQ(inPlace.row(y)[x], blurred.row(y)[x]);
-    }
+  const Plane* planes[] = {&r, &g, &b};
+  for (int c = 0; c < 3; ++c) {
+    Plane channel(rect.width, rect.height), blurred;
+    for (int y = 0; y < rect.height; ++y)
+      for (int x = 0; x < rect.width; ++x)
+        channel.row(y)[x] = planes[c]->row(rect.y + y)[rect.x + x];
+    gaussianBlur(channel, sigma, blurred);
+    Plane inPlace(rect.width, rect.height);
+    std::copy(channel.data(), channel.data() + channel.size(), inPlace.data());
+    gaussianBlur(inPlace, sigma, inPlace);
+    for (int y = 0; y < rect.height; ++y)
+      for (int x = 0; x < rect.width; ++x) {
+        const PixelRGB<float>& p = out.at(x, y);
+        ASSERT_EQ((c == 0   ? p.r
+                   : c == 1 ? p.g
+                            : p.b),
+                  blurred.row(y)[x])
+            << c << " " << x << "," << y;
+        ASSERT_EQ(inPlace.row(y)[x], blurred.row(y)[x]);
+      }
+  }
 
   // A sub-rectangle blurred onto its own frame gives the same pixels.
   ImageRGBf self = image;
