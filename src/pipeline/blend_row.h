@@ -1,7 +1,5 @@
 #pragma once
 
-#include <immintrin.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -11,8 +9,8 @@
 
 namespace vorn::detail {
 
-/// One row of a blend: `pixels` RGB pixels of each image, one mask value per pixel (mask may be
-/// null), and whether the result goes out with non-temporal stores.
+/// One row of a blend: `pixels` RGB pixels of each image and one mask value per pixel (mask may
+/// be null).
 struct BlendRow {
   const float* top = nullptr;
   const float* bottom = nullptr;
@@ -20,7 +18,6 @@ struct BlendRow {
   float opacity = 1.0f;
   float* out = nullptr;
   std::size_t pixels = 0;
-  bool stream = false;
 };
 
 /// Blends one row in Normal ... Subtract; out may be top or bottom.
@@ -32,6 +29,17 @@ void blendLabRow(BlendModeType mode, const BlendRow& row);
 // live on the stack, so out may alias an input and the inner loops still vectorise.
 inline constexpr std::size_t kBlendBlockPixels = 512;
 inline constexpr std::size_t kBlendBlockFloats = 3 * kBlendBlockPixels;
+
+/// Whether out shares memory with top or bottom over the row.
+inline bool rowAliased(const BlendRow& row) {
+  const auto overlaps = [&](const float* input) {
+    const auto a = reinterpret_cast<std::uintptr_t>(input);
+    const auto o = reinterpret_cast<std::uintptr_t>(row.out);
+    const std::uintptr_t bytes = 3 * row.pixels * sizeof(float);
+    return a < o + bytes && o < a + bytes;
+  };
+  return overlaps(row.top) || overlaps(row.bottom);
+}
 
 /// alpha[3i + c] = opacity * mask[i], or opacity alone without a mask.
 [[gnu::always_inline]] inline void expandAlpha(const float* __restrict mask, float opacity,
@@ -53,19 +61,6 @@ inline constexpr std::size_t kBlendBlockFloats = 3 * kBlendBlockPixels;
   return f * a + b * (1.0f - a);
 }
 
-/// Streaming bypasses the cache for a result too large to be read back from it.
-[[gnu::always_inline]] inline void storeBlock(float* dst, const float* src, std::size_t count,
-                                              bool stream) {
-  if (!stream) {
-    std::memcpy(dst, src, count * sizeof(float));
-    return;
-  }
-  std::size_t i = 0;
-  for (; i < count && (reinterpret_cast<std::uintptr_t>(dst + i) & 15u) != 0; ++i) dst[i] = src[i];
-  for (; i + 4 <= count; i += 4) _mm_stream_ps(dst + i, _mm_loadu_ps(src + i));
-  for (; i < count; ++i) dst[i] = src[i];
-}
-
 /// Calls block(top, bottom, alpha, out, floats) for each block of the row, out being a stack
 /// buffer stored to the row afterwards.
 template <typename Block>
@@ -76,9 +71,8 @@ template <typename Block>
     const std::size_t pixels = std::min(kBlendBlockPixels, row.pixels - first);
     expandAlpha(row.mask ? row.mask + first : nullptr, row.opacity, alpha, pixels);
     block(row.top + 3 * first, row.bottom + 3 * first, alpha, out, 3 * pixels);
-    storeBlock(row.out + 3 * first, out, 3 * pixels, row.stream);
+    std::memcpy(row.out + 3 * first, out, 3 * pixels * sizeof(float));
   }
-  if (row.stream) _mm_sfence();
 }
 
 }  // namespace vorn::detail
