@@ -9,7 +9,7 @@ namespace vorn::detail {
 
 // The curves between sRGB-encoded values and CIE L*a*b*, written as straight-line arithmetic
 // without division (inverse roots by Newton steps) so that they vectorise without table gathers
-// and stay off the divider; relative error about 3e-7 on the ranges used.
+// and stay off the divider; relative error below 1.2e-5 on the ranges used.
 
 /// r^N by repeated squaring.
 template <int N>
@@ -24,19 +24,25 @@ template <int N>
   }
 }
 
-/// x^(-1/N) for x in [1e-3, 1] (N = 3 or 5): an estimate from the exponent bits, then three
-/// Newton steps r * ((N + 1) - x r^N) / N, each of which squares the relative error.
+/// x^(-1/N) for x in [1e-3, 1] (N = 3 or 5): an estimate from the exponent bits, then two
+/// Newton steps r * ((N + 1) - x r^N) / N, each of which squares the relative error. A plain
+/// step always lands low; scaling it by a factor just above 1 centres its error, which leaves
+/// 1.6e-6 (N = 3) and 3.6e-6 (N = 5) after the second step where a third would cost 15% more.
 template <int N>
 [[gnu::always_inline]] inline float inverseRoot(float x) {
   static_assert(N == 3 || N == 5);
-  // Near (N + 1) / N times the bits of 1.0, tuned for the smallest worst error on [1e-3, 1].
+  // Near (N + 1) / N times the bits of 1.0; it and the factors were fitted for the smallest
+  // worst error on [1e-3, 1].
   constexpr std::int32_t kMagic = N == 3 ? 0x54a21aaa : 0x4c2b899a;
+  constexpr float kCentre[2] = {N == 3 ? 1.0012002f : 1.0015002f,
+                                N == 3 ? 1.00000143f : 1.00000334f};
   // bits / N through float: exact enough for an estimate, and it vectorises where an integer
   // division does not.
   const float bits = static_cast<float>(std::bit_cast<std::int32_t>(x));
   float r = std::bit_cast<float>(kMagic - static_cast<std::int32_t>(bits * (1.0f / N)));
   const float xOverN = x * (1.0f / N);
-  for (int step = 0; step < 3; ++step) r = r * ((N + 1.0f) / N - xOverN * powInt<N>(r));
+  for (const float centre : kCentre)
+    r = r * (centre * ((N + 1.0f) / N) - (centre * xOverN) * powInt<N>(r));
   return r;
 }
 
