@@ -70,22 +70,6 @@ struct Weighted {
   float operator()(float t, float b, float a) const { return mixBlend(F{}(t, b), b, a); }
 };
 
-using Lanes8 = float __attribute__((vector_size(32)));
-constexpr std::size_t kGroupPixels = 8;
-
-// Opacity times eight mask values, each repeated for the three channels of its pixel. Built as
-// whole vectors so that the loads which follow are forwarded from the stores.
-[[gnu::always_inline]] inline void spreadAlpha(const float* mask, float opacity,
-                                               float* __restrict alpha) {
-  Lanes8 m;
-  std::memcpy(&m, mask, sizeof m);
-  m *= opacity;
-  const Lanes8 spread[3] = {__builtin_shufflevector(m, m, 0, 0, 0, 1, 1, 1, 2, 2),
-                            __builtin_shufflevector(m, m, 2, 3, 3, 3, 4, 4, 4, 5),
-                            __builtin_shufflevector(m, m, 5, 5, 6, 6, 6, 7, 7, 7)};
-  std::memcpy(alpha, spread, sizeof spread);
-}
-
 // One fused pass over the pixels: each value is read once and written once.
 template <typename W>
 [[gnu::always_inline]] inline void blendPixels(const float* __restrict top,

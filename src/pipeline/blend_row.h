@@ -41,18 +41,37 @@ inline bool rowAliased(const BlendRow& row) {
   return overlaps(row.top) || overlaps(row.bottom);
 }
 
+using Lanes8 = float __attribute__((vector_size(32)));
+inline constexpr std::size_t kGroupPixels = 8;
+
+// Opacity times eight mask values, each repeated for the three channels of its pixel. Built as
+// whole vectors so that the loads which follow are forwarded from the stores.
+[[gnu::always_inline]] inline void spreadAlpha(const float* mask, float opacity,
+                                               float* __restrict alpha) {
+  Lanes8 m;
+  std::memcpy(&m, mask, sizeof m);
+  m *= opacity;
+  const Lanes8 spread[3] = {__builtin_shufflevector(m, m, 0, 0, 0, 1, 1, 1, 2, 2),
+                            __builtin_shufflevector(m, m, 2, 3, 3, 3, 4, 4, 4, 5),
+                            __builtin_shufflevector(m, m, 5, 5, 6, 6, 6, 7, 7, 7)};
+  std::memcpy(alpha, spread, sizeof spread);
+}
+
 /// alpha[3i + c] = opacity * mask[i], or opacity alone without a mask.
 [[gnu::always_inline]] inline void expandAlpha(const float* __restrict mask, float opacity,
                                                float* __restrict alpha, std::size_t pixels) {
-  if (mask) {
-    for (std::size_t i = 0; i < pixels; ++i) {
-      const float a = opacity * mask[i];
-      alpha[3 * i] = a;
-      alpha[3 * i + 1] = a;
-      alpha[3 * i + 2] = a;
-    }
-  } else {
+  if (!mask) {
     for (std::size_t i = 0; i < 3 * pixels; ++i) alpha[i] = opacity;
+    return;
+  }
+  std::size_t p = 0;
+  for (; p + kGroupPixels <= pixels; p += kGroupPixels)
+    spreadAlpha(mask + p, opacity, alpha + 3 * p);
+  for (; p < pixels; ++p) {
+    const float a = opacity * mask[p];
+    alpha[3 * p] = a;
+    alpha[3 * p + 1] = a;
+    alpha[3 * p + 2] = a;
   }
 }
 
