@@ -15,9 +15,6 @@ namespace {
 
 using ImageRGBf = _ImageData<PixelRGB<float>>;
 
-// A result of at least this size is written past the cache: it cannot stay there for a reader.
-constexpr std::uint64_t kStreamFromBytes = std::uint64_t(64) << 20;
-
 void copyRegion(const ImageRGBf& src, ImageRGBf& dst, const _Rect<int>& region) {
   if (&src == &dst) return;
   const std::size_t bytes = static_cast<std::size_t>(region.width) * sizeof(PixelRGB<float>);
@@ -73,13 +70,11 @@ void blendImages(std::shared_ptr<const ImageRGBf> top, std::shared_ptr<const Ima
   if (!mask && opacity == 1.0f && mode == kBlendNormal) return copyRegion(*top, *result, region);
 
   const bool lab = mode >= kBlendLuminosity;
-  const bool stream = whole && result->sizeInBytes() >= kStreamFromBytes;
   ImageRGBf& out = *result;
   detail::parallelRows(region.height, [&](int first, int end) {
     detail::BlendRow row;
     row.opacity = opacity;
     row.pixels = static_cast<std::size_t>(region.width);
-    row.stream = stream;
     for (int y = region.y + first; y < region.y + end; ++y) {
       row.top = &(top->row(y) + region.x)->r;
       row.bottom = &(bottom->row(y) + region.x)->r;

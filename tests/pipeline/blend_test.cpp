@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/lab_curves.h"
 #include "support/log_capture.h"
 #include "vorn/pipeline/blend.h"
 
@@ -197,6 +198,42 @@ TEST(BlendRegions, OneThreadEqualsMany) {
   }
 }
 
+// A result that is top or bottom itself goes through the staged path; a separate one is written
+// directly. Both must give the same bits, inside a rect too.
+TEST(BlendRegions, AliasedResultEqualsSeparateResult) {
+  const auto top = randomImage(kSize, 21), bottom = randomImage(kSize, 22);
+  const auto mask = randomMask(kSize, 23);
+  const _Rect<int> rect(3, 1, 530, 5);
+  for (int mode = kBlendNormal; mode <= kBlendColor; ++mode) {
+    for (const _Rect<int> region : {_Rect<int>(), rect}) {
+      const auto copyOf = [](const std::shared_ptr<RGBf>& img) {
+        auto copy = std::make_shared<RGBf>(img->size());
+        std::memcpy(copy->data, img->data, img->sizeInBytes());
+        return copy;
+      };
+      auto separate = copyOf(bottom);
+      blendImages(top, bottom, separate, mask, 0.85f, BlendModeType(mode), region);
+      auto intoTop = copyOf(top);
+      std::shared_ptr<RGBf> resultTop = intoTop;
+      blendImages(intoTop, bottom, resultTop, mask, 0.85f, BlendModeType(mode), region);
+      auto intoBottom = copyOf(bottom);
+      std::shared_ptr<RGBf> resultBottom = intoBottom;
+      blendImages(top, intoBottom, resultBottom, mask, 0.85f, BlendModeType(mode), region);
+      ASSERT_TRUE(separate && resultTop && resultBottom);
+      ASSERT_EQ(resultTop.get(), intoTop.get());
+      ASSERT_EQ(resultBottom.get(), intoBottom.get());
+      EXPECT_TRUE(samePixels(*resultBottom, *separate)) << "mode " << mode;
+      // Outside a rect the top-aliased result keeps top's pixels, so compare the rect only.
+      const _Rect<int> inside = region.isZero() ? top->rect() : region;
+      int differing = 0;
+      for (int y = inside.y; y < inside.y + inside.height; ++y)
+        differing += std::memcmp(resultTop->row(y) + inside.x, separate->row(y) + inside.x,
+                                 sizeof(PixelRGB<float>) * inside.width) != 0;
+      EXPECT_EQ(differing, 0) << "mode " << mode;
+    }
+  }
+}
+
 TEST(BlendFailures, EachLogsItsLineAndWritesNothing) {
   const _Size<int> size(9, 5);
   const auto top = randomImage(size, 14), bottom = randomImage(size, 15);
@@ -276,6 +313,31 @@ bool inGamut(PixelRGB<float> p) {
   for (float v : {p.r, p.g, p.b})
     if (v < 0.002f || v > 0.998f) return false;
   return true;
+}
+
+// The curves behind the L*a*b* modes, swept densely against double precision: a wrong estimate
+// constant or Newton factor shows here as an error far above the bounds.
+TEST(BlendLab, CurvesMatchDoublePrecision) {
+  double decode = 0, encode = 0, lab = 0, roundTrip = 0;
+  for (int i = 0; i <= 200000; ++i) {
+    const double v = i / 200000.0;
+    const float f = static_cast<float>(v);
+    const double linear = v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    const double encoded = v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
+    const double labF = v > 216.0 / 24389 ? std::cbrt(v) : v * 841 / 108 + 4.0 / 29;
+    decode = std::max(decode, std::fabs(detail::srgbToLinear(f) - linear));
+    encode = std::max(encode, std::fabs(detail::linearToSrgb(f) - encoded));
+    lab = std::max(lab, std::fabs(detail::labF(f) - labF));
+    roundTrip = std::max(roundTrip, std::fabs(detail::linearToSrgb(detail::srgbToLinear(f)) - v));
+  }
+  EXPECT_LT(decode, 1.5e-5);
+  EXPECT_LT(encode, 1.5e-5);
+  EXPECT_LT(lab, 1e-5);
+  EXPECT_LT(roundTrip, 1e-4);
+  // Outside [0, 1] the decoder clamps; NaN reads as 0.
+  EXPECT_EQ(detail::srgbToLinear(-0.5f), 0.0f);
+  EXPECT_NEAR(detail::srgbToLinear(7.0f), 1.0f, 1e-5);
+  EXPECT_EQ(detail::srgbToLinear(std::numeric_limits<float>::quiet_NaN()), 0.0f);
 }
 
 TEST(BlendLab, ModesKeepTheirComponents) {
