@@ -150,6 +150,10 @@ std::optional<DisplayGeometry> DisplayGeometry::plan(const DisplayRequest& r, st
         _Rect<float>(static_cast<float>(display.x), static_cast<float>(display.y),
                      static_cast<float>(display.width), static_cast<float>(display.height)));
     display = _Rect<double>(shown.x, shown.y, shown.width, shown.height);
+    // The whole canvas shows the whole crop, black where it reaches past the picture.
+    if (r.roi == _Rect<float>(0.0f, 0.0f, static_cast<float>(r.canvas.width),
+                              static_cast<float>(r.canvas.height)))
+      display = _Rect<double>(0.0, 0.0, r.crop.cropRect.width, r.crop.cropRect.height);
   }
   // The display axes run along the canvas axes, or across them for the swapping orientations.
   const bool swap = r.orientation >= 5;
@@ -170,6 +174,9 @@ std::optional<DisplayGeometry> DisplayGeometry::plan(const DisplayRequest& r, st
   g.outputToCanvas_ = *back;
   g.anchor_ = g.outputToCanvas_.apply(_Point<double>(0.0, 0.0));
   g.wholePixel_ = isWholePixelMap(g.cellToCanvas().then(g.canvasToOutput_));
+  // A turned output is resampled anyway; cells on the canvas grid keep the render itself free
+  // of a second resample.
+  if (!g.wholePixel_) g.anchor_ = _Point<double>(0.0, 0.0);
   // Inward here: a cell only partly on the canvas would be rendered from past its edge.
   const Bounds canvas = mappedBounds(g.canvasToCell(), 0.0, 0.0, r.canvas.width, r.canvas.height);
   const int cx0 = static_cast<int>(std::ceil(canvas.x0 - kSnap));

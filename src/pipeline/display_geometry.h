@@ -42,9 +42,10 @@ struct DisplayRequest {
   _Size<int> size;
 };
 
-/// The engine renders cells of a grid of canvas points anchored at the output's top-left
-/// corner, one output pixel apart, so that without a crop rotation the output is a whole-pixel
-/// copy (or turn) of the render; a turned crop needs one bilinear resample.
+/// The engine renders cells of a grid of canvas points one output pixel apart. Without a crop
+/// rotation the grid is anchored at the output's top-left corner, so the output is a
+/// whole-pixel copy (or turn) of the render; a turned crop takes the grid of the canvas origin
+/// and one bilinear resample.
 class DisplayGeometry {
  public:
   /// Empty, with `error` set, when the parameters are unusable or the ROI shows nothing.
