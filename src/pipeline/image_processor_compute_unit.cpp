@@ -126,7 +126,7 @@ const char* stepLogFormat(const Operation& op) {
     case OperationType::PushBlendEffectAmount:
       return "op(%zu) PushBlendEffectAmount (%zu)";
     case OperationType::None:
-      break;
+      return "op(%zu) None (%zu)";
   }
   return nullptr;
 }
@@ -146,6 +146,18 @@ bool stepMarkedDirty(const Operation& op) {
     default:
       return op.layer->BaseLayer::isNeedProcessing();
   }
+}
+
+/// Every step has its layer, every effect step its effect, every blend an earlier bottom.
+bool wellFormed(const std::vector<Operation>& ops) {
+  for (std::size_t i = 0; i < ops.size(); ++i) {
+    const Operation& op = ops[i];
+    const bool effectStep = op.type == OperationType::Compute || op.type == OperationType::Develop;
+    const bool blendStep =
+        op.type == OperationType::Blend || op.type == OperationType::BlendEffectAmount;
+    if (!op.layer || (effectStep && !op.effect) || (blendStep && op.bottom >= i)) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -299,11 +311,26 @@ void ImageProcessorComputeUnit::clearFlags(const std::vector<Operation>& ops) {
 }
 
 RenderStatus ImageProcessorComputeUnit::run(const RenderRequest& request) {
+  return runSteps(request, nullptr);
+}
+
+RenderStatus ImageProcessorComputeUnit::runOperations(const RenderRequest& request,
+                                                      const std::vector<Operation>& ops) {
+  return runSteps(request, &ops);
+}
+
+RenderStatus ImageProcessorComputeUnit::runSteps(const RenderRequest& request,
+                                                 const std::vector<Operation>* given) {
   peakBytes_ = 0;
   try {
-    const std::vector<Operation> ops = buildOperations(request);
+    const std::vector<Operation> ops = given ? *given : buildOperations(request);
     if (ops.empty()) {
       VORN_LOG_FAILURE("There is nothing to render");
+      return RenderStatus::Failed;
+    }
+    if (!wellFormed(ops)) {
+      VORN_LOG_FAILURE("Malformed step list: a step lacks its layer, effect or bottom");
+      reset();
       return RenderStatus::Failed;
     }
     std::size_t from = request.useCache ? restoreCurrentCacheState(ops, request) : 0;
