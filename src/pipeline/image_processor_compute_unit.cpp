@@ -24,6 +24,27 @@ bool nearInteger(float v) {
   return std::fabs(v - std::round(v)) < 1e-3f;
 }
 
+/// The frame region resampled to the request's size. A render at a quarter or a half of the
+/// frame's scale or less reads the layer's reduced copy when the region falls on its pixels, so
+/// a preview of a large frame reads a few megabytes, not the whole frame.
+ConstFrame resampleRegion(ImageLayer& layer, const ImageDataRGBf& frame, _Rect<int> rect,
+                          const RenderRequest& request) {
+  const bool highQuality = !request.previewQuality;
+  for (const int factor : {4, 2}) {
+    if (request.size.width * factor > rect.width || request.size.height * factor > rect.height ||
+        rect.x % factor != 0 || rect.y % factor != 0 || rect.width % factor != 0 ||
+        rect.height % factor != 0)
+      continue;
+    const ImageLayer::Frame reduced = layer.getReducedWorkingImage(factor);
+    if (!reduced || reduced->width * factor != frame.width) continue;
+    const _Rect<int> part(rect.x / factor, rect.y / factor, rect.width / factor,
+                          rect.height / factor);
+    if (part == reduced->rect() && request.size == reduced->size()) return reduced;
+    return reduced->resize(request.size, part, highQuality);
+  }
+  return frame.resize(request.size, rect, highQuality);
+}
+
 /// The layer's best frame over the request's ROI at the request's size: a plain resample of
 /// the frame region when the layer sits unmoved on the canvas, an affine render otherwise.
 ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
@@ -45,7 +66,7 @@ ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
       const bool inside = rect.x >= 0 && rect.y >= 0 && rect.x + rect.width <= frame->width &&
                           rect.y + rect.height <= frame->height;
       // A ROI reaching past a layer smaller than the canvas takes the affine path below.
-      if (inside) return frame->resize(request.size, rect, !request.previewQuality);
+      if (inside) return resampleRegion(layer, *frame, rect, request);
     }
   }
   auto out = std::make_shared<ImageDataRGBf>(request.size, PixelRGB<float>(0.0f, 0.0f, 0.0f),
