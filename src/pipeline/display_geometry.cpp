@@ -10,6 +10,8 @@ namespace {
 
 /// Rounding slack for cell and pixel bounds that should be whole.
 constexpr double kSnap = 1e-6;
+/// Cell and pixel counts beyond this are refused before they become ints.
+constexpr double kMaxSide = 1 << 30;
 
 struct Bounds {
   double x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
@@ -159,8 +161,13 @@ std::optional<DisplayGeometry> DisplayGeometry::plan(const DisplayRequest& r, st
   const bool swap = r.orientation >= 5;
   const double sx = swap ? g.scale_.y : g.scale_.x;
   const double sy = swap ? g.scale_.x : g.scale_.y;
-  g.output_ = _Size<int>(static_cast<int>(std::lround(display.width * sx)),
-                         static_cast<int>(std::lround(display.height * sy)));
+  const double outputWidth = std::round(display.width * sx);
+  const double outputHeight = std::round(display.height * sy);
+  if (!(outputWidth <= kMaxSide && outputHeight <= kMaxSide)) {
+    error = "The cropped picture at this scale is too large";
+    return std::nullopt;
+  }
+  g.output_ = _Size<int>(static_cast<int>(outputWidth), static_cast<int>(outputHeight));
   if (g.output_.width < 1 || g.output_.height < 1) {
     error = "The processingROI shows nothing of the cropped picture";
     return std::nullopt;
@@ -179,6 +186,11 @@ std::optional<DisplayGeometry> DisplayGeometry::plan(const DisplayRequest& r, st
   if (!g.wholePixel_) g.anchor_ = _Point<double>(0.0, 0.0);
   // Inward here: a cell only partly on the canvas would be rendered from past its edge.
   const Bounds canvas = mappedBounds(g.canvasToCell(), 0.0, 0.0, r.canvas.width, r.canvas.height);
+  if (!(std::fabs(canvas.x0) <= kMaxSide && std::fabs(canvas.x1) <= kMaxSide &&
+        std::fabs(canvas.y0) <= kMaxSide && std::fabs(canvas.y1) <= kMaxSide)) {
+    error = "The processingROI is too small for the processingSize";
+    return std::nullopt;
+  }
   const int cx0 = static_cast<int>(std::ceil(canvas.x0 - kSnap));
   const int cy0 = static_cast<int>(std::ceil(canvas.y0 - kSnap));
   const int cx1 = static_cast<int>(std::floor(canvas.x1 + kSnap));

@@ -298,8 +298,18 @@ TEST(ImageProcessorGeometry, UnusableGeometryFailsTheRenderCleanly) {
   settings.processingROI = _Rect<float>(40, 30, 10, 10);
   p.startProcessing(settings);
   EXPECT_EQ(log.countContaining("shows nothing"), 1u);
-  EXPECT_EQ(p.getLastResult(), first) << "refused renders change nothing";
+  // Scales that would count cells or pixels past an int are refused, not overflowed.
+  p.setCropDescription(CropDescription(0.0f, _Rect<int>(0, 0, 2000000000, 2000000000)));
+  settings.processingROI = {};
+  p.startProcessing(settings);
+  EXPECT_EQ(log.countContaining("too large"), 1u);
   settings.applyCrop = false;
+  settings.processingROI = _Rect<float>(0, 0, 1e-30f, 1e-30f);
+  settings.processingSize = _Size<int>(100, 100);
+  p.startProcessing(settings);
+  EXPECT_EQ(log.countContaining("too small for the processingSize"), 1u);
+  EXPECT_EQ(p.getLastResult(), first) << "refused renders change nothing";
+  settings.processingROI = _Rect<float>(40, 30, 10, 10);
   settings.processingSize = _Size<int>(10, 10);
   p.startProcessing(settings);
   ASSERT_TRUE(p.getLastResult());
