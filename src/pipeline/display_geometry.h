@@ -66,16 +66,18 @@ class DisplayGeometry {
   bool isIdentity(const _Rect<int>& cells) const;
 
   /// The output made from a render of `cells`: a whole-pixel copy or turn when the geometry
-  /// allows, one bilinear resample otherwise; pixels off the canvas are black.
-  std::shared_ptr<_ImageData<PixelRGB<float>>> present(const _ImageData<PixelRGB<float>>& render,
-                                                       const _Rect<int>& cells) const;
+  /// allows, one bilinear resample otherwise; pixels off the canvas are black. Written into
+  /// `into` when it has the output's size (every pixel is written), else into a new buffer.
+  std::shared_ptr<_ImageData<PixelRGB<float>>> present(
+      const _ImageData<PixelRGB<float>>& render, const _Rect<int>& cells,
+      std::shared_ptr<_ImageData<PixelRGB<float>>> into = {}) const;
   std::shared_ptr<_ImageData<float>> present(const _ImageData<float>& render,
                                              const _Rect<int>& cells) const;
 
  private:
   template <typename T>
-  std::shared_ptr<_ImageData<T>> presentAny(const _ImageData<T>& render,
-                                            const _Rect<int>& cells) const;
+  std::shared_ptr<_ImageData<T>> presentAny(const _ImageData<T>& render, const _Rect<int>& cells,
+                                            std::shared_ptr<_ImageData<T>> into) const;
   PlaneMap cellToCanvas() const;
   PlaneMap canvasToCell() const;
   /// Output pixel centres to render pixel centres, both with pixel i centred on i.

@@ -32,22 +32,28 @@ std::pair<int, int> insideSpan(double p0, double k, double lo, double hi, int fi
   return {s0, s1};
 }
 
-/// Bilinear lookup at a pixel-centred position, the edge pixels repeated past the edge.
+/// Rounds down without a library call (the baseline has no rounding instruction).
+int floorToInt(double v) {
+  const int i = static_cast<int>(v);
+  return v < static_cast<double>(i) ? i - 1 : i;
+}
+
+/// Bilinear lookup at a pixel-centred position, the edge pixels repeated past the edge; the
+/// position lies within a pixel of the image.
 template <typename T>
 T bilinear(const _ImageData<T>& src, double px, double py) {
   using Channel = typename detail::PixelTraits<T>::Channel;
   constexpr int C = detail::PixelTraits<T>::kChannels;
-  const double fx0 = std::floor(px), fy0 = std::floor(py);
-  const auto fx = static_cast<float>(px - fx0);
-  const auto fy = static_cast<float>(py - fy0);
-  const auto column = [&](double v) {
-    return static_cast<int>(std::clamp(v, 0.0, static_cast<double>(src.width - 1)));
-  };
-  const auto line = [&](double v) {
-    return static_cast<int>(std::clamp(v, 0.0, static_cast<double>(src.height - 1)));
-  };
-  const int x0 = column(fx0), x1 = column(fx0 + 1.0);
-  const int y0 = line(fy0), y1 = line(fy0 + 1.0);
+  const int ix = floorToInt(px), iy = floorToInt(py);
+  const auto fx = static_cast<float>(px - ix);
+  const auto fy = static_cast<float>(py - iy);
+  int x0 = ix, x1 = ix + 1, y0 = iy, y1 = iy + 1;
+  if (ix < 0 || iy < 0 || x1 >= src.width || y1 >= src.height) {
+    x0 = std::clamp(x0, 0, src.width - 1);
+    x1 = std::clamp(x1, 0, src.width - 1);
+    y0 = std::clamp(y0, 0, src.height - 1);
+    y1 = std::clamp(y1, 0, src.height - 1);
+  }
   const Channel* p00 = detail::channels(src.row(y0) + x0);
   const Channel* p10 = detail::channels(src.row(y0) + x1);
   const Channel* p01 = detail::channels(src.row(y1) + x0);
@@ -65,9 +71,13 @@ T bilinear(const _ImageData<T>& src, double px, double py) {
 }  // namespace
 
 template <typename T>
-std::shared_ptr<_ImageData<T>> DisplayGeometry::presentAny(const _ImageData<T>& render,
-                                                           const _Rect<int>& cells) const {
-  auto out = std::make_shared<_ImageData<T>>(output_, render.colorProfile);
+std::shared_ptr<_ImageData<T>> DisplayGeometry::presentAny(
+    const _ImageData<T>& render, const _Rect<int>& cells,
+    std::shared_ptr<_ImageData<T>> into) const {
+  std::shared_ptr<_ImageData<T>> out = std::move(into);
+  if (!out || out->size() != output_ || out.get() == &render)
+    out = std::make_shared<_ImageData<T>>(output_, render.colorProfile);
+  out->colorProfile = render.colorProfile;
   out->loadState = render.loadState;
   const PlaneMap m = outputToRender(cells);
   // Output pixels whose centre falls off the canvas are black; a whole-pixel copy also never
@@ -121,13 +131,14 @@ std::shared_ptr<_ImageData<T>> DisplayGeometry::presentAny(const _ImageData<T>& 
 }
 
 std::shared_ptr<_ImageData<PixelRGB<float>>> DisplayGeometry::present(
-    const _ImageData<PixelRGB<float>>& render, const _Rect<int>& cells) const {
-  return presentAny(render, cells);
+    const _ImageData<PixelRGB<float>>& render, const _Rect<int>& cells,
+    std::shared_ptr<_ImageData<PixelRGB<float>>> into) const {
+  return presentAny(render, cells, std::move(into));
 }
 
 std::shared_ptr<_ImageData<float>> DisplayGeometry::present(const _ImageData<float>& render,
                                                             const _Rect<int>& cells) const {
-  return presentAny(render, cells);
+  return presentAny(render, cells, std::shared_ptr<_ImageData<float>>());
 }
 
 }  // namespace vorn

@@ -351,6 +351,7 @@ std::uint64_t ImageProcessor::renderPeakBytes() const {
 void ImageProcessor::clearSelf() {
   pool_.clear();
   lastResult_.reset();
+  presented_.reset();
   lastResultThumbnail_.reset();
   needsClear_ = false;
 }

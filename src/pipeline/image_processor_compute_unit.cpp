@@ -40,9 +40,12 @@ ConstFrame resampleRegion(ImageLayer& layer, const ImageDataRGBf& frame, _Rect<i
     const _Rect<int> part(rect.x / factor, rect.y / factor, rect.width / factor,
                           rect.height / factor);
     if (part == reduced->rect() && request.size == reduced->size()) return reduced;
-    return reduced->resize(request.size, part, highQuality);
+    return part.size() == request.size ? reduced->copy(part)
+                                       : reduced->resize(request.size, part, highQuality);
   }
-  return frame.resize(request.size, rect, highQuality);
+  // A region at its own size is a plain copy; the resampler would average single pixels.
+  return rect.size() == request.size ? frame.copy(rect)
+                                     : frame.resize(request.size, rect, highQuality);
 }
 
 /// The layer's best frame over the request's ROI at the request's size: a plain resample of

@@ -10,6 +10,7 @@
 #include "io/input_limits.h"
 #include "pipeline/display_geometry.h"
 #include "pipeline/image_processor_compute_unit.h"
+#include "pipeline/render_effect_roles.h"
 #include "vorn/core/memory_manager.h"
 #include "vorn/core/processing_status.h"
 #include "vorn/pipeline/image_processor.h"
@@ -183,14 +184,32 @@ void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   request.useCache = settings.useCache;
   request.previewQuality = settings.previewQuality;
   const _Size<int> canvas = canvasSize();
+  // Made from the whole frame, so fetched only for an effect that measures the picture.
+  const auto measures = [](const std::shared_ptr<BaseLayer>& layer) {
+    const auto adjustment = std::dynamic_pointer_cast<AdjustmentLayer>(layer);
+    return adjustment && std::any_of(adjustment->effects().begin(), adjustment->effects().end(),
+                                     [](const std::shared_ptr<Effect>& e) {
+                                       return e->isNeedProcessing() &&
+                                              needsWholePictureReference(e->id());
+                                     });
+  };
   if (!(request.roi == _Rect<float>(0.0f, 0.0f, static_cast<float>(canvas.width),
-                                    static_cast<float>(canvas.height))))
+                                    static_cast<float>(canvas.height))) &&
+      std::any_of(pool_.begin(), pool_.end(), measures))
     request.wholePicture = getOriginalThumbnail();
   const RenderStatus status = engine_->run(request);
   if (status == RenderStatus::Done) {
     const std::shared_ptr<ImageDataRGBf> rendered = engine_->result();
-    lastResult_ =
-        display_->isIdentity(renderCells_) ? rendered : display_->present(*rendered, renderCells_);
+    if (display_->isIdentity(renderCells_)) {
+      lastResult_ = rendered;
+    } else {
+      // The last presented picture is rewritten when nobody else holds it any more: fresh
+      // memory costs more to fault in than the resample costs to run.
+      if (lastResult_ == presented_) lastResult_.reset();
+      if (presented_.use_count() != 1) presented_.reset();
+      presented_ = display_->present(*rendered, renderCells_, std::move(presented_));
+      lastResult_ = presented_;
+    }
     lastResultThumbnail_.reset();
     lastThumbSize_ = displayFrameSize(settings.applyCrop);
   }

@@ -230,6 +230,20 @@ TEST(ImageProcessorGeometry, CachedRendersFollowCropAndOrientationChanges) {
   }
 }
 
+TEST(ImageProcessorGeometry, HeldPicturesAreNeverRewritten) {
+  TexturedDocument doc(_Size<int>(64, 48));
+  doc.processor.setCropDescription(CropDescription(0.1f, _Rect<int>(8, 8, 40, 30)));
+  const auto held = doc.renderWith({}, {}, true);
+  ASSERT_TRUE(held);
+  const auto before = std::make_shared<ImageDataRGBf>(*held);
+  doc.adjustment->effectAtIndex(0)->parameters()[0].setValue(-40.0f);
+  const auto next = doc.renderWith({}, {}, true);
+  ASSERT_TRUE(next);
+  EXPECT_NE(next, held);
+  EXPECT_TRUE(test::sameRGB(*held, *before)) << "the host's picture stays as it was";
+  EXPECT_GT(test::maxDifference(*next, *before), 0.01f);
+}
+
 TEST(ImageProcessorGeometry, UpdateRectFollowsOrientationAndCrop) {
   test::Document doc(_Size<int>(100, 80));
   ImageProcessor& p = doc.processor;

@@ -200,6 +200,8 @@ class ImageProcessor {
   std::shared_ptr<BaseLayer> showMaskLayer_;
   std::function<void()> updateCallback_;
   std::shared_ptr<ImageDataRGBf> lastResult_;
+  /// The buffer the last turned or cut picture was written into.
+  std::shared_ptr<ImageDataRGBf> presented_;
   std::shared_ptr<ImageDataRGBf> lastResultThumbnail_;
   _Size<int> lastThumbSize_;
   double lastProcessingSeconds_ = 0.0;
