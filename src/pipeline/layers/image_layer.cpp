@@ -132,6 +132,7 @@ void ImageLayer::setImage(std::shared_ptr<Image> image, bool keepTransform) {
   }
   image_ = std::move(image);
   resetCachedImages();
+  reduced_ = {};
   watchImage();
   if (!keepTransform) BaseLayer::setTransform(ImageTransformSettings::forCanvas(image_->size()));
   setNeedProcessing(true);
