@@ -258,13 +258,6 @@ TEST(ImageProcessorGeometry, UpdateRectFollowsOrientationAndCrop) {
                 doc.adjustment, _Rect<int>(10, 20, 30, 10), _Rect<float>(0, 0, 100, 80),
                 _Size<int>(100, 80)),
             _Rect<int>(40, 5, 10, 30));
-  // A turned crop spreads a change by the bilinear neighbours around its turned bounds.
-  p.setCropDescription(CropDescription(0.3f, _Rect<int>(10, 5, 60, 70)));
-  p.startProcessing(settings);
-  const _Rect<int> turned = p.getResultImageUpdateRectForUpdateRectInLayer(
-      doc.adjustment, _Rect<int>(10, 20, 30, 10), _Rect<float>(0, 0, 100, 80), _Size<int>(100, 80));
-  EXPECT_GT(turned.width, 10);
-  EXPECT_GT(turned.height, 30);
 }
 
 TEST(ImageProcessorGeometry, ShownMaskTurnsWithThePicture) {
