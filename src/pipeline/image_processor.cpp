@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "core/log_failure.h"
+#include "pipeline/display_geometry.h"
 #include "pipeline/image_processor_compute_unit.h"
 #include "vorn/core/float_compare.h"
 #include "vorn/pipeline/layer_conversion.h"
@@ -18,6 +19,8 @@ ImageProcessor::ImageProcessor(const ImageProcessor& other)
     : layers_(other.layers_),
       pool_(other.pool_),
       engine_(std::make_shared<ImageProcessorComputeUnit>()),
+      display_(other.display_),
+      renderCells_(other.renderCells_),
       needsClear_(other.needsClear_),
       canvas_(other.canvas_),
       crop_(other.crop_),
@@ -225,6 +228,19 @@ _Size<int> ImageProcessor::thumbSize(bool applyCrop) const {
   return applyCrop && cropped ? crop_.cropRect.size() : canvasSize();
 }
 
+_Size<int> ImageProcessor::displayFrameSize(bool applyCrop) const {
+  return applyCrop && crop_ != CropDescription() ? crop_.cropRect.size()
+                                                 : uprightSize(orientation_, canvasSize());
+}
+
+void ImageProcessor::setImageOrientation(int orientation) {
+  if (orientation < 1 || orientation > 8) {
+    VORN_LOG_FAILURE("Incorrect image orientation! It must be 1..8; the old one stays");
+    return;
+  }
+  orientation_ = orientation;
+}
+
 void ImageProcessor::applyScaleToCropDescription(const _Point<float>& scale) {
   const auto scaled = [](int v, float s) {
     return static_cast<int>(std::lround(static_cast<float>(v) * s));
@@ -335,6 +351,7 @@ std::uint64_t ImageProcessor::renderPeakBytes() const {
 void ImageProcessor::clearSelf() {
   pool_.clear();
   lastResult_.reset();
+  presented_.reset();
   lastResultThumbnail_.reset();
   needsClear_ = false;
 }

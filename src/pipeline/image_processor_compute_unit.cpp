@@ -24,6 +24,30 @@ bool nearInteger(float v) {
   return std::fabs(v - std::round(v)) < 1e-3f;
 }
 
+/// The frame region resampled to the request's size. A render at a quarter or a half of the
+/// frame's scale or less reads the layer's reduced copy when the region falls on its pixels, so
+/// a preview of a large frame reads a few megabytes, not the whole frame.
+ConstFrame resampleRegion(ImageLayer& layer, const ImageDataRGBf& frame, _Rect<int> rect,
+                          const RenderRequest& request) {
+  const bool highQuality = !request.previewQuality;
+  for (const int factor : {4, 2}) {
+    if (request.size.width * factor > rect.width || request.size.height * factor > rect.height ||
+        rect.x % factor != 0 || rect.y % factor != 0 || rect.width % factor != 0 ||
+        rect.height % factor != 0)
+      continue;
+    const ImageLayer::Frame reduced = layer.getReducedWorkingImage(factor);
+    if (!reduced || reduced->width * factor != frame.width) continue;
+    const _Rect<int> part(rect.x / factor, rect.y / factor, rect.width / factor,
+                          rect.height / factor);
+    if (part == reduced->rect() && request.size == reduced->size()) return reduced;
+    return part.size() == request.size ? reduced->copy(part)
+                                       : reduced->resize(request.size, part, highQuality);
+  }
+  // A region at its own size is a plain copy; the resampler would average single pixels.
+  return rect.size() == request.size ? frame.copy(rect)
+                                     : frame.resize(request.size, rect, highQuality);
+}
+
 /// The layer's best frame over the request's ROI at the request's size: a plain resample of
 /// the frame region when the layer sits unmoved on the canvas, an affine render otherwise.
 ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
@@ -45,7 +69,7 @@ ConstFrame renderBase(ImageLayer& layer, const RenderRequest& request) {
       const bool inside = rect.x >= 0 && rect.y >= 0 && rect.x + rect.width <= frame->width &&
                           rect.y + rect.height <= frame->height;
       // A ROI reaching past a layer smaller than the canvas takes the affine path below.
-      if (inside) return frame->resize(request.size, rect, !request.previewQuality);
+      if (inside) return resampleRegion(layer, *frame, rect, request);
     }
   }
   auto out = std::make_shared<ImageDataRGBf>(request.size, PixelRGB<float>(0.0f, 0.0f, 0.0f),
@@ -126,7 +150,7 @@ const char* stepLogFormat(const Operation& op) {
     case OperationType::PushBlendEffectAmount:
       return "op(%zu) PushBlendEffectAmount (%zu)";
     case OperationType::None:
-      break;
+      return "op(%zu) None (%zu)";
   }
   return nullptr;
 }
@@ -146,6 +170,18 @@ bool stepMarkedDirty(const Operation& op) {
     default:
       return op.layer->BaseLayer::isNeedProcessing();
   }
+}
+
+/// Every step has its layer, every effect step its effect, every blend an earlier bottom.
+bool wellFormed(const std::vector<Operation>& ops) {
+  for (std::size_t i = 0; i < ops.size(); ++i) {
+    const Operation& op = ops[i];
+    const bool effectStep = op.type == OperationType::Compute || op.type == OperationType::Develop;
+    const bool blendStep =
+        op.type == OperationType::Blend || op.type == OperationType::BlendEffectAmount;
+    if (!op.layer || (effectStep && !op.effect) || (blendStep && op.bottom >= i)) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -299,11 +335,26 @@ void ImageProcessorComputeUnit::clearFlags(const std::vector<Operation>& ops) {
 }
 
 RenderStatus ImageProcessorComputeUnit::run(const RenderRequest& request) {
+  return runSteps(request, nullptr);
+}
+
+RenderStatus ImageProcessorComputeUnit::runOperations(const RenderRequest& request,
+                                                      const std::vector<Operation>& ops) {
+  return runSteps(request, &ops);
+}
+
+RenderStatus ImageProcessorComputeUnit::runSteps(const RenderRequest& request,
+                                                 const std::vector<Operation>* given) {
   peakBytes_ = 0;
   try {
-    const std::vector<Operation> ops = buildOperations(request);
+    const std::vector<Operation> ops = given ? *given : buildOperations(request);
     if (ops.empty()) {
       VORN_LOG_FAILURE("There is nothing to render");
+      return RenderStatus::Failed;
+    }
+    if (!wellFormed(ops)) {
+      VORN_LOG_FAILURE("Malformed step list: a step lacks its layer, effect or bottom");
+      reset();
       return RenderStatus::Failed;
     }
     std::size_t from = request.useCache ? restoreCurrentCacheState(ops, request) : 0;

@@ -74,6 +74,9 @@ class ImageProcessorComputeUnit {
   static constexpr int kDefaultCacheMiB = 4096;
 
   RenderStatus run(const RenderRequest& request);
+  /// Runs a step list made elsewhere (a test's, say) as run() runs buildOperations(request); a
+  /// step whose type is not an OperationType fails the render with "Unknown type of operation!".
+  RenderStatus runOperations(const RenderRequest& request, const std::vector<Operation>& ops);
   std::shared_ptr<ImageDataRGBf> result() const { return result_; }
   /// Forgets every cached step.
   void reset();
@@ -99,6 +102,8 @@ class ImageProcessorComputeUnit {
   /// The steps are done: their layers and effects no longer need processing.
   static void clearFlags(const std::vector<Operation>& ops);
   void notePeak();
+  /// run() and runOperations(): `given` steps, or those of the request when null.
+  RenderStatus runSteps(const RenderRequest& request, const std::vector<Operation>* given);
 
   std::vector<Operation> cachedOps_;
   std::vector<std::shared_ptr<const ImageDataRGBf>> results_;

@@ -32,9 +32,8 @@ bool ImageProcessor::prepareLensCorrectionPreviews(const ImageProcessorSettings&
     const std::shared_ptr<ImageLayer> base = lens->getBaseImageLayer();
     const auto basePosition = std::find(pool_.begin(), it, base);
     if (!base || basePosition == it) continue;
+    // The lens corrects the canvas as shot, so its source is neither cropped nor turned.
     ImageProcessor side;
-    side.setCropDescription(crop_);
-    side.setImageOrientation(orientation_);
     auto baseCopy = std::static_pointer_cast<ImageLayer>(base->copy());
     baseCopy->setUseMask(false);
     baseCopy->setBlendMode(kBlendNormal);
@@ -54,7 +53,6 @@ bool ImageProcessor::prepareLensCorrectionPreviews(const ImageProcessorSettings&
     sideSettings.processingROI = _Rect<float>(0.0f, 0.0f, static_cast<float>(source.width),
                                               static_cast<float>(source.height));
     sideSettings.processingSize = lensPreviewSize(source);
-    sideSettings.applyCrop = true;
     sideSettings.useCache = false;
     side.startProcessing(sideSettings);
     if (!side.getLastResult()) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/log_failure.h"
+#include "pipeline/display_geometry.h"
 #include "pipeline/overlay_pixel_effects.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/memory_manager.h"
@@ -30,9 +31,8 @@ bool runInPlace(Effect& effect, const std::shared_ptr<ImageDataRGBf>& image, _Re
   return effect.processImageWrapper(call);
 }
 
-void drawMask(BaseLayer& layer, const std::shared_ptr<ImageDataRGBf>& image, _Rect<int> region) {
-  const std::shared_ptr<const MaskImage> mask =
-      layer.maskPreviewForTransform(layer.transformSettings());
+void drawMask(const std::shared_ptr<const _ImageData<float>>& mask,
+              const std::shared_ptr<ImageDataRGBf>& image, _Rect<int> region) {
   if (!mask || mask->size() != image->size()) return;
   FillColorEffect fill;
   for (std::size_t i = 0; i < 4; ++i) fill.parameters()[i].setValue(kMaskTint[i]);
@@ -70,7 +70,7 @@ void ImageProcessor::postProcessing(const ImageProcessorSettings& settings, _Rec
   if (!showMask && !clipping && overlayPixelsType_ == kOverlayPixelsNone && !debug) return;
   // The render shares its pixels with the cache, so overlays go onto a copy.
   lastResult_ = std::make_shared<ImageDataRGBf>(*lastResult_);
-  if (showMask) drawMask(*showMaskLayer_, lastResult_, region);
+  if (showMask) drawMask(displayedMask(*showMaskLayer_), lastResult_, region);
   if (overlayPixelsType_ == kOverlayPixelsBlackAndWhite) {
     BlackAndWhiteOverlayPixelsEffect overlay;
     runInPlace(overlay, lastResult_, region);
@@ -82,6 +82,14 @@ void ImageProcessor::postProcessing(const ImageProcessorSettings& settings, _Rec
     runInPlace(overlay, lastResult_, region);
   }
   if (debug) drawDebugLines(settings, region);
+}
+
+std::shared_ptr<const _ImageData<float>> ImageProcessor::displayedMask(BaseLayer& layer) const {
+  // The mask preview covers the render's cells; the picture shown may be turned or cut.
+  const std::shared_ptr<const MaskImage> mask =
+      layer.maskPreviewForTransform(layer.transformSettings());
+  if (!mask || !display_ || display_->isIdentity(renderCells_)) return mask;
+  return display_->present(*mask, renderCells_);
 }
 
 void ImageProcessor::drawDebugLines(const ImageProcessorSettings& settings, _Rect<int> region) {

@@ -3,10 +3,14 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <optional>
+#include <string>
 
 #include "core/log_failure.h"
 #include "io/input_limits.h"
+#include "pipeline/display_geometry.h"
 #include "pipeline/image_processor_compute_unit.h"
+#include "pipeline/render_effect_roles.h"
 #include "vorn/core/memory_manager.h"
 #include "vorn/core/processing_status.h"
 #include "vorn/pipeline/image_processor.h"
@@ -22,18 +26,15 @@ bool roiInside(const _Rect<float>& roi, float w, float h) {
 }
 
 _Rect<int> clipToSize(_Rect<int> rect, _Size<int> size) {
-  const int x0 = std::max(rect.x, 0);
-  const int y0 = std::max(rect.y, 0);
-  const int x1 = std::min(rect.x + rect.width, size.width);
-  const int y1 = std::min(rect.y + rect.height, size.height);
-  if (x1 - x0 < 1 || y1 - y0 < 1) return {};
-  return _Rect<int>(x0, y0, x1 - x0, y1 - y0);
+  return intersectRects(rect, _Rect<int>(0, 0, size.width, size.height));
 }
 
 }  // namespace
 
-bool ImageProcessor::prepareEnabledLayersPool(_Rect<float>& roi, _Size<int>& size, bool applyCrop) {
-  pool_.clear();
+ImageProcessor::LayerList ImageProcessor::prepareEnabledLayersPool(_Rect<float>& roi,
+                                                                   _Size<int>& size,
+                                                                   bool applyCrop) {
+  LayerList pool;
   bool skipping = false;
   bool markNext = false;
   std::size_t skipLevel = 0;
@@ -49,23 +50,49 @@ bool ImageProcessor::prepareEnabledLayersPool(_Rect<float>& roi, _Size<int>& siz
     // What lay beneath this layer changed.
     if (markNext) layer->setNeedProcessing(true);
     markNext = false;
-    pool_.push_back(layer);
+    pool.push_back(layer);
   }
+  pool_ = pool;
+  // The effects read their margin at the render's scale, which the fitting sets: a second
+  // fit follows only when the scale changed and with it the margin.
+  const _Rect<int> needed = display_->neededCells();
+  _Rect<int> cells = chainInputCells(needed);
+  fitPoolToCells(cells, applyCrop);
+  if (const _Rect<int> again = chainInputCells(needed); again != cells) {
+    cells = again;
+    fitPoolToCells(cells, applyCrop);
+  }
+  renderCells_ = cells;
+  roi = display_->canvasRoi(cells);
+  size = cells.size();
+  return pool;
+}
+
+void ImageProcessor::fitPoolToCells(const _Rect<int>& cells, bool applyCrop) {
   const _Size<int> canvas = canvasSize();
   for (const std::shared_ptr<BaseLayer>& layer : pool_) {
     ImageTransformSettings settings = layer->transformSettings();
     settings.canvasSize = canvas;
     settings.crop = applyCrop ? crop_ : CropDescription();
     settings.orientation = orientation_;
-    settings.roi = roi;
-    settings.outputSize = size;
+    settings.roi = display_->canvasRoi(cells);
+    settings.outputSize = cells.size();
     if (settings != layer->transformSettings()) {
       layer->setTransform(settings);
       layer->setNeedProcessing(true);
     }
   }
-  return std::any_of(pool_.begin(), pool_.end(),
-                     [](const std::shared_ptr<BaseLayer>& l) { return l->type() == kImageLayer; });
+}
+
+_Rect<int> ImageProcessor::chainInputCells(_Rect<int> cells) const {
+  for (auto layer = pool_.rbegin(); layer != pool_.rend(); ++layer) {
+    const auto adjustment = std::dynamic_pointer_cast<AdjustmentLayer>(*layer);
+    if (!adjustment) continue;
+    const auto& effects = adjustment->effects();
+    for (auto effect = effects.rbegin(); effect != effects.rend(); ++effect)
+      if ((*effect)->isNeedProcessing()) cells = (*effect)->getInRectForOutRect(cells);
+  }
+  return intersectRects(cells, display_->canvasCells());
 }
 
 bool ImageProcessor::prepareProcessing(ImageProcessorSettings& settings) {
@@ -103,7 +130,32 @@ bool ImageProcessor::prepareProcessing(ImageProcessorSettings& settings) {
     VORN_LOG_FAILURE("First Layer must be ImageLayer!");
     return false;
   }
-  if (!prepareEnabledLayersPool(roi, size, settings.applyCrop)) {
+  std::string error;
+  const std::optional<DisplayGeometry> geometry = DisplayGeometry::plan(
+      {canvas, settings.applyCrop ? crop_ : CropDescription(), orientation_, roi, size}, error);
+  if (!geometry) {
+    VORN_LOG_FAILURE(error.c_str());
+    return false;
+  }
+  const _Size<int> output = geometry->outputSize();
+  // A turned crop renders the bounds of its turned rectangle, larger than the output.
+  const _Rect<int> needed = intersectRects(geometry->neededCells(), geometry->canvasCells());
+  const auto tooLarge = [](_Size<int> s) {
+    return static_cast<std::uint64_t>(s.width) * static_cast<std::uint64_t>(s.height) >
+           detail::maxImagePixels();
+  };
+  if (tooLarge(output) || tooLarge(needed.size())) {
+    VORN_LOG_FAILURE("Incorrect processingSize! The cropped picture exceeds the pixel cap");
+    return false;
+  }
+  if (needed.width < 1 || needed.height < 1) {
+    VORN_LOG_FAILURE("The crop lies outside the picture!");
+    return false;
+  }
+  display_ = std::make_shared<const DisplayGeometry>(*geometry);
+  const LayerList pool = prepareEnabledLayersPool(roi, size, settings.applyCrop);
+  if (std::none_of(pool.begin(), pool.end(),
+                   [](const std::shared_ptr<BaseLayer>& l) { return l->type() == kImageLayer; })) {
     VORN_LOG_FAILURE("Can't produce any result! There are no enabled imageLayers!");
     return false;
   }
@@ -127,19 +179,39 @@ void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   request.profile = getOriginalImage()->colorProfile();
   request.roi = settings.processingROI;
   request.size = settings.processingSize;
-  request.finalRect = clipToSize(settings.finalRect, request.size);
+  request.finalRect = clipToSize(settings.finalRect, display_->outputSize());
   request.cancel = settings.stopProcessing;
   request.useCache = settings.useCache;
   request.previewQuality = settings.previewQuality;
   const _Size<int> canvas = canvasSize();
+  // Made from the whole frame, so fetched only for an effect that measures the picture.
+  const auto measures = [](const std::shared_ptr<BaseLayer>& layer) {
+    const auto adjustment = std::dynamic_pointer_cast<AdjustmentLayer>(layer);
+    return adjustment && std::any_of(adjustment->effects().begin(), adjustment->effects().end(),
+                                     [](const std::shared_ptr<Effect>& e) {
+                                       return e->isNeedProcessing() &&
+                                              needsWholePictureReference(e->id());
+                                     });
+  };
   if (!(request.roi == _Rect<float>(0.0f, 0.0f, static_cast<float>(canvas.width),
-                                    static_cast<float>(canvas.height))))
+                                    static_cast<float>(canvas.height))) &&
+      std::any_of(pool_.begin(), pool_.end(), measures))
     request.wholePicture = getOriginalThumbnail();
   const RenderStatus status = engine_->run(request);
   if (status == RenderStatus::Done) {
-    lastResult_ = engine_->result();
+    const std::shared_ptr<ImageDataRGBf> rendered = engine_->result();
+    if (display_->isIdentity(renderCells_)) {
+      lastResult_ = rendered;
+    } else {
+      // The last presented picture is rewritten when nobody else holds it any more: fresh
+      // memory costs more to fault in than the resample costs to run.
+      if (lastResult_ == presented_) lastResult_.reset();
+      if (presented_.use_count() != 1) presented_.reset();
+      presented_ = display_->present(*rendered, renderCells_, std::move(presented_));
+      lastResult_ = presented_;
+    }
     lastResultThumbnail_.reset();
-    lastThumbSize_ = thumbSize(settings.applyCrop);
+    lastThumbSize_ = displayFrameSize(settings.applyCrop);
   }
   if (status == RenderStatus::Cancelled || isCancelRequested(settings.stopProcessing.get())) {
     // The frames may have been fetched half-way; the next render starts from the sources.
@@ -168,41 +240,35 @@ _Rect<int> ImageProcessor::getResultImageUpdateRectForUpdateRectInLayer(
     VORN_LOG_FAILURE("No such layer, or an empty rect, ROI or size");
     return {};
   }
-  ImageTransformSettings settings = layer->transformSettings();
-  settings.roi = processingROI;
-  settings.outputSize = processingSize;
-  const AffineTransform toOutput = settings.layerToOutput();
+  const ImageTransformSettings& settings = layer->transformSettings();
+  std::string error;
+  const std::optional<DisplayGeometry> geometry = DisplayGeometry::plan(
+      {canvasSize(), settings.crop, settings.orientation, processingROI, processingSize}, error);
+  if (!geometry) {
+    VORN_LOG_FAILURE(error.c_str());
+    return {};
+  }
   float x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
   for (const int cx : {layerRect.x, layerRect.x + layerRect.width}) {
     for (const int cy : {layerRect.y, layerRect.y + layerRect.height}) {
-      const _Point<float> p =
-          toOutput.transformPoint(_Point<float>(static_cast<float>(cx), static_cast<float>(cy)));
+      const _Point<float> p = settings.layerToCanvas.transformPoint(
+          _Point<float>(static_cast<float>(cx), static_cast<float>(cy)));
       x0 = std::min(x0, p.x);
       y0 = std::min(y0, p.y);
       x1 = std::max(x1, p.x);
       y1 = std::max(y1, p.y);
     }
   }
-  if (!std::isfinite(x0) || !std::isfinite(y0) || !std::isfinite(x1) || !std::isfinite(y1))
-    return {};
-  // Limited to a margin around the result first, so that no float overflows an int.
-  const auto limitX = [&](float v) {
-    return static_cast<int>(std::clamp(v, -1.0f, static_cast<float>(processingSize.width) + 1.0f));
-  };
-  const auto limitY = [&](float v) {
-    return static_cast<int>(std::clamp(v, -1.0f, static_cast<float>(processingSize.height) + 1.0f));
-  };
-  const int left = limitX(std::floor(x0)), top = limitY(std::floor(y0));
-  _Rect<int> rect(left, top, limitX(std::ceil(x1)) - left, limitY(std::ceil(y1)) - top);
+  _Rect<int> cells = geometry->cellsForCanvasRect(_Rect<float>(x0, y0, x1 - x0, y1 - y0));
   // Neighbourhood effects of this layer and every one above spread the change.
   auto it = std::next(layers_.begin(), index);
   for (; it != layers_.end(); ++it) {
     const auto adjustment = std::dynamic_pointer_cast<AdjustmentLayer>(*it);
     if (!adjustment || !adjustment->isEnabled()) continue;
     for (const std::shared_ptr<Effect>& effect : adjustment->effects())
-      if (effect->isNeedProcessing()) rect = effect->getOutRectForInRect(rect);
+      if (effect->isNeedProcessing()) cells = effect->getOutRectForInRect(cells);
   }
-  return clipToSize(rect, processingSize);
+  return geometry->outputRectForCells(cells);
 }
 
 std::pair<std::shared_ptr<ImageProcessor>, std::shared_ptr<ImageProcessor>>
@@ -213,20 +279,21 @@ ImageProcessor::getImageLayerPreviewAndBackgroundProcessors(
     VORN_LOG_FAILURE("The layer is not an image layer of this processor");
     return {};
   }
-  const auto configured = [this] {
+  const auto configured = [this](bool withCrop) {
     auto processor = std::make_shared<ImageProcessor>();
-    processor->crop_ = crop_;
+    if (withCrop) processor->crop_ = crop_;
     processor->orientation_ = orientation_;
     return processor;
   };
-  // Copies, so that renders of the two never touch this processor's layers or flags.
-  auto preview = configured();
+  // Copies, so that renders of the two never touch this processor's layers or flags. The
+  // preview's canvas is the layer's own, which the document's crop does not describe.
+  auto preview = configured(false);
   auto alone = std::static_pointer_cast<ImageLayer>(layer->copy());
   alone->setEnabled(true);
   // The preview shows the image itself, unplaced, over a canvas of its own size.
   alone->setTransform(ImageTransformSettings::forCanvas(alone->getSourceImage()->size()));
   preview->addLayer(alone, 0);
-  auto background = configured();
+  auto background = configured(true);
   auto it = layers_.begin();
   for (int i = 0; i < index; ++i, ++it)
     background->addLayer((*it)->copy(), background->layers_.size());

@@ -380,5 +380,44 @@ TEST(ImageProcessorPost, MaskDisplayAndDebugLines) {
   EXPECT_EQ(shown->at(150, 110), clean->at(150, 110));
 }
 
+TEST(ImageProcessorRender, SmallRendersReadTheReducedCopyOfTheFrame) {
+  Document doc(_Size<int>(64, 48));
+  ImageLayer& layer = *doc.imageLayer;
+  const auto frame = layer.getWorkingImage();
+  ASSERT_TRUE(frame);
+  EXPECT_FALSE(layer.getReducedWorkingImage(3));
+  const auto half = layer.getReducedWorkingImage(2);
+  ASSERT_TRUE(half);
+  const auto expected = frame->resize(_Size<int>(32, 24));
+  ASSERT_TRUE(expected);
+  EXPECT_TRUE(test::sameRGB(*half, *expected));
+  layer.clearCache();
+  EXPECT_EQ(layer.getReducedWorkingImage(2), half) << "kept across clearCache";
+
+  // A region on the quarter grid at a quarter of the scale: the chain over the region's area
+  // average, whichever copy it was read from.
+  ImageProcessorSettings settings;
+  settings.processingROI = _Rect<float>(16, 8, 32, 32);
+  settings.processingSize = _Size<int>(8, 8);
+  doc.processor.startProcessing(settings);
+  const auto region = doc.processor.getLastResult();
+  ASSERT_TRUE(region);
+  const auto shrunk = frame->resize(_Size<int>(8, 8), _Rect<int>(16, 8, 32, 32));
+  ASSERT_TRUE(shrunk);
+  std::shared_ptr<ImageDataRGBf> byChain;
+  EffectCallContext call(shrunk, byChain, {}, {}, {}, nullptr);
+  ASSERT_EQ(runEffectChain(doc.adjustment->effects(), call).status, EffectChainStatus::Done);
+  ASSERT_TRUE(call.destination);
+  EXPECT_LT(test::maxDifference(*region, *call.destination), 1e-6f);
+
+  // Sides that are no multiple of the factor have no reduced copy; the render reads the frame.
+  layer.setImage(test::makePlainImage(_Size<int>(30, 22)), false);
+  EXPECT_FALSE(layer.getReducedWorkingImage(4));
+  const auto oddHalf = layer.getReducedWorkingImage(2);
+  ASSERT_TRUE(oddHalf);
+  EXPECT_EQ(oddHalf->size(), _Size<int>(15, 11)) << "made anew for the new frame";
+  EXPECT_TRUE(doc.render(_Size<int>(7, 5)));
+}
+
 }  // namespace
 }  // namespace vorn

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <memory>
 
 #include "vorn/core/image_data.h"
@@ -49,6 +50,10 @@ class ImageLayer : public BaseLayer {
   Frame getSourceThumbnail();
 
   Frame getWorkingImage();
+  /// The working image shrunk by `factor` (2 or 4) as an exact area average, made once per
+  /// working frame and kept across clearCache, being the frame's rather than a render's; empty
+  /// for another factor or when a side of the frame is not a multiple of it.
+  Frame getReducedWorkingImage(int factor);
   Frame getWorkingImageWithRawDevelop();
   Frame getWorkingThumbnailWithRawDevelop();
   Frame getWorkingImageWithLensCorrection();
@@ -93,6 +98,13 @@ class ImageLayer : public BaseLayer {
   std::shared_ptr<MaskImage> processWorkingMask_;
   std::shared_ptr<MaskImage> processMaskThumbnail_;
   std::shared_ptr<AdjustmentLayer> lensLayer_;
+  /// A reduced copy and the frame it was made from (not kept alive for it).
+  struct Reduced {
+    std::weak_ptr<const _ImageData<PixelRGB<float>>> from;
+    Frame image;
+  };
+  /// By factor 2 and 4.
+  std::array<Reduced, 2> reduced_;
 };
 
 }  // namespace vorn

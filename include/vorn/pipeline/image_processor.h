@@ -22,6 +22,7 @@
 
 namespace vorn {
 
+class DisplayGeometry;
 class ImageProcessorComputeUnit;
 
 /// What one render of the layer stack produces and how.
@@ -100,6 +101,9 @@ class ImageProcessor {
   _Size<int> canvasSize() const;
   /// The canvas size, or with applyCrop the crop rectangle's size when a crop is set.
   _Size<int> thumbSize(bool applyCrop) const;
+  /// The picture a render shows: the upright canvas, or with applyCrop the crop when one is
+  /// set (its rectangle is in upright pixels).
+  _Size<int> displayFrameSize(bool applyCrop) const;
   CropDescription getCropDescription() const { return crop_; }
   void setCropDescription(const CropDescription& crop) { crop_ = crop; }
   /// Scales the crop rectangle by the factors (a canvas resampled by them).
@@ -112,7 +116,8 @@ class ImageProcessor {
   /// A document made on a canvas of `oldCanvas`: crop and placements scaled to the current one.
   void migrateFromCanvasSize(const _Size<int>& oldCanvas);
   int getImageOrientation() const { return orientation_; }
-  void setImageOrientation(int orientation) { orientation_ = orientation; }
+  /// EXIF numbering 1..8; any other value is refused with a log line.
+  void setImageOrientation(int orientation);
   bool showHotPixels() const { return showHotPixels_; }
   void setShowHotPixels(bool show) { showHotPixels_ = show; }
   bool showColdPixels() const { return showColdPixels_; }
@@ -126,7 +131,9 @@ class ImageProcessor {
   /// The stored update callback (empty when none is set).
   std::function<void()> update() const { return updateCallback_; }
 
-  /// Renders the enabled layers; on failure the last results stay as they were.
+  /// Renders the enabled layers; on failure the last results stay as they were. The result
+  /// shows the part of the display frame (see displayFrameSize) the ROI maps to, at the scale
+  /// processingSize / ROI per canvas axis (so with sides swapped for orientations 5..8).
   void startProcessing(ImageProcessorSettings settings);
   /// Shared with the render cache: read it, never write into it.
   std::shared_ptr<const ImageDataRGBf> getLastResult() const { return lastResult_; }
@@ -140,7 +147,8 @@ class ImageProcessor {
   /// `lensCorrection`.
   ImageLayer::Frame getOriginalImageWithRawDevelop(bool thumbnail, bool lensCorrection);
   /// The result pixels a change of layerRect (layer pixels) touches in a render of
-  /// processingROI at processingSize, clipped to the result.
+  /// processingROI at processingSize with the crop and orientation of the layer's last render,
+  /// clipped to the result.
   _Rect<int> getResultImageUpdateRectForUpdateRectInLayer(std::shared_ptr<BaseLayer> layer,
                                                           _Rect<int> layerRect,
                                                           _Rect<float> processingROI,
@@ -161,7 +169,14 @@ class ImageProcessor {
 
  private:
   bool prepareProcessing(ImageProcessorSettings& settings);
-  bool prepareEnabledLayersPool(_Rect<float>& roi, _Size<int>& size, bool applyCrop);
+  /// The enabled layers, each fitted to the canvas, crop and orientation; roi and size come in
+  /// as requested and leave as the canvas region and size the engine renders.
+  LayerList prepareEnabledLayersPool(_Rect<float>& roi, _Size<int>& size, bool applyCrop);
+  /// Fits every pooled layer to a render of `cells` of the display geometry.
+  void fitPoolToCells(const _Rect<int>& cells, bool applyCrop);
+  /// The cells the pooled effect chains read to render `cells`, limited to the canvas.
+  _Rect<int> chainInputCells(_Rect<int> cells) const;
+  std::shared_ptr<const _ImageData<float>> displayedMask(BaseLayer& layer) const;
   bool prepareLensCorrectionPreviews(const ImageProcessorSettings& settings);
   void postProcessing(const ImageProcessorSettings& settings, _Rect<int> finalRect);
   void drawDebugLines(const ImageProcessorSettings& settings, _Rect<int> region);
@@ -172,6 +187,9 @@ class ImageProcessor {
   LayerList layers_;
   LayerList pool_;
   std::shared_ptr<ImageProcessorComputeUnit> engine_;
+  /// The geometry of the last prepared render and the cells the engine renders for it.
+  std::shared_ptr<const DisplayGeometry> display_;
+  _Rect<int> renderCells_;
   bool needsClear_ = false;
   _Size<int> canvas_;
   CropDescription crop_;
@@ -182,6 +200,8 @@ class ImageProcessor {
   std::shared_ptr<BaseLayer> showMaskLayer_;
   std::function<void()> updateCallback_;
   std::shared_ptr<ImageDataRGBf> lastResult_;
+  /// The buffer the last turned or cut picture was written into.
+  std::shared_ptr<ImageDataRGBf> presented_;
   std::shared_ptr<ImageDataRGBf> lastResultThumbnail_;
   _Size<int> lastThumbSize_;
   double lastProcessingSeconds_ = 0.0;

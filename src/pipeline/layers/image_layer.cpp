@@ -53,6 +53,7 @@ ImageLayer::ImageLayer(const ImageLayer& other, std::shared_ptr<Image> image, bo
     // The frames are read-only, so sharing them is as good as copying.
     working_ = other.working_;
     thumbnail_ = other.thumbnail_;
+    reduced_ = other.reduced_;
     watch_->stale = other.watch_->stale;
   } else {
     setNeedProcessing(true);
@@ -131,6 +132,7 @@ void ImageLayer::setImage(std::shared_ptr<Image> image, bool keepTransform) {
   }
   image_ = std::move(image);
   resetCachedImages();
+  reduced_ = {};
   watchImage();
   if (!keepTransform) BaseLayer::setTransform(ImageTransformSettings::forCanvas(image_->size()));
   setNeedProcessing(true);
@@ -167,6 +169,18 @@ ImageLayer::Frame ImageLayer::getWorkingThumbnailWithLensCorrection() {
 }
 ImageLayer::Frame ImageLayer::getWorkingImageForCompare() {
   return getWorkingImage();
+}
+
+ImageLayer::Frame ImageLayer::getReducedWorkingImage(int factor) {
+  if (factor != 2 && factor != 4) return {};
+  const Frame frame = getWorkingImage();
+  if (!frame || frame->empty() || frame->width % factor != 0 || frame->height % factor != 0)
+    return {};
+  Reduced& kept = reduced_[factor == 2 ? 0 : 1];
+  if (kept.image && kept.from.lock() == frame) return kept.image;
+  kept.image = frame->resize(_Size<int>(frame->width / factor, frame->height / factor));
+  kept.from = frame;
+  return kept.image;
 }
 
 void ImageLayer::resetCachedImages() {
