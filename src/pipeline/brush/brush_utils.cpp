@@ -150,18 +150,12 @@ bool processStroke(_Point<float> point, BrushSetting setting, BaseBrushContext* 
     if (context) context->setChanged(false);
     return false;
   }
-  if (!sanitizeBrushSetting(setting)) {
+  if (!context->isStrokeInProgress()) {
+    VORN_LOG_FAILURE("Can't stroke! Stroke isn't beeing in progress!");
     context->setChanged(false);
     return false;
   }
-  const std::vector<_Point<float>> centres = generateStrokeBrushes(point, setting, context);
-  if (centres.empty()) {
-    context->setChanged(false);
-    return true;
-  }
-  const MaskImage* padded = stampFor(setting, *context);
-  if (!padded) {
-    VORN_LOG_FAILURE("Error: could not create resized brush.");
+  if (!sanitizeBrushSetting(setting)) {
     context->setChanged(false);
     return false;
   }
@@ -174,6 +168,13 @@ bool processStroke(_Point<float> point, BrushSetting setting, BaseBrushContext* 
     context->setChanged(false);
     return false;
   }
+  // Checked before the dabs are placed, so a refused point does not move the stroke on.
+  const MaskImage* padded = stampFor(setting, *context);
+  if (!padded) {
+    context->setChanged(false);
+    return false;
+  }
+  const std::vector<_Point<float>> centres = generateStrokeBrushes(point, setting, context);
   for (const _Point<float>& centre : centres) {
     const _Rect<int> rect =
         layDab(static_cast<double>(centre.x) * mask.width,
