@@ -61,14 +61,7 @@ void BaseBrushContext::cancelStroke() {
 }
 
 void BaseBrushContext::setBrushMode(BrushMode mode) {
-  if (strokeInProgress_) {
-    VORN_LOG_FAILURE("Can't change brush mode while stoke is beeing processed!");
-    return;
-  }
-  if (mode != kBrushModePaint && mode != kBrushModeErase) {
-    VORN_LOG_FAILURE("Unknown brush mode");
-    return;
-  }
+  if (!canSetBrushMode(mode, strokeInProgress_)) return;
   mode_ = mode;
 }
 

@@ -140,14 +140,7 @@ bool BaseBrushController::isMaskProcessingSuspended() {
 }
 
 void BaseBrushController::setBrushMode(BrushMode mode) {
-  if (strokeInProgress_) {
-    VORN_LOG_FAILURE("Can't change brush mode while stoke is beeing processed!");
-    return;
-  }
-  if (mode != kBrushModePaint && mode != kBrushModeErase) {
-    VORN_LOG_FAILURE("Unknown brush mode");
-    return;
-  }
+  if (!canSetBrushMode(mode, strokeInProgress_)) return;
   mode_ = mode;
   push(std::make_shared<SetBrushModeOperation>(mode));
 }

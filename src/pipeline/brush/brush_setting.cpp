@@ -27,6 +27,18 @@ bool sanitizeBrushSetting(BrushSetting& setting) {
   return true;
 }
 
+bool canSetBrushMode(BrushMode mode, bool strokeInProgress) {
+  if (strokeInProgress) {
+    VORN_LOG_FAILURE("Can't change brush mode while stoke is beeing processed!");
+    return false;
+  }
+  if (mode != kBrushModePaint && mode != kBrushModeErase) {
+    VORN_LOG_FAILURE("Unknown brush mode");
+    return false;
+  }
+  return true;
+}
+
 bool sanitizeMaskSetting(MaskSetting& setting) {
   if (!std::isfinite(setting.feather) || !std::isfinite(setting.density)) {
     VORN_LOG_FAILURE("The mask setting has a field that is not finite");

@@ -41,6 +41,9 @@ struct MaskSetting {
 /// False with a log line for a non-finite field or a radius that is not positive; otherwise
 /// the fields are clamped to their ranges.
 bool sanitizeBrushSetting(BrushSetting& setting);
+/// False with "Can't change brush mode while stoke is beeing processed!" during a stroke, or
+/// with a log line for a value that is no BrushMode.
+bool canSetBrushMode(BrushMode mode, bool strokeInProgress);
 /// False with a log line for a non-finite field; otherwise clamped to [0, 1].
 bool sanitizeMaskSetting(MaskSetting& setting);
 
