@@ -39,6 +39,11 @@ struct BrushQueue::State : MaskWorkGate, std::enable_shared_from_this<BrushQueue
   // Held by cancel() while it empties the list.
   std::mutex cancelMutex;
 
+  // Lets an operation that waits on its own queue return instead of deadlocking.
+  std::atomic<std::thread::id> worker{};
+
+  bool onWorker() const { return worker.load() == std::this_thread::get_id(); }
+
   static void run(const std::shared_ptr<State>& state);
   void execute(const std::shared_ptr<BaseBrushOperation>& operation);
   void waitIdle() const;
@@ -56,6 +61,7 @@ void BrushQueue::State::execute(const std::shared_ptr<BaseBrushOperation>& opera
 
 void BrushQueue::State::run(const std::shared_ptr<State>& state) {
   std::lock_guard life(state->threadStateMutex);
+  state->worker = std::this_thread::get_id();
   for (;;) {
     std::unique_lock gate(state->suspendMutex);
     state->resumed.wait(gate, [&] { return !state->suspended && state->holds == 0; });
@@ -65,6 +71,7 @@ void BrushQueue::State::run(const std::shared_ptr<State>& state) {
     else
       state->operations.clear();
     if (state->operations.empty()) {
+      state->worker = std::thread::id();
       state->threadRunning = false;
       pending.unlock();
       state->idle.notify_all();
@@ -83,7 +90,7 @@ void BrushQueue::State::run(const std::shared_ptr<State>& state) {
 }
 
 void BrushQueue::State::waitIdle() const {
-  if (synchronous) return;
+  if (synchronous || onWorker()) return;
   std::unique_lock pending(operationsMutex);
   idle.wait(pending, [&] { return !threadRunning || suspendedFlag.load(); });
   if (threadRunning && !operations.empty())
@@ -93,6 +100,8 @@ void BrushQueue::State::waitIdle() const {
 }
 
 std::shared_ptr<void> BrushQueue::State::settle() const {
+  // The worker already keeps every other operation out while it runs one.
+  if (onWorker()) return std::make_shared<int>(0);
   waitIdle();
   {
     std::lock_guard gate(suspendMutex);
@@ -127,8 +136,11 @@ void BrushQueue::pushOperation(std::shared_ptr<BaseBrushOperation> operation) {
     return;
   }
   if (state_->synchronous) {
+    if (state_->onWorker()) return state_->execute(operation);  // pushed by an operation
     std::lock_guard gate(state_->suspendMutex);
+    state_->worker = std::this_thread::get_id();
     state_->execute(operation);
+    state_->worker = std::thread::id();
     return;
   }
   bool start = false;
@@ -198,7 +210,9 @@ std::shared_ptr<BaseBrushContext> BrushQueue::getContext() const {
 std::shared_ptr<BrushQueue> BrushQueue::copy() const {
   if (!state_->context) return nullptr;
   std::shared_ptr<BaseBrushContext> context;
-  {
+  if (state_->onWorker()) {
+    context = state_->context->clone();
+  } else {
     // The worker holds this gate while it executes, so the copy falls between two operations.
     std::lock_guard gate(state_->suspendMutex);
     context = state_->context->clone();

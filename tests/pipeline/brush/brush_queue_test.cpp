@@ -175,6 +175,33 @@ TEST(BrushQueue, CopyIsTakenBetweenOperationsAndIsIndependent) {
   EXPECT_EQ(mask->at(3, 3), 0.0f);
 }
 
+/// An operation that waits on, settles and copies the queue it runs on.
+class SelfWaiting : public BaseBrushOperation {
+ public:
+  SelfWaiting(BrushQueue* queue, std::shared_ptr<ExecutionLog> log)
+      : queue_(queue), log_(std::move(log)) {}
+  void execute(std::shared_ptr<BaseBrushContext>) override {
+    queue_->wait();
+    const auto hold = queue_->settle();
+    if (hold && queue_->copy()) log_->add("inside");
+  }
+
+ private:
+  BrushQueue* queue_;
+  std::shared_ptr<ExecutionLog> log_;
+};
+
+TEST(BrushQueue, AnOperationWaitingOnItsOwnQueueDoesNotDeadlock) {
+  for (const bool synchronous : {true, false}) {
+    auto log = std::make_shared<ExecutionLog>();
+    BrushQueue queue(test::makeContext(_Size<int>(4, 4)), synchronous);
+    queue.pushOperation(std::make_shared<SelfWaiting>(&queue, log));
+    queue.pushOperation(std::make_shared<RecordingStep>("after", log));
+    queue.wait();
+    EXPECT_EQ(log->get(), (Names{"inside", "after"})) << synchronous;
+  }
+}
+
 TEST(BrushQueue, MisuseIsRefusedWithALine) {
   test::LogCapture capture;
   BrushQueue empty;
