@@ -29,11 +29,13 @@ struct BrushQueue::State : MaskWorkGate, std::enable_shared_from_this<BrushQueue
   // Held by the worker for its whole life, so two workers never overlap.
   std::mutex threadStateMutex;
 
-  // Held by the worker while it executes an operation; `suspended` and `holds` park it.
+  // Guards the gate: `suspended` and `holds` park the worker before its next operation, and
+  // `executing` tells the gate's users to wait for the running one. `gateChanged` signals both.
   mutable std::mutex suspendMutex;
-  mutable std::condition_variable resumed;
+  mutable std::condition_variable gateChanged;
   bool suspended = false;
   mutable int holds = 0;
+  bool executing = false;
   std::atomic<bool> suspendedFlag{false};
 
   // Held by cancel() while it empties the list.
@@ -64,7 +66,7 @@ void BrushQueue::State::run(const std::shared_ptr<State>& state) {
   state->worker = std::this_thread::get_id();
   for (;;) {
     std::unique_lock gate(state->suspendMutex);
-    state->resumed.wait(gate, [&] { return !state->suspended && state->holds == 0; });
+    state->gateChanged.wait(gate, [&] { return !state->suspended && state->holds == 0; });
     std::unique_lock pending(state->operationsMutex);
     if (state->cancelMutex.try_lock())
       state->cancelMutex.unlock();
@@ -74,6 +76,7 @@ void BrushQueue::State::run(const std::shared_ptr<State>& state) {
       state->worker = std::thread::id();
       state->threadRunning = false;
       pending.unlock();
+      gate.unlock();
       state->idle.notify_all();
       return;
     }
@@ -85,7 +88,14 @@ void BrushQueue::State::run(const std::shared_ptr<State>& state) {
     pending.unlock();
     const bool dropped =
         newest && newest->overridesPrevious() && oldest->isDroppable() && remaining >= 2;
-    if (!dropped) state->execute(oldest);
+    if (dropped) continue;
+    state->executing = true;
+    gate.unlock();
+    state->execute(oldest);
+    gate.lock();
+    state->executing = false;
+    gate.unlock();
+    state->gateChanged.notify_all();
   }
 }
 
@@ -104,8 +114,9 @@ std::shared_ptr<void> BrushQueue::State::settle() const {
   if (onWorker()) return std::make_shared<int>(0);
   waitIdle();
   {
-    std::lock_guard gate(suspendMutex);
+    std::unique_lock gate(suspendMutex);
     ++holds;
+    gateChanged.wait(gate, [&] { return !executing; });
   }
   std::shared_ptr<const State> self = shared_from_this();
   return std::shared_ptr<void>(nullptr, [self](void*) {
@@ -113,7 +124,7 @@ std::shared_ptr<void> BrushQueue::State::settle() const {
       std::lock_guard gate(self->suspendMutex);
       --self->holds;
     }
-    self->resumed.notify_all();
+    self->gateChanged.notify_all();
   });
 }
 
@@ -137,10 +148,21 @@ void BrushQueue::pushOperation(std::shared_ptr<BaseBrushOperation> operation) {
   }
   if (state_->synchronous) {
     if (state_->onWorker()) return state_->execute(operation);  // pushed by an operation
-    std::lock_guard gate(state_->suspendMutex);
+    // Callers on several threads still run one operation at a time.
+    std::lock_guard serial(state_->threadStateMutex);
+    {
+      std::unique_lock gate(state_->suspendMutex);
+      state_->gateChanged.wait(gate, [&] { return state_->holds == 0; });
+      state_->executing = true;
+    }
     state_->worker = std::this_thread::get_id();
     state_->execute(operation);
     state_->worker = std::thread::id();
+    {
+      std::lock_guard gate(state_->suspendMutex);
+      state_->executing = false;
+    }
+    state_->gateChanged.notify_all();
     return;
   }
   bool start = false;
@@ -170,16 +192,17 @@ void BrushQueue::wait() {
 
 void BrushQueue::setSuspended(bool suspended) {
   {
-    std::lock_guard gate(state_->suspendMutex);
+    std::unique_lock gate(state_->suspendMutex);
     state_->suspended = suspended;
     state_->suspendedFlag = suspended;
+    if (suspended && !state_->onWorker())
+      state_->gateChanged.wait(gate, [&] { return !state_->executing; });
   }
+  state_->gateChanged.notify_all();
   if (suspended) {
     // Taken and dropped so that a waiter cannot miss the flag between its check and its sleep.
     { std::lock_guard pending(state_->operationsMutex); }
     state_->idle.notify_all();
-  } else {
-    state_->resumed.notify_all();
   }
 }
 
@@ -213,8 +236,9 @@ std::shared_ptr<BrushQueue> BrushQueue::copy() const {
   if (state_->onWorker()) {
     context = state_->context->clone();
   } else {
-    // The worker holds this gate while it executes, so the copy falls between two operations.
-    std::lock_guard gate(state_->suspendMutex);
+    // While the gate is held no operation starts, so the copy falls between two of them.
+    std::unique_lock gate(state_->suspendMutex);
+    state_->gateChanged.wait(gate, [&] { return !state_->executing; });
     context = state_->context->clone();
   }
   return std::make_shared<BrushQueue>(std::move(context), state_->synchronous);
