@@ -217,20 +217,22 @@ std::shared_ptr<const MaskImage> BrushContext::shownMask() const {
 
 _Rect<int> BrushContext::refreshFiltered(const _Rect<int>& rect) {
   if (!filterApplied_ || setting_.isIdentity()) return rect;
-  const int radius =
-      detail::featherBoxRadius(setting_, std::min(canvasSize().width, canvasSize().height));
-  _Rect<int> region = detail::clipRect(
-      rect.inset(-detail::featherReach(radius), -detail::featherReach(radius)), mask_->size());
-  if (!filtered_ || filtered_->size() != mask_->size()) {
-    try {
+  const float sigma =
+      detail::featherSigma(setting_, std::min(canvasSize().width, canvasSize().height));
+  const int reach = detail::featherReach(sigma);
+  _Rect<int> region = detail::clipRect(rect.inset(-reach, -reach), mask_->size());
+  try {
+    if (!filtered_ || filtered_->size() != mask_->size()) {
       filtered_ = std::make_shared<MaskImage>(mask_->size());
-    } catch (const std::bad_alloc&) {
-      VORN_LOG_FAILURE("Not enough memory for the feathered mask; the painted mask is shown");
-      return rect;
+      region = mask_->rect();
     }
-    region = mask_->rect();
+    detail::featherAndDensity(*mask_, *filtered_, region, sigma, setting_.density);
+  } catch (const std::bad_alloc&) {
+    // Without its filtered copy the layer shows the painted mask, whole.
+    VORN_LOG_FAILURE("Not enough memory for the feathered mask; the painted mask is shown");
+    filtered_.reset();
+    return mask_->rect();
   }
-  detail::featherAndDensity(*mask_, *filtered_, region, radius, setting_.density);
   return region;
 }
 

@@ -6,19 +6,16 @@
 
 namespace vorn::detail {
 
-/// Box radius of each of the three passes that together approximate a Gaussian of `sigma` px.
-int featherBoxRadius(float sigma);
-/// The box radius a setting gives on a mask whose canvas's shorter side is `shortSide` px.
-int featherBoxRadius(const MaskSetting& setting, int shortSide);
-/// How far the filter's value at one pixel reads, in pixels.
-inline int featherReach(int boxRadius) {
-  return 3 * boxRadius;
-}
+/// The blur's sigma in pixels for a setting on a canvas whose shorter side is `shortSide` px.
+float featherSigma(const MaskSetting& setting, int shortSide);
+/// How far the filter's value at one pixel reads, in pixels: past the reach of the Gaussian's
+/// kernel (exact or three boxes), so a region refreshed alone matches a whole refresh.
+int featherReach(float sigma);
 
-/// Writes the filtered source into `rect` of target (same size as source): three box blurs of
-/// boxRadius with clamped edges, so the cost per pixel does not grow with the radius, then
-/// scaled by density. Only source pixels within the reach of rect are read.
+/// Writes the filtered source into `rect` of target (same size as source): a Gaussian blur of
+/// `sigma` px whose cost does not grow with sigma, then scaled by density. Only source pixels
+/// within the reach of rect are read.
 void featherAndDensity(const MaskImage& source, MaskImage& target, const _Rect<int>& rect,
-                       int boxRadius, float density);
+                       float sigma, float density);
 
 }  // namespace vorn::detail

@@ -202,7 +202,7 @@ TEST(BrushController, FeatherAndDensityKeepThePaintedMask) {
   ASSERT_TRUE(controller.finishStroke());
   MaskImage whole(size);
   detail::featherAndDensity(*paintedMask(controller), whole, whole.rect(),
-                            detail::featherBoxRadius(MaskSetting{0.5f, 0.6f}, 80), 0.6f);
+                            detail::featherSigma(MaskSetting{0.5f, 0.6f}, 80), 0.6f);
   // Running sums started at another column round differently: equal up to float noise.
   float worst = 0.0f;
   for (int y = 0; y < size.height; ++y)
@@ -218,28 +218,29 @@ TEST(BrushController, FeatherAndDensityKeepThePaintedMask) {
   EXPECT_NEAR(preview->at(60, 40), layer->mask()->at(60, 40), 1e-5f);
 }
 
-TEST(BrushFilter, BoxCascadeKeepsConstantsAndSpreadsLikeItsGaussian) {
+TEST(BrushFilter, FeatherKeepsConstantsAndItsSigmaScalesWithTheCanvas) {
   MaskImage flat(_Size<int>(50, 30), 0.75f);
   MaskImage out(flat.size());
-  detail::featherAndDensity(flat, out, out.rect(), 6, 1.0f);
+  detail::featherAndDensity(flat, out, out.rect(), 6.0f, 0.5f);
   for (int y = 0; y < 30; ++y)
-    for (int x = 0; x < 50; ++x) ASSERT_NEAR(out.at(x, y), 0.75f, 1e-6f);
+    for (int x = 0; x < 50; ++x) ASSERT_NEAR(out.at(x, y), 0.375f, 1e-6f);
 
-  const float sigma = 4.0f;
-  const int radius = detail::featherBoxRadius(sigma);
+  // A feather of 0.4 on a 200 px shorter side: sigma 4 px, so an impulse spreads that far.
+  const float sigma = detail::featherSigma(MaskSetting{0.4f, 1.0f}, 200);
+  EXPECT_FLOAT_EQ(sigma, 4.0f);
   MaskImage impulse(_Size<int>(101, 1), 0.0f);
   impulse.at(50, 0) = 1.0f;
   MaskImage spread(impulse.size());
-  detail::featherAndDensity(impulse, spread, spread.rect(), radius, 1.0f);
+  detail::featherAndDensity(impulse, spread, spread.rect(), sigma, 1.0f);
   double total = 0.0, variance = 0.0;
   for (int x = 0; x < 101; ++x) {
     total += spread.at(x, 0);
     variance += spread.at(x, 0) * (x - 50.0) * (x - 50.0);
   }
   EXPECT_NEAR(total, 1.0, 1e-5);
-  EXPECT_NEAR(std::sqrt(variance), sigma, 0.6) << "radius " << radius;
-  EXPECT_EQ(detail::featherBoxRadius(0.0f), 0);
-  EXPECT_EQ(detail::featherBoxRadius(NAN), 0);
+  EXPECT_NEAR(std::sqrt(variance), sigma, 0.4);
+  EXPECT_EQ(detail::featherReach(0.0f), 0);
+  EXPECT_EQ(detail::featherReach(NAN), 0);
 }
 
 TEST(BrushConcurrency, ThreadsPushWhileTheProcessorRenders) {
