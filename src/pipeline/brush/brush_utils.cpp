@@ -48,7 +48,9 @@ struct Dab {
   bool erase;
 };
 
-/// Lays the bilinear-split stamp over rows [first, end) of the clipped footprint `rect`.
+/// Lays the bilinear-split stamp over rows [first, end) of the clipped footprint `rect`. The
+/// stroke's coverage c grows by (1 - c) a flow up to its opacity; paint gives m0 + (1 - m0) c
+/// and erase m0 (1 - c), m0 the mask when the stroke began, so a stroke never builds on itself.
 void layRows(const Dab& dab, BaseBrushContext& context, const _Rect<int>& rect, int first,
              int end) {
   MaskImage& mask = *context.mask();
