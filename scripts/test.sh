@@ -20,4 +20,4 @@ ctest --preset asan -j "$jobs"
 
 cmake --preset tsan
 cmake --build --preset tsan -j "$jobs" --target vorn_tests
-ctest --preset tsan -j "$jobs" -R 'Concurrent|Thread|Log|MemoryManager|Raw|Reader|Cli|EffectChain|EffectBase|ImageLayerRawUpdates|LayerMaskConcurrent|ImageProcessorCancel'
+ctest --preset tsan -j "$jobs" -R 'Concurrent|Thread|Log|MemoryManager|Raw|Reader|Cli|EffectChain|EffectBase|ImageLayerRawUpdates|LayerMaskConcurrent|ImageProcessorCancel|BrushQueue|BrushConcurrency|BrushDabs.Synchronous'

@@ -3,8 +3,10 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/log_failure.h"
 #include "io/input_limits.h"
@@ -166,6 +168,10 @@ bool ImageProcessor::prepareProcessing(ImageProcessorSettings& settings) {
 void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   const auto start = std::chrono::steady_clock::now();
   const std::clock_t cpuStart = std::clock();
+  // Brush work on a layer's mask is finished and held back until this render is done.
+  std::vector<std::shared_ptr<void>> maskHolds;
+  for (const std::shared_ptr<BaseLayer>& layer : layers_)
+    if (auto hold = layer->settleMaskWork()) maskHolds.push_back(std::move(hold));
   if (needsClear_) {
     engine_->reset();
     clearSelf();

@@ -14,6 +14,7 @@
 namespace vorn {
 namespace {
 
+using test::byHand;
 using test::Document;
 
 TEST(ImageProcessorStart, RefusedRendersKeepTheLastResult) {
@@ -78,20 +79,6 @@ TEST(ImageProcessorStart, LayerOrderAndEnabledLayers) {
   auto plain = second->getWorkingImage();
   ASSERT_TRUE(plain);
   EXPECT_TRUE(test::sameRGB(*result, *plain)) << "the exposure layer must not apply";
-}
-
-/// The effects of the adjustment layer run directly on the frame, then one blend by hand.
-std::shared_ptr<ImageDataRGBf> byHand(Document& doc) {
-  const auto frame = doc.imageLayer->getWorkingImage();
-  std::shared_ptr<ImageDataRGBf> effected;
-  EffectCallContext call(frame, effected, {}, {}, {}, nullptr);
-  EXPECT_EQ(runEffectChain(doc.adjustment->effects(), call).status, EffectChainStatus::Done);
-  std::shared_ptr<ImageDataRGBf> out;
-  std::shared_ptr<const _ImageData<float>> mask;
-  if (doc.adjustment->hasMask() && doc.adjustment->isUseMask()) mask = doc.adjustment->mask();
-  blendImages(call.destination, frame, out, mask, doc.adjustment->opacity(),
-              doc.adjustment->blendMode(), {});
-  return out;
 }
 
 TEST(ImageProcessorRender, EqualsTheEffectsAndOneBlendByHand) {

@@ -5,7 +5,9 @@
 #include <string>
 
 #include "pipeline/layer_test_support.h"
+#include "vorn/effects/effect_chain.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/pipeline/blend.h"
 #include "vorn/pipeline/image_processor.h"
 
 namespace vorn::test {
@@ -41,6 +43,22 @@ struct Document {
   std::shared_ptr<AdjustmentLayer> adjustment;
   ImageProcessor processor;
 };
+
+/// The effects of the adjustment layer run directly on the frame, then one blend by hand with
+/// the layer's mask, opacity and mode.
+inline std::shared_ptr<ImageDataRGBf> byHand(Document& doc) {
+  const auto frame = doc.imageLayer->getWorkingImage();
+  std::shared_ptr<ImageDataRGBf> effected;
+  EffectCallContext call(frame, effected, {}, {}, {}, nullptr);
+  if (runEffectChain(doc.adjustment->effects(), call).status != EffectChainStatus::Done)
+    return nullptr;
+  std::shared_ptr<ImageDataRGBf> out;
+  std::shared_ptr<const _ImageData<float>> mask;
+  if (doc.adjustment->hasMask() && doc.adjustment->isUseMask()) mask = doc.adjustment->mask();
+  blendImages(call.destination, frame, out, mask, doc.adjustment->opacity(),
+              doc.adjustment->blendMode(), {});
+  return out;
+}
 
 /// Same size and every channel equal to the last bit.
 inline bool sameRGB(const ImageDataRGBf& a, const ImageDataRGBf& b) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,40 @@
 #include "vorn/pipeline/shared_flag.h"
 
 namespace vorn {
+
+/// Mask work running elsewhere (a brush queue) that a render must wait for.
+class MaskWorkGate {
+ public:
+  virtual ~MaskWorkGate() = default;
+  /// Waits for the pending work and holds further work back until the result is released.
+  virtual std::shared_ptr<void> settle() const = 0;
+};
+
+/// A layer's link to the mask work in flight on it; a copy of the layer starts unlinked.
+class MaskWorkLink {
+ public:
+  MaskWorkLink() = default;
+  MaskWorkLink(const MaskWorkLink&) {}
+  MaskWorkLink& operator=(const MaskWorkLink&) { return *this; }
+
+  void set(std::weak_ptr<const MaskWorkGate> gate) {
+    std::lock_guard lock(mutex_);
+    gate_ = std::move(gate);
+  }
+  /// Null when nothing is linked or the work is gone.
+  std::shared_ptr<void> settle() const {
+    std::shared_ptr<const MaskWorkGate> gate;
+    {
+      std::lock_guard lock(mutex_);
+      gate = gate_.lock();
+    }
+    return gate ? gate->settle() : nullptr;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::weak_ptr<const MaskWorkGate> gate_;
+};
 
 /// What a layer is; the values are stored in documents.
 enum LayerType : std::int32_t { kImageLayer = 1, kAdjustmentLayer = 2 };
@@ -96,6 +131,11 @@ class BaseLayer {
   /// The same region in maskPreview() pixels.
   _Rect<int> getMaskPreviewUpdateRect() const { return mask_.previewUpdateRect(); }
 
+  /// Links the mask work (a brush queue) that renders must wait for; held weakly.
+  void setMaskWorkGate(std::weak_ptr<const MaskWorkGate> gate) { maskWork_.set(std::move(gate)); }
+  /// Waits for the linked mask work and holds it back while the result lives; null when none.
+  std::shared_ptr<void> settleMaskWork() const { return maskWork_.settle(); }
+
   /// Adds a tag once; an empty tag is refused with a log line.
   void setTag(const std::string& tag);
   std::vector<std::string> getTags() const { return tags_; }
@@ -126,6 +166,7 @@ class BaseLayer {
   SharedFlag lensPreviewAmountChanged_;
   ImageTransformSettings transform_;
   LayerMask mask_;
+  MaskWorkLink maskWork_;
   std::vector<std::string> tags_;
 };
 

@@ -8,22 +8,13 @@
 #include "core/log_failure.h"
 #include "core/parallel.h"
 #include "core/resample.h"
+#include "pipeline/rect_utils.h"
 
 namespace vorn {
 namespace {
 
 std::shared_ptr<MaskImage> deepCopy(const std::shared_ptr<MaskImage>& mask) {
   return mask ? std::make_shared<MaskImage>(*mask) : nullptr;
-}
-
-/// The smallest rectangle holding both; an all-zero rectangle holds nothing.
-_Rect<int> unite(const _Rect<int>& a, const _Rect<int>& b) {
-  if (a.isZero()) return b;
-  if (b.isZero()) return a;
-  const int x0 = std::min(a.x, b.x), y0 = std::min(a.y, b.y);
-  const int x1 = std::max(a.x + a.width, b.x + b.width);
-  const int y1 = std::max(a.y + a.height, b.y + b.height);
-  return _Rect<int>(x0, y0, x1 - x0, y1 - y0);
 }
 
 bool insideOf(const _Rect<int>& rect, _Size<int> size) {
@@ -231,7 +222,7 @@ bool LayerMask::update(const MaskImage& content, const _Rect<int>& rect, SharedF
     return false;
   }
   if (&content != mask_.get()) copyBlock(content, origin, *mask_, rect);
-  workingUpdate_ = unite(workingUpdate_, rect);
+  workingUpdate_ = detail::uniteRects(workingUpdate_, rect);
   for (const auto& cache : {thumbnail_, preview_}) {
     if (!cache) continue;
     const _Rect<int> part = detail::areaAverageFootprint(mask_->size(), cache->size(), rect);
