@@ -1,0 +1,110 @@
+// Film grain: value noise on a lattice fixed to the frame, so its size follows the frame and a
+// region render draws the same grain as a whole one.
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "effects/kernels/frame_geometry.h"
+#include "effects/kernels/mix.h"
+#include "vorn/effects/creative_effects.h"
+
+namespace vorn {
+
+namespace {
+
+float fraction(const Effect& effect, std::size_t index) {
+  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
+}
+
+/// The seed: the first value of Amount's optional data, 0 without one.
+std::uint32_t grainSeed(const Effect& effect) {
+  const ParameterOptionalData data = effect.parameters()[0].optionalData();
+  const auto* values = boost::get<std::vector<float>>(&data);
+  return values && !values->empty() ? std::bit_cast<std::uint32_t>((*values)[0]) : 0u;
+}
+
+/// A 32-bit integer hash (Wellons' lowbias32) of a lattice point and the seed.
+inline std::uint32_t hash(std::int64_t i, std::int64_t j, std::uint32_t seed) {
+  std::uint32_t h = static_cast<std::uint32_t>(i) * 0x8da6b343u ^
+                    static_cast<std::uint32_t>(j) * 0xd8163841u ^ seed * 0xcb1ab31fu;
+  h ^= h >> 16;
+  h *= 0x7feb352du;
+  h ^= h >> 15;
+  h *= 0x846ca68bu;
+  h ^= h >> 16;
+  return h;
+}
+
+/// A lattice value in -1 ... 1, triangular (the sum of two uniform halves) so large values are
+/// rarer, as in grain.
+inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
+  const std::uint32_t h = hash(i, j, seed);
+  return static_cast<float>(h & 0xffffu) / 65535.0f + static_cast<float>(h >> 16) / 65535.0f - 1.0f;
+}
+
+/// Value noise: lattice values at integer points, smoothly interpolated between them.
+inline float valueNoise(double u, double v, std::uint32_t seed) {
+  const double fu = std::floor(u);
+  const double fv = std::floor(v);
+  const auto i = static_cast<std::int64_t>(fu);
+  const auto j = static_cast<std::int64_t>(fv);
+  auto smooth = [](double t) { return static_cast<float>(t * t * (3.0 - 2.0 * t)); };
+  const float su = smooth(u - fu);
+  const float sv = smooth(v - fv);
+  const float top = detail::mix(latticeValue(i, j, seed), latticeValue(i + 1, j, seed), su);
+  const float bottom =
+      detail::mix(latticeValue(i, j + 1, seed), latticeValue(i + 1, j + 1, seed), su);
+  return detail::mix(top, bottom, sv);
+}
+
+/// Lattice cell of the coarse grain in reference pixels, from Size 0 ... 100.
+float cellSize(const Effect& effect) {
+  return 1.0f + 8.0f * fraction(effect, 1);
+}
+
+}  // namespace
+
+int GrainNewEffect::reach(float) const {
+  return 0;
+}
+
+bool GrainNewEffect::isIdentity() const {
+  return fraction(*this, 0) == 0.0f;
+}
+
+// Film grain: two octaves of value noise (Roughness weighting the finer) added to every channel,
+// strongest in the midtones; below one pixel per cell the grain averages down as a shrunk
+// render's would.
+void GrainNewEffect::render(const Window& window) const {
+  const std::uint32_t seed = grainSeed(*this);
+  const float cell = cellSize(*this) * window.spatialScale;
+  constexpr float kFineRatio = 0.4f;
+  const float fineCell = kFineRatio * cell;
+  const float rough = fraction(*this, 2);
+  const float norm = 1.0f / std::sqrt((1.0f - rough) * (1.0f - rough) + rough * rough);
+  constexpr float kStrongest = 0.16f;
+  const float coarseAmplitude =
+      kStrongest * fraction(*this, 0) * std::fmin(1.0f, cell) * (1.0f - rough) * norm;
+  const float fineAmplitude =
+      kStrongest * fraction(*this, 0) * std::fmin(1.0f, fineCell) * rough * norm;
+  const std::uint32_t fineSeed = seed ^ 0x9e3779b9u;
+  constexpr float kShadowFloor = 0.15f;
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    const double fy = static_cast<double>(y - window.frame.y) + 0.5;
+    for (std::size_t i = 0; i < count; ++i) {
+      const double fx = static_cast<double>(x0 + static_cast<int>(i) - window.frame.x) + 0.5;
+      const float n = coarseAmplitude * valueNoise(fx / cell, fy / cell, seed) +
+                      fineAmplitude * valueNoise(fx / fineCell, fy / fineCell, fineSeed);
+      const float l = detail::unitClamp(detail::luminance(in[i]));
+      const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
+      const float g = n * strength;
+      // Grain never pushes a channel below black.
+      const auto grained = [g](float c) { return std::fmax(c + g, std::fmin(c, 0.0f)); };
+      out[i] = PixelRGB<float>(grained(in[i].r), grained(in[i].g), grained(in[i].b));
+    }
+  });
+}
+
+}  // namespace vorn

@@ -1,0 +1,84 @@
+// Edge-preserving blur and the dodge and burn tone moves.
+#include <algorithm>
+#include <cmath>
+
+#include "effects/kernels/guided_filter.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/window_blur.h"
+#include "vorn/effects/creative_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::Plane;
+
+float fraction(const Effect& effect, std::size_t index) {
+  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
+}
+
+/// Guided-filter radius in reference pixels from Smooth 0 ... 200.
+float smartBlurRadius(const Effect& effect) {
+  return effect.mappedValue(1, 4.0f, 16.0f, 28.0f);
+}
+
+/// Only variations well below sqrt(eps) are smoothed: Amount raises it, Boost lowers it.
+float smartBlurEps(const Effect& effect) {
+  const float spread = 0.2f * fraction(effect, 0) * (1.0f - 0.6f * fraction(effect, 2));
+  return spread * spread;
+}
+
+}  // namespace
+
+int SmartBlurEffect::reach(float spatialScale) const {
+  return 2 * detail::pixelsAt(smartBlurRadius(*this), spatialScale);
+}
+
+bool SmartBlurEffect::isIdentity() const {
+  return fraction(*this, 0) == 0.0f;
+}
+
+// He, Sun and Tang's guided filter on each channel, guided by the luminance: flat areas are
+// averaged over the radius, edges stronger than sqrt(eps) keep their step.
+void SmartBlurEffect::render(const Window& window) const {
+  const int radius = window.pixels(smartBlurRadius(*this));
+  const float eps = smartBlurEps(*this);
+  static constexpr float kCeiling = 256.0f;
+  const auto limited = [](float v) {
+    return std::clamp(detail::spreadable(v), -kCeiling, kCeiling);
+  };
+  const Plane guide = detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
+    return limited(detail::luminance(detail::spreadable(p)));
+  });
+  Plane smoothed[3];
+  for (int c = 0; c < 3; ++c) {
+    const Plane channel =
+        detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
+          return limited(c == 0 ? p.r : c == 1 ? p.g : p.b);
+        });
+    detail::guidedFilter(guide, channel, radius, eps, smoothed[c], &window.control);
+  }
+  window.forOutputRows(
+      [&](const PixelRGB<float>*, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        for (std::size_t x = 0; x < count; ++x) {
+          out[x] = PixelRGB<float>(smoothed[0].data()[index + x], smoothed[1].data()[index + x],
+                                   smoothed[2].data()[index + x]);
+        }
+      });
+}
+
+// Dodge and burn as a luminance gain: dodging lifts by up to a stop with a weight that peaks in
+// the midtones, burning lowers by up to a stop with one that peaks in the lower midtones.
+PointEffect::Kernel DodgeBurnEffect::prepare(const Setup&) const {
+  const float dodge = fraction(*this, 0);
+  const float burn = fraction(*this, 1);
+  if (dodge == 0.0f && burn == 0.0f) return nullptr;
+  return detail::pixelKernel([dodge, burn](const PixelRGB<float>& p) {
+    const float l = detail::unitClamp(detail::luminance(p));
+    const float lift = dodge * 4.0f * l * (1.0f - l);
+    const float deepen = burn * l * (1.0f - l) * (1.0f - l) * 6.75f;
+    return detail::scaled(p, std::exp2(lift - deepen));
+  });
+}
+
+}  // namespace vorn
