@@ -66,7 +66,7 @@ for id in $ids; do
   if "$vorn" apply "$input" "$file" --long-side "$longSide" --quality 85 \
        --effect "$id:$setting" >/dev/null 2>"$tiles/$id.err"; then
     rm -f "$tiles/$id.err"
-    labels+=("${id#VORN} ${setting//,/ }")
+    labels+=("${id#VORN}\n${setting//,/ }")
     files+=("$file")
     rows+="<figure><img src=\"tiles/$id.jpg\" alt=\"$id\"><figcaption><b>$id</b><br>$setting</figcaption></figure>"$'\n'
   else
@@ -78,7 +78,7 @@ done
 montage_args=()
 for i in "${!files[@]}"; do montage_args+=(-label "${labels[$i]}" "${files[$i]}"); done
 montage -font DejaVu-Sans -pointsize 11 "${montage_args[@]}" -tile 6x \
-  -geometry 320x200+6+6 -background '#202020' -fill white -quality 88 "$out/contact_sheet.jpg"
+  -geometry 320x200+8+8 -background '#202020' -fill white -quality 88 "$out/contact_sheet.jpg"
 
 cat >"$out/index.html" <<EOF
 <!doctype html>

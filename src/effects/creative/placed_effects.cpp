@@ -72,13 +72,15 @@ bool VignetteEffect::isIdentity() const {
   return signedFraction(*this, 0) == 0.0f;
 }
 
-// Vignette: a superellipse falloff around the frame's centre, applied as a gain when darkening
-// (highlights protected) and as a screen towards white when lightening.
+// Vignette: a superellipse falloff around the frame's centre, applied as an exposure gain when
+// darkening (highlights protected) and as a screen towards white when lightening.
 void VignetteEffect::render(const Window& window) const {
   const float amount = signedFraction(*this, 0);
   const FrameCentre centre(window.frame);
   const VignetteShape shape(*this, centre);
   constexpr float kProtection = 0.8f;
+  // Full darkening takes the corners down by this many stops.
+  constexpr float kDeepestStops = 2.5f;
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
     const float dy = centre.dy(y);
@@ -87,8 +89,7 @@ void VignetteEffect::render(const Window& window) const {
       const PixelRGB<float>& p = in[i];
       if (amount < 0.0f) {
         const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
-        const float gain = 1.0f + amount * m * (1.0f - keep);
-        out[i] = detail::scaled(p, gain);
+        out[i] = detail::scaled(p, std::exp2(kDeepestStops * amount * m * (1.0f - keep)));
       } else {
         const float light = amount * m;
         out[i] =
