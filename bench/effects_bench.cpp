@@ -98,7 +98,7 @@ const bool kRegistered = [] {
   std::map<std::string, int> listed;
   for (const auto& entry : settings) ++listed[entry.first];
   for (const auto& [id, values] : settings) {
-    std::string name = "BM_Effect/" + id;
+    std::string name = std::string("BM_Effect/").append(id);
     if (listed[id] > 1) {
       for (const float value : values) name += "/" + std::to_string(static_cast<int>(value));
     }

@@ -124,6 +124,22 @@ TEST(CreativeBlurTest, DepthKeepsTheFocusBandSharpAndBlursAwayFromIt) {
   EXPECT_LT(highFrequencyEnergy(*low, bottom), 0.5 * highFrequencyEnergy(*source, bottom));
 }
 
+TEST(CreativeBlurTest, FocusBlurBloomsAHighlightIntoAFlatDiscAndKeepsTheCentreSharp) {
+  auto source = test::makeTestImage(200, 200);
+  for (int y = 0; y < 60; ++y)
+    for (int x = 0; x < 60; ++x) source->at(x, y) = PixelRGB<float>(0.05f);
+  for (int y = 19; y <= 21; ++y)
+    for (int x = 19; x <= 21; ++x) source->at(x, y) = PixelRGB<float>(1.0f);
+  // A 6-pixel disc at this scale.
+  const auto output = test::renderOrFail(*makeEffect("VORNFocusBlurDevEffect", {100}), source);
+  const float near = output->at(23, 20).g;
+  const float rim = output->at(25, 20).g;
+  EXPECT_GT(near, 0.3f) << "the highlight must bloom, not average away";
+  EXPECT_NEAR(rim, near, 0.3f * near) << "a disc is flat, unlike a Gaussian";
+  EXPECT_LT(output->at(29, 20).g, 0.1f) << "nothing beyond the disc";
+  EXPECT_EQ(test::maxDifference(*output, *source, _Rect<int>(95, 95, 10, 10)), 0.0f);
+}
+
 // --- Blur-and-mix looks ----------------------------------------------------------------------
 
 /// A dark field with one bright square in the middle.

@@ -6,7 +6,7 @@
 
 // Creative and blur effects. Spatial sizes are in reference pixels (see EffectContext); effects
 // placed on the frame measure against the whole picture, so region renders agree with whole ones.
-// Focus blur, sun-light rays and texture overlay still pass pixels through.
+// Sun-light rays and texture overlay still pass pixels through.
 namespace vorn {
 
 using detail::DeclaredParameter;
@@ -143,11 +143,18 @@ class SmartBlurEffect final : public detail::DeclaredEffect<SmartBlurEffect, Ste
   void render(const Window& window) const override;
 };
 
-class FocusBlurDevEffect final : public PassThroughEffect<FocusBlurDevEffect> {
+/// Lens blur outside a sharp centre: Amount sets the bokeh disc's size, Radius the sharp area
+/// (a frame-shaped ellipse) and Feather its transition; highlights bloom into bright discs.
+class FocusBlurDevEffect final : public detail::DeclaredEffect<FocusBlurDevEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNFocusBlurDevEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Feather", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// A graduated filter carrying its own adjustments; the gradient's placement is hidden (set by
