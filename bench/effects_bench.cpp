@@ -93,6 +93,10 @@ const bool kRegistered = [] {
       {"VORNAdjustableGraduatedEffectHDR", {-40, 20, -30, 20, 20, -20, 10, 15}},
       {"VORNGrainNewEffect", {50, 30, 40}},
       {"VORNDodgeBurnEffect", {40, 40}},
+      {"VORNFocusBlurDevEffect", {30, 40}},
+      {"VORNFocusBlurDevEffect", {90, 40}},
+      {"VORNSunLightRaysEffect", {70, 20}},
+      {"VORNSunLightRaysEffect", {70, 90}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -190,6 +190,22 @@ TEST(CreativeMixTest, HighKeyBrightensAndDesaturates) {
   EXPECT_LT(saturationOf(after), saturationOf(before));
 }
 
+TEST(CreativeMixTest, SunRaysStreamOutwardFromTheSunThroughBrightParts) {
+  auto source = flatImage(200, 200, 0.05f);
+  // The sun sits at (100, 50) by default; a bright patch 40 pixels below it.
+  for (int y = 88; y <= 92; ++y)
+    for (int x = 98; x <= 102; ++x) source->at(x, y) = PixelRGB<float>(1.0f);
+  const auto output = test::renderOrFail(*makeEffect("VORNSunLightRaysEffect", {100, 50}), source);
+  const float outward = output->at(100, 115).g;
+  EXPECT_GT(outward, 0.1f);
+  EXPECT_GT(outward, output->at(100, 70).g + 0.05f) << "rays point away from the sun";
+  EXPECT_LT(output->at(125, 90).g, 0.07f) << "nothing across the ray";
+  // Warmth tints the rays.
+  const auto warm =
+      test::renderOrFail(*makeEffect("VORNSunLightRaysEffect", {100, 50, 100}), source);
+  EXPECT_GT(warm->at(100, 115).r, warm->at(100, 115).b + 0.02f);
+}
+
 // --- Placed on the frame ---------------------------------------------------------------------
 
 TEST(CreativePlacedTest, VignetteDarkensCornersLeavesTheCentrePixelAndProtectsHighlights) {

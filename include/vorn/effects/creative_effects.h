@@ -6,7 +6,7 @@
 
 // Creative and blur effects. Spatial sizes are in reference pixels (see EffectContext); effects
 // placed on the frame measure against the whole picture, so region renders agree with whole ones.
-// Sun-light rays and texture overlay still pass pixels through.
+// The texture overlay still passes pixels through.
 namespace vorn {
 
 using detail::DeclaredParameter;
@@ -244,7 +244,10 @@ class OrtonFilterEffect final : public detail::DeclaredEffect<OrtonFilterEffect,
   void render(const Window& window) const override;
 };
 
-class SunLightRaysEffect final : public PassThroughEffect<SunLightRaysEffect> {
+/// Light rays streaming from the sun's position (hidden, set by the on-image handle): the
+/// picture's bright parts smeared along the lines through it, Length long, tinted by Warmth and
+/// screened over the picture.
+class SunLightRaysEffect final : public detail::DeclaredEffect<SunLightRaysEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSunLightRaysEffect";
   // The sun's position is hidden: the on-image handle sets it.
@@ -253,6 +256,11 @@ class SunLightRaysEffect final : public PassThroughEffect<SunLightRaysEffect> {
                                                       {"Warmth", -100, 100, 0},
                                                       {"Position X", 0, 100, 50, true},
                                                       {"Position Y", 0, 100, 25, true}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 }  // namespace vorn
