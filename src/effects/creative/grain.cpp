@@ -43,20 +43,43 @@ inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
   return static_cast<float>(h & 0xffffu) / 65535.0f + static_cast<float>(h >> 16) / 65535.0f - 1.0f;
 }
 
-/// Value noise: lattice values at integer points, smoothly interpolated between them.
-inline float valueNoise(double u, double v, std::uint32_t seed) {
-  const double fu = std::floor(u);
-  const double fv = std::floor(v);
-  const auto i = static_cast<std::int64_t>(fu);
-  const auto j = static_cast<std::int64_t>(fv);
-  auto smooth = [](double t) { return static_cast<float>(t * t * (3.0 - 2.0 * t)); };
-  const float su = smooth(u - fu);
-  const float sv = smooth(v - fv);
-  const float top = detail::mix(latticeValue(i, j, seed), latticeValue(i + 1, j, seed), su);
-  const float bottom =
-      detail::mix(latticeValue(i, j + 1, seed), latticeValue(i + 1, j + 1, seed), su);
-  return detail::mix(top, bottom, sv);
-}
+/// One row of value noise: lattice values at integer points, smoothly interpolated between them.
+/// The vertical interpolation of each lattice column is done once per row, so a pixel costs two
+/// table reads and a mix.
+class NoiseRow {
+ public:
+  NoiseRow(double cell, std::uint32_t seed) : inverseCell_(1.0 / cell), seed_(seed) {}
+
+  /// Prepares row y (pixel centre, frame coordinates) for pixels x0 ... x0 + count - 1.
+  void start(double y, double x0, std::size_t count) {
+    const double v = y * inverseCell_;
+    const double fv = std::floor(v);
+    const auto j = static_cast<std::int64_t>(fv);
+    const float sv = smooth(v - fv);
+    first_ = static_cast<std::int64_t>(std::floor(x0 * inverseCell_));
+    const auto last =
+        static_cast<std::int64_t>(std::floor((x0 + static_cast<double>(count)) * inverseCell_)) + 1;
+    columns_.resize(static_cast<std::size_t>(last - first_ + 1));
+    for (std::int64_t i = first_; i <= last; ++i) {
+      columns_[static_cast<std::size_t>(i - first_)] =
+          detail::mix(latticeValue(i, j, seed_), latticeValue(i, j + 1, seed_), sv);
+    }
+  }
+  /// The noise at pixel centre x (frame coordinates) of the started row.
+  float at(double x) const {
+    const double u = x * inverseCell_;
+    const double fu = std::floor(u);
+    const auto index = static_cast<std::size_t>(static_cast<std::int64_t>(fu) - first_);
+    return detail::mix(columns_[index], columns_[index + 1], smooth(u - fu));
+  }
+
+ private:
+  static float smooth(double t) { return static_cast<float>(t * t * (3.0 - 2.0 * t)); }
+  double inverseCell_;
+  std::uint32_t seed_;
+  std::int64_t first_ = 0;
+  std::vector<float> columns_;
+};
 
 /// Lattice cell of the coarse grain in reference pixels, from Size 0 ... 100.
 float cellSize(const Effect& effect) {
@@ -90,13 +113,18 @@ void GrainNewEffect::render(const Window& window) const {
       kStrongest * fraction(*this, 0) * std::fmin(1.0f, fineCell) * rough * norm;
   const std::uint32_t fineSeed = seed ^ 0x9e3779b9u;
   constexpr float kShadowFloor = 0.15f;
+  // Each row band keeps its own lattice rows; the grain of a pixel depends only on its place.
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
+    NoiseRow coarse(cell, seed);
+    NoiseRow fine(fineCell, fineSeed);
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
+    const double fx0 = static_cast<double>(x0 - window.frame.x) + 0.5;
+    coarse.start(fy, fx0, count);
+    fine.start(fy, fx0, count);
     for (std::size_t i = 0; i < count; ++i) {
-      const double fx = static_cast<double>(x0 + static_cast<int>(i) - window.frame.x) + 0.5;
-      const float n = coarseAmplitude * valueNoise(fx / cell, fy / cell, seed) +
-                      fineAmplitude * valueNoise(fx / fineCell, fy / fineCell, fineSeed);
+      const double fx = fx0 + static_cast<double>(i);
+      const float n = coarseAmplitude * coarse.at(fx) + fineAmplitude * fine.at(fx);
       const float l = detail::unitClamp(detail::luminance(in[i]));
       const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
       const float g = n * strength;

@@ -129,6 +129,8 @@ struct GraduatedAdjustments {
   float saturation;
   float temperature;
   float tint;
+  /// Exposure and white balance as one gain per channel.
+  PixelRGB<float> balance;
 
   explicit GraduatedAdjustments(const Effect& effect)
       : exposure(signedFraction(effect, 0)),
@@ -137,7 +139,13 @@ struct GraduatedAdjustments {
         shadows(signedFraction(effect, 3)),
         saturation(signedFraction(effect, 4)),
         temperature(signedFraction(effect, 5)),
-        tint(signedFraction(effect, 6)) {}
+        tint(signedFraction(effect, 6)) {
+    constexpr float kWarmStops = 0.3f;
+    const float gain = std::exp2(2.0f * exposure);
+    balance = PixelRGB<float>(gain * std::exp2(kWarmStops * temperature),
+                              gain * std::exp2(-kWarmStops * tint),
+                              gain * std::exp2(-kWarmStops * temperature));
+  }
 
   bool none() const {
     return exposure == 0.0f && contrast == 0.0f && highlights == 0.0f && shadows == 0.0f &&
@@ -148,24 +156,20 @@ struct GraduatedAdjustments {
   /// kept), then saturation. Scene-referred values pivot contrast on middle grey in stops and
   /// measure highlights in the y / (1 + y) domain.
   PixelRGB<float> apply(PixelRGB<float> p, bool sceneReferred) const {
-    constexpr float kWarmStops = 0.3f;
-    const float gain = std::exp2(2.0f * exposure);
-    p = PixelRGB<float>(p.r * gain * std::exp2(kWarmStops * temperature),
-                        p.g * gain * std::exp2(-kWarmStops * tint),
-                        p.b * gain * std::exp2(-kWarmStops * temperature));
+    p = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
     const float luma = std::max(detail::luminance(p), 1e-6f);
     float toned = luma;
-    if (sceneReferred) {
+    if (sceneReferred && contrast != 0.0f) {
       constexpr float kGrey = 0.18f;
       toned = kGrey * std::pow(luma / kGrey, 1.0f + 0.5f * contrast);
-    } else {
+    } else if (!sceneReferred) {
       constexpr float kPivot = 0.5f;
       toned = std::max(0.0f, kPivot + (luma - kPivot) * (1.0f + 0.6f * contrast));
     }
     const float level = sceneReferred ? toned / (1.0f + toned) : detail::unitClamp(toned);
     const float stops = highlights * smoothStep(0.4f, 1.0f, level) +
                         shadows * (1.0f - smoothStep(0.0f, 0.6f, level));
-    toned *= std::exp2(stops);
+    if (stops != 0.0f) toned *= std::exp2(stops);
     p = detail::saturated(detail::scaled(p, toned / luma), 1.0f + saturation);
     return PixelRGB<float>(std::max(p.r, 0.0f), std::max(p.g, 0.0f), std::max(p.b, 0.0f));
   }
