@@ -275,6 +275,22 @@ TEST(CreativePlacedTest, AdjustableGraduatedAppliesItsAdjustmentsOnTheCoveredSid
   EXPECT_NEAR(hdrOutput->at(30, 99).g, 3.0f, 0.05f);
 }
 
+TEST(CreativePlacedTest, TextureOverlayKeepsTheKeyAndFollowsScaleAndRotation) {
+  const auto grey = flatImage(160, 160, 0.5f);
+  const auto render = [&](std::initializer_list<float> values) {
+    return test::renderOrFail(*makeEffect("VORNTextureOverlayEffect", values, 1.0f), grey);
+  };
+  const auto plain = render({100, 100, 0});
+  EXPECT_NEAR(meanOf(*plain, grey->rect()), 0.5, 0.01);
+  EXPECT_GT(deviationOf(*plain, grey->rect()), 0.01);
+  const auto roughness = [](const ImageRGBf& image) {
+    const double d = deviationOf(image, image.rect());
+    return highFrequencyEnergy(image, image.rect()) / (d * d);
+  };
+  EXPECT_LT(roughness(*render({100, 400, 0})), 0.5 * roughness(*plain));
+  EXPECT_GT(test::meanDifference(*render({100, 100, 30}), *plain), 0.005f);
+}
+
 // --- Grain -----------------------------------------------------------------------------------
 
 std::shared_ptr<Effect> grainWithSeed(float seed, float amount = 80, float size = 20) {

@@ -6,11 +6,9 @@
 
 // Creative and blur effects. Spatial sizes are in reference pixels (see EffectContext); effects
 // placed on the frame measure against the whole picture, so region renders agree with whole ones.
-// The texture overlay still passes pixels through.
 namespace vorn {
 
 using detail::DeclaredParameter;
-using detail::PassThroughEffect;
 
 /// Gaussian blur; Radius is its standard deviation in reference pixels.
 class BlurEffect final : public detail::DeclaredEffect<BlurEffect, StencilEffect> {
@@ -122,11 +120,19 @@ class GrainNewEffect final : public detail::DeclaredEffect<GrainNewEffect, Stenc
   void render(const Window& window) const override;
 };
 
-class TextureOverlayEffect final : public PassThroughEffect<TextureOverlayEffect> {
+/// A canvas-and-paper texture, drawn procedurally on the frame at Scale percent and turned by
+/// Rotation degrees, overlay-blended at Opacity.
+class TextureOverlayEffect final
+    : public detail::DeclaredEffect<TextureOverlayEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNTextureOverlayEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Opacity", 0, 100, 0}, {"Scale", 10, 400, 100}, {"Rotation", 0, 360, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Edge-preserving blur: each channel guided-filtered by the luminance, Smooth setting the

@@ -2,6 +2,7 @@
 // copy) through a layer mix, so the blur's cost does not grow with its radius.
 #include <cmath>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
 #include "vorn/effects/creative_effects.h"
@@ -10,12 +11,10 @@ namespace vorn {
 
 namespace {
 
-using detail::ImageRGBf;
+using detail::fraction;
+using detail::signedFraction;
 
-/// Parameter `index` as a fraction of its maximum (0 ... 1 for the 0 ... 100 sliders).
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
+using detail::ImageRGBf;
 
 /// A ±100 brightness slider as a gain of 0.5 ... 1 ... 2.
 float brightnessGain(const Effect& effect, std::size_t index) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/plane.h"
@@ -14,11 +15,10 @@ namespace vorn {
 
 namespace {
 
-using detail::ImageRGBf;
+using detail::fraction;
+using detail::signedFraction;
 
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
+using detail::ImageRGBf;
 
 /// The bokeh disc's radius in reference pixels.
 float discRadius(const Effect& effect) {

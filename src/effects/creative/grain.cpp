@@ -5,17 +5,19 @@
 #include <cstdint>
 #include <vector>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
+#include "effects/kernels/value_noise.h"
 #include "vorn/effects/creative_effects.h"
 
 namespace vorn {
 
 namespace {
 
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
+using detail::fraction;
+using detail::NoiseRow;
+using detail::signedFraction;
 
 /// The seed: the first value of Amount's optional data, 0 without one.
 std::uint32_t grainSeed(const Effect& effect) {
@@ -23,63 +25,6 @@ std::uint32_t grainSeed(const Effect& effect) {
   const auto* values = boost::get<std::vector<float>>(&data);
   return values && !values->empty() ? std::bit_cast<std::uint32_t>((*values)[0]) : 0u;
 }
-
-/// A 32-bit integer hash (Wellons' lowbias32) of a lattice point and the seed.
-inline std::uint32_t hash(std::int64_t i, std::int64_t j, std::uint32_t seed) {
-  std::uint32_t h = static_cast<std::uint32_t>(i) * 0x8da6b343u ^
-                    static_cast<std::uint32_t>(j) * 0xd8163841u ^ seed * 0xcb1ab31fu;
-  h ^= h >> 16;
-  h *= 0x7feb352du;
-  h ^= h >> 15;
-  h *= 0x846ca68bu;
-  h ^= h >> 16;
-  return h;
-}
-
-/// A lattice value in -1 ... 1, triangular (the sum of two uniform halves) so large values are
-/// rarer, as in grain.
-inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
-  const std::uint32_t h = hash(i, j, seed);
-  return static_cast<float>(h & 0xffffu) / 65535.0f + static_cast<float>(h >> 16) / 65535.0f - 1.0f;
-}
-
-/// One row of value noise: lattice values at integer points, smoothly interpolated between them.
-/// The vertical interpolation of each lattice column is done once per row, so a pixel costs two
-/// table reads and a mix.
-class NoiseRow {
- public:
-  NoiseRow(double cell, std::uint32_t seed) : inverseCell_(1.0 / cell), seed_(seed) {}
-
-  /// Prepares row y (pixel centre, frame coordinates) for pixels x0 ... x0 + count - 1.
-  void start(double y, double x0, std::size_t count) {
-    const double v = y * inverseCell_;
-    const double fv = std::floor(v);
-    const auto j = static_cast<std::int64_t>(fv);
-    const float sv = smooth(v - fv);
-    first_ = static_cast<std::int64_t>(std::floor(x0 * inverseCell_));
-    const auto last =
-        static_cast<std::int64_t>(std::floor((x0 + static_cast<double>(count)) * inverseCell_)) + 1;
-    columns_.resize(static_cast<std::size_t>(last - first_ + 1));
-    for (std::int64_t i = first_; i <= last; ++i) {
-      columns_[static_cast<std::size_t>(i - first_)] =
-          detail::mix(latticeValue(i, j, seed_), latticeValue(i, j + 1, seed_), sv);
-    }
-  }
-  /// The noise at pixel centre x (frame coordinates) of the started row.
-  float at(double x) const {
-    const double u = x * inverseCell_;
-    const double fu = std::floor(u);
-    const auto index = static_cast<std::size_t>(static_cast<std::int64_t>(fu) - first_);
-    return detail::mix(columns_[index], columns_[index + 1], smooth(u - fu));
-  }
-
- private:
-  static float smooth(double t) { return static_cast<float>(t * t * (3.0 - 2.0 * t)); }
-  double inverseCell_;
-  std::uint32_t seed_;
-  std::int64_t first_ = 0;
-  std::vector<float> columns_;
-};
 
 /// Lattice cell of the coarse grain in reference pixels, from Size 0 ... 100.
 float cellSize(const Effect& effect) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
@@ -12,16 +13,12 @@ namespace vorn {
 
 namespace {
 
+using detail::fraction;
+using detail::signedFraction;
+
 using detail::FrameCentre;
 using detail::FrameGradient;
 using detail::smoothStep;
-
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
-float signedFraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, -1.0f, 0.0f, 1.0f);
-}
 
 /// The gradient of a graduated filter from its rotation, offset and transition parameters.
 FrameGradient gradientOf(const Effect& effect, _Rect<int> frame, std::size_t rotation) {

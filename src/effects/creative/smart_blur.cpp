@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/guided_filter.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
@@ -11,11 +12,10 @@ namespace vorn {
 
 namespace {
 
-using detail::Plane;
+using detail::fraction;
+using detail::signedFraction;
 
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
+using detail::Plane;
 
 /// Guided-filter radius in reference pixels from Smooth 0 ... 200.
 float smartBlurRadius(const Effect& effect) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
@@ -12,11 +13,10 @@ namespace vorn {
 
 namespace {
 
-using detail::ImageRGBf;
+using detail::fraction;
+using detail::signedFraction;
 
-float fraction(const Effect& effect, std::size_t index) {
-  return effect.mappedValue(index, 0.0f, 0.5f, 1.0f);
-}
+using detail::ImageRGBf;
 
 /// Ray length in reference pixels.
 float rayLength(const Effect& effect) {
