@@ -27,7 +27,7 @@ float discRadius(const Effect& effect) {
 
 /// The disc is convolved at a resolution where its radius is at most this many pixels, so the
 /// cost per output pixel does not grow with the radius.
-constexpr float kLargestDecimatedRadius = 8.0f;
+constexpr float kLargestDecimatedRadius = 5.0f;
 
 /// How the window is decimated for a disc of `radius` pixels.
 struct DiscPlan {

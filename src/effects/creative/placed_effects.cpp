@@ -84,7 +84,9 @@ void VignetteEffect::render(const Window& window) const {
     for (std::size_t i = 0; i < count; ++i) {
       const float m = shape.mask(centre.dx(x0 + static_cast<int>(i)), dy);
       const PixelRGB<float>& p = in[i];
-      if (amount < 0.0f) {
+      if (m == 0.0f) {
+        out[i] = p;
+      } else if (amount < 0.0f) {
         const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
         out[i] = detail::scaled(p, std::exp2(kDeepestStops * amount * m * (1.0f - keep)));
       } else {
