@@ -25,7 +25,7 @@ declare -A strong=(
   [VORNSmartBlurEffect]="Amount=100,Smooth=200,Boost=20"
   [VORNGlowEffect]="Amount=80,Radius=50,Brightness=20"
   [VORNSoftFocusFilterEffect]="Amount=90,Radius=50"
-  [VORNOrtonFilterEffect]="Amount=80,Blur=60,Brightness=30"
+  [VORNOrtonFilterEffect]="Amount=80,Blur=60"
   [VORNFogFilterEffect]="Amount=80,Density=60"
   [VORNHighKeyEffect]="Amount=90"
   [VORNDepthEffect]="Amount=100,Focus=55"

@@ -135,8 +135,8 @@ class TextureOverlayEffect final
   void render(const Window& window) const override;
 };
 
-/// Edge-preserving blur: each channel guided-filtered by the luminance, Smooth setting the
-/// radius and Boost how firmly edges are kept.
+/// Edge-preserving blur of the luminance (a self-guided filter), Amount setting the contrast
+/// below which detail is smoothed, Smooth the radius and Boost how firmly edges are kept.
 class SmartBlurEffect final : public detail::DeclaredEffect<SmartBlurEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSmartBlurEffect";

@@ -38,31 +38,25 @@ bool SmartBlurEffect::isIdentity() const {
   return fraction(*this, 0) == 0.0f;
 }
 
-// He, Sun and Tang's guided filter on each channel, guided by the luminance: flat areas are
-// averaged over the radius, edges stronger than sqrt(eps) keep their step.
+// He, Sun and Tang's self-guided filter on the luminance: flat areas are averaged over the
+// radius, edges stronger than sqrt(eps) keep their step; the smoothing is added to every channel
+// as an offset, so colours keep their hue.
 void SmartBlurEffect::render(const Window& window) const {
   const int radius = window.pixels(smartBlurRadius(*this));
   const float eps = smartBlurEps(*this);
   static constexpr float kCeiling = 256.0f;
-  const auto limited = [](float v) {
-    return std::clamp(detail::spreadable(v), -kCeiling, kCeiling);
-  };
-  const Plane guide = detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
-    return limited(detail::luminance(detail::spreadable(p)));
+  const Plane luma = detail::planeOf(window.source, window.input, [](const PixelRGB<float>& p) {
+    return std::clamp(detail::luminance(detail::spreadable(p)), -kCeiling, kCeiling);
   });
-  Plane smoothed[3];
-  for (int c = 0; c < 3; ++c) {
-    const Plane channel =
-        detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
-          return limited(c == 0 ? p.r : c == 1 ? p.g : p.b);
-        });
-    detail::guidedFilter(guide, channel, radius, eps, smoothed[c], &window.control);
-  }
+  Plane smoothed;
+  detail::guidedFilter(luma, luma, radius, eps, smoothed, &window.control);
   window.forOutputRows(
-      [&](const PixelRGB<float>*, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        const float* l = luma.data() + index;
+        const float* q = smoothed.data() + index;
         for (std::size_t x = 0; x < count; ++x) {
-          out[x] = PixelRGB<float>(smoothed[0].data()[index + x], smoothed[1].data()[index + x],
-                                   smoothed[2].data()[index + x]);
+          const float shift = q[x] - l[x];
+          out[x] = PixelRGB<float>(in[x].r + shift, in[x].g + shift, in[x].b + shift);
         }
       });
 }
