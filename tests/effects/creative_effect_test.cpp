@@ -140,6 +140,25 @@ TEST(CreativeBlurTest, FocusBlurBloomsAHighlightIntoAFlatDiscAndKeepsTheCentreSh
   EXPECT_EQ(test::maxDifference(*output, *source, _Rect<int>(95, 95, 10, 10)), 0.0f);
 }
 
+// Lens blur and rays work on blocks aligned on the frame: a region whose window starts between
+// blocks must still render exactly as the whole picture does there.
+TEST(CreativeBlurTest, DecimatedEffectsRenderARegionAsTheWholeRendersIt) {
+  const auto source = test::makeTestImage(600, 400);
+  for (const char* id : {"VORNFocusBlurDevEffect", "VORNSunLightRaysEffect"}) {
+    SCOPED_TRACE(id);
+    const auto effect = makeEffect(id, {100, 50}, 0.3f);
+    const auto whole = test::renderOrFail(*effect, source);
+    // Neighbouring starts: one of each pair falls between blocks whatever the reach.
+    for (const _Rect<int> region : {_Rect<int>(57, 331, 50, 40), _Rect<int>(58, 330, 50, 40),
+                                    _Rect<int>(431, 121, 60, 50), _Rect<int>(433, 122, 60, 50)}) {
+      auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(0.0f));
+      EffectCallContext call(source, destination, nullptr, region, nullptr, nullptr);
+      ASSERT_TRUE(effect->processImage(call));
+      EXPECT_LE(test::maxDifference(*whole, *destination, region), 1e-5f);
+    }
+  }
+}
+
 // --- Blur-and-mix looks ----------------------------------------------------------------------
 
 /// A dark field with one bright square in the middle.

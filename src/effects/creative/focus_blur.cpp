@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/decimate.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/plane.h"
@@ -48,37 +49,6 @@ inline float boosted(float v) {
 }
 inline float compressed(float g) {
   return std::sqrt(std::max(g, 0.0f) / (1.0f + kBloom * std::max(g, 0.0f)));
-}
-
-/// Box means of factor x factor blocks aligned on the frame, of the boosted window pixels; the
-/// block grid starts at (originX, originY) in window coordinates (possibly negative).
-ImageRGBf decimate(const detail::StencilWindow& window, int factor, int originX, int originY) {
-  const int width = (window.input.width - originX + factor - 1) / factor;
-  const int height = (window.input.height - originY + factor - 1) / factor;
-  ImageRGBf small(_Size<int>(width, height));
-  detail::parallelRows(height, [&](int first, int end) {
-    for (int by = first; by < end; ++by) {
-      const int y0 = std::max(0, originY + by * factor);
-      const int y1 = std::min(window.input.height, originY + (by + 1) * factor);
-      for (int bx = 0; bx < width; ++bx) {
-        const int x0 = std::max(0, originX + bx * factor);
-        const int x1 = std::min(window.input.width, originX + (bx + 1) * factor);
-        float r = 0.0f, g = 0.0f, b = 0.0f;
-        for (int y = y0; y < y1; ++y) {
-          const PixelRGB<float>* row = window.source.row(window.input.y + y) + window.input.x;
-          for (int x = x0; x < x1; ++x) {
-            const PixelRGB<float> p = detail::spreadable(row[x]);
-            r += boosted(p.r);
-            g += boosted(p.g);
-            b += boosted(p.b);
-          }
-        }
-        const float n = static_cast<float>(std::max(1, (y1 - y0) * (x1 - x0)));
-        small.at(bx, by) = PixelRGB<float>(r / n, g / n, b / n);
-      }
-    }
-  });
-  return small;
 }
 
 /// A flat disc of the given radius (edges anti-aliased by partial span weights), from row prefix
@@ -141,13 +111,6 @@ ImageRGBf discBlur(const ImageRGBf& image, float radius, const detail::RenderCon
   return out;
 }
 
-/// Block-grid origin in window coordinates: blocks start at frame.x + k * factor.
-int gridOrigin(int windowStart, int frameStart, int factor) {
-  int offset = (frameStart - windowStart) % factor;
-  if (offset > 0) offset -= factor;
-  return offset;
-}
-
 }  // namespace
 
 int FocusBlurDevEffect::reach(float spatialScale) const {
@@ -163,25 +126,18 @@ bool FocusBlurDevEffect::isIdentity() const {
 // the sharp centre.
 void FocusBlurDevEffect::render(const Window& window) const {
   const DiscPlan plan(discRadius(*this) * window.spatialScale);
-  const int k = plan.factor;
-  const int originX = gridOrigin(window.input.x, window.frame.x, k);
-  const int originY = gridOrigin(window.input.y, window.frame.y, k);
-  const ImageRGBf small = decimate(window, k, originX, originY);
-  window.control.checkpoint();
+  const detail::DecimationGrid grid(window, plan.factor);
+  const ImageRGBf small = grid.decimate([](const PixelRGB<float>& p) {
+    return PixelRGB<float>(boosted(p.r), boosted(p.g), boosted(p.b));
+  });
   const ImageRGBf blurred = discBlur(small, plan.decimatedRadius, window.control);
 
   const detail::FrameCentre centre(window.frame);
   const float sharp = 0.6f * fraction(*this, 1);
   const float feather = 0.05f + 0.6f * fraction(*this, 2);
-  const float scale = 1.0f / static_cast<float>(k);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
     const float dy = centre.dy(y) / centre.halfHeight;
-    // Block centres sit at originX + (i + 0.5) k in window coordinates.
-    const float fy = (static_cast<float>(y - window.input.y - originY) + 0.5f) * scale - 0.5f;
-    const int iy = std::clamp(static_cast<int>(std::floor(fy)), 0, blurred.height - 1);
-    const int iy1 = std::min(iy + 1, blurred.height - 1);
-    const float ty = std::clamp(fy - static_cast<float>(iy), 0.0f, 1.0f);
     for (std::size_t i = 0; i < count; ++i) {
       const int x = x0 + static_cast<int>(i);
       const float dx = centre.dx(x) / centre.halfWidth;
@@ -190,13 +146,7 @@ void FocusBlurDevEffect::render(const Window& window) const {
         out[i] = in[i];
         continue;
       }
-      const float fx = (static_cast<float>(x - window.input.x - originX) + 0.5f) * scale - 0.5f;
-      const int ix = std::clamp(static_cast<int>(std::floor(fx)), 0, blurred.width - 1);
-      const int ix1 = std::min(ix + 1, blurred.width - 1);
-      const float tx = std::clamp(fx - static_cast<float>(ix), 0.0f, 1.0f);
-      const PixelRGB<float> top = detail::mix(blurred.at(ix, iy), blurred.at(ix1, iy), tx);
-      const PixelRGB<float> bottom = detail::mix(blurred.at(ix, iy1), blurred.at(ix1, iy1), tx);
-      const PixelRGB<float> lens = detail::mix(top, bottom, ty);
+      const PixelRGB<float> lens = grid.sample(blurred, x, y);
       const PixelRGB<float> back(compressed(lens.r), compressed(lens.g), compressed(lens.b));
       out[i] = detail::mix(in[i], back, w);
     }

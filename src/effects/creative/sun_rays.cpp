@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/decimate.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
@@ -40,10 +41,17 @@ PixelRGB<float> sample(const ImageRGBf& image, float x, float y) {
                      detail::mix(image.at(ix, iy1), image.at(ix1, iy1), tx), ty);
 }
 
+/// Rays are soft along their length and a few pixels wide, so they are drawn on blocks of up to
+/// 4 x 4 pixels: about one block per hundredth of their length.
+int rayDecimation(float lengthPixels) {
+  return std::clamp(static_cast<int>(std::lround(lengthPixels / 100.0f)), 1, 4);
+}
+
 }  // namespace
 
 int SunLightRaysEffect::reach(float spatialScale) const {
-  return static_cast<int>(std::ceil(rayLength(*this) * spatialScale)) + 2;
+  const float length = rayLength(*this) * spatialScale;
+  return static_cast<int>(std::ceil(length)) + 3 * rayDecimation(length) + 2;
 }
 
 bool SunLightRaysEffect::isIdentity() const {
@@ -55,16 +63,25 @@ bool SunLightRaysEffect::isIdentity() const {
 void SunLightRaysEffect::render(const Window& window) const {
   const float amount = 1.6f * fraction(*this, 0);
   const float warmth = mappedValue(2, -1.0f, 0.0f, 1.0f);
-  const float sunX = static_cast<float>(window.frame.x - window.input.x) +
-                     fraction(*this, 3) * static_cast<float>(window.frame.width);
-  const float sunY = static_cast<float>(window.frame.y - window.input.y) +
-                     fraction(*this, 4) * static_cast<float>(window.frame.height);
   const float length = rayLength(*this) * window.spatialScale;
-  ImageRGBf rays = detail::blurredWindow(window, 0.0f, [](const PixelRGB<float>& p) {
+  const detail::DecimationGrid grid(window, rayDecimation(length));
+  const float k = static_cast<float>(grid.factor());
+  // The sun in block coordinates: block b covers window pixels origin + b k ... + k.
+  const float sunX = (static_cast<float>(window.frame.x) +
+                      fraction(*this, 3) * static_cast<float>(window.frame.width) -
+                      static_cast<float>(window.input.x) - grid.originX()) /
+                         k -
+                     0.5f;
+  const float sunY = (static_cast<float>(window.frame.y) +
+                      fraction(*this, 4) * static_cast<float>(window.frame.height) -
+                      static_cast<float>(window.input.y) - grid.originY()) /
+                         k -
+                     0.5f;
+  ImageRGBf rays = grid.decimate([](const PixelRGB<float>& p) {
     return detail::scaled(p, detail::smoothStep(0.45f, 1.0f, detail::luminance(p)));
   });
   ImageRGBf next(rays.size());
-  float step = length / static_cast<float>(1 << kPasses);
+  float step = length / k / static_cast<float>(1 << kPasses);
   for (int pass = 0; pass < kPasses; ++pass, step *= 2.0f) {
     detail::parallelRowsCancellable(rays.height, window.control, [&](int first, int end) {
       for (int y = first; y < end; ++y) {
@@ -84,11 +101,11 @@ void SunLightRaysEffect::render(const Window& window) const {
   constexpr float kTint = 0.35f;
   const PixelRGB<float> tint(amount * (1.0f + kTint * warmth), amount,
                              amount * (1.0f - kTint * warmth));
-  window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
-                           std::size_t count) {
-    const PixelRGB<float>* r = rays.data + index;
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
     for (std::size_t i = 0; i < count; ++i) {
-      const PixelRGB<float> light(r[i].r * tint.r, r[i].g * tint.g, r[i].b * tint.b);
+      const PixelRGB<float> r = grid.sample(rays, x0 + static_cast<int>(i), y);
+      const PixelRGB<float> light(r.r * tint.r, r.g * tint.g, r.b * tint.b);
       out[i] =
           detail::perChannel(in[i], light, [](float a, float b) { return detail::screen(a, b); });
     }
