@@ -97,6 +97,7 @@ const bool kRegistered = [] {
       {"VORNFocusBlurDevEffect", {90, 40}},
       {"VORNSunLightRaysEffect", {70, 20}},
       {"VORNSunLightRaysEffect", {70, 90}},
+      {"VORNTextureOverlayEffect", {60, 100, 20}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;
