@@ -2,10 +2,13 @@
 // a depth-of-field falloff from a focus band. Positions are measured on the whole picture.
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <vector>
 
 #include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
+#include "effects/kernels/tone_curve.h"
 #include "effects/kernels/window_blur.h"
 #include "vorn/effects/creative_effects.h"
 
@@ -151,42 +154,61 @@ struct GraduatedAdjustments {
            saturation == 0.0f && temperature == 0.0f && tint == 0.0f;
   }
 
-  /// White balance, exposure, then contrast and highlights/shadows as a luminance gain (colour
-  /// kept), then saturation. Scene-referred values pivot contrast on middle grey in stops and
-  /// measure highlights in the y / (1 + y) domain.
-  PixelRGB<float> apply(PixelRGB<float> p, bool sceneReferred) const {
-    p = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
-    const float luma = std::max(detail::luminance(p), 1e-6f);
-    float toned = luma;
-    if (sceneReferred && contrast != 0.0f) {
-      constexpr float kGrey = 0.18f;
-      toned = kGrey * std::pow(luma / kGrey, 1.0f + 0.5f * contrast);
-    } else if (!sceneReferred) {
-      constexpr float kPivot = 0.5f;
-      toned = std::max(0.0f, kPivot + (luma - kPivot) * (1.0f + 0.6f * contrast));
+  /// Contrast and highlights/shadows as one curve of luminance, applied as a gain so colours
+  /// keep their hue. Scene-referred values pivot contrast on middle grey in stops, and the curve
+  /// works on y / (1 + y) as the keyed-gain kernel expects.
+  std::function<float(float)> toneCurve(bool sceneReferred) const {
+    const float c = contrast;
+    const float h = highlights;
+    const float sh = shadows;
+    const auto stops = [h, sh](float level) {
+      return h * smoothStep(0.4f, 1.0f, level) + sh * (1.0f - smoothStep(0.0f, 0.6f, level));
+    };
+    if (sceneReferred) {
+      return [c, stops](float r) {
+        constexpr float kGrey = 0.18f;
+        const float y = r / std::max(1.0f - r, 1e-6f);
+        float toned = y > 0.0f ? kGrey * std::pow(y / kGrey, 1.0f + 0.5f * c) : 0.0f;
+        toned *= std::exp2(stops(toned / (1.0f + toned)));
+        return toned / (1.0f + toned);
+      };
     }
-    const float level = sceneReferred ? toned / (1.0f + toned) : detail::unitClamp(toned);
-    const float stops = highlights * smoothStep(0.4f, 1.0f, level) +
-                        shadows * (1.0f - smoothStep(0.0f, 0.6f, level));
-    if (stops != 0.0f) toned *= std::exp2(stops);
-    p = detail::saturated(detail::scaled(p, toned / luma), 1.0f + saturation);
-    return PixelRGB<float>(std::max(p.r, 0.0f), std::max(p.g, 0.0f), std::max(p.b, 0.0f));
+    return [c, stops](float x) {
+      constexpr float kPivot = 0.5f;
+      const float toned = std::max(0.0f, kPivot + (x - kPivot) * (1.0f + 0.6f * c));
+      return toned * std::exp2(stops(detail::unitClamp(toned)));
+    };
   }
 };
 
-/// A graduated filter's adjustments faded in across its line.
+/// A graduated filter's adjustments faded in across its line: white balance and exposure as one
+/// gain per channel, the tone curve as a luminance gain through the shared lookup, saturation.
 void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
                      bool sceneReferred) {
   const GraduatedAdjustments adjustments(effect);
   const FrameGradient gradient = gradientOf(effect, window.frame, 7);
+  const auto lookup = detail::makeToneCurve(adjustments.toneCurve(sceneReferred), 1.0f);
+  const detail::GainDomain domain =
+      sceneReferred ? detail::GainDomain::Hdr : detail::GainDomain::Display;
+  const PixelRGB<float> balance = adjustments.balance;
+  const float saturation = 1.0f + adjustments.saturation;
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
+    std::vector<PixelRGB<float>> adjusted(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const PixelRGB<float> p = detail::spreadable(in[i]);
+      adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+    }
+    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), count);
     for (std::size_t i = 0; i < count; ++i) {
       const float w = gradient.at(x0 + static_cast<int>(i), y);
-      out[i] =
-          w == 0.0f
-              ? in[i]
-              : detail::mix(in[i], adjustments.apply(detail::spreadable(in[i]), sceneReferred), w);
+      if (w == 0.0f) {
+        out[i] = in[i];
+        continue;
+      }
+      const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+      out[i] = detail::mix(
+          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)), w);
     }
   });
 }
