@@ -80,4 +80,21 @@ inline float valueNoise(double u, double v, std::uint32_t seed) {
   return mix(top, bottom, smooth(v - fv));
 }
 
+/// Value noise whose lattice repeats every `period` cells in both directions, for tiles.
+inline float tiledValueNoise(double u, double v, std::int64_t period, std::uint32_t seed) {
+  const double fu = std::floor(u);
+  const double fv = std::floor(v);
+  const auto wrap = [period](std::int64_t k) { return ((k % period) + period) % period; };
+  const auto i = static_cast<std::int64_t>(fu);
+  const auto j = static_cast<std::int64_t>(fv);
+  const auto smooth = [](double t) { return static_cast<float>(t * t * (3.0 - 2.0 * t)); };
+  const float su = smooth(u - fu);
+  const auto value = [&](std::int64_t a, std::int64_t b) {
+    return latticeValue(wrap(a), wrap(b), seed);
+  };
+  const float top = mix(value(i, j), value(i + 1, j), su);
+  const float bottom = mix(value(i, j + 1), value(i + 1, j + 1), su);
+  return mix(top, bottom, smooth(v - fv));
+}
+
 }  // namespace vorn::detail
