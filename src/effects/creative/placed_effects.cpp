@@ -113,10 +113,16 @@ bool ToolGraduatedNaturalDensityEffect::isIdentity() const {
 void ToolGraduatedNaturalDensityEffect::render(const Window& window) const {
   const float stops = 2.0f * signedFraction(*this, 0);
   const FrameGradient gradient = gradientOf(*this, window.frame, 1);
+  const float fullGain = std::exp2(stops);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    for (std::size_t i = 0; i < count; ++i)
-      out[i] = detail::scaled(in[i], std::exp2(stops * gradient.at(x0 + static_cast<int>(i), y)));
+    for (std::size_t i = 0; i < count; ++i) {
+      // Most of the frame lies wholly on one side of the transition.
+      const float w = gradient.at(x0 + static_cast<int>(i), y);
+      out[i] = w == 0.0f   ? in[i]
+               : w == 1.0f ? detail::scaled(in[i], fullGain)
+                           : detail::scaled(in[i], std::exp2(stops * w));
+    }
   });
 }
 

@@ -6,6 +6,7 @@
 #include "effects/kernels/guided_filter.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
+#include "effects/tone/tone_kernels.h"
 #include "vorn/effects/creative_effects.h"
 
 namespace vorn {
@@ -61,18 +62,20 @@ void SmartBlurEffect::render(const Window& window) const {
       });
 }
 
-// Dodge and burn as a luminance gain: dodging lifts by up to a stop with a weight that peaks in
-// the midtones, burning lowers by up to a stop with one that peaks in the lower midtones.
+// Dodge and burn as a tabulated luminance gain: dodging lifts by up to a stop with a weight that
+// peaks in the midtones, burning lowers by up to a stop with one that peaks in the lower midtones.
 PointEffect::Kernel DodgeBurnEffect::prepare(const Setup&) const {
   const float dodge = fraction(*this, 0);
   const float burn = fraction(*this, 1);
   if (dodge == 0.0f && burn == 0.0f) return nullptr;
-  return detail::pixelKernel([dodge, burn](const PixelRGB<float>& p) {
-    const float l = detail::unitClamp(detail::luminance(p));
-    const float lift = dodge * 4.0f * l * (1.0f - l);
-    const float deepen = burn * l * (1.0f - l) * (1.0f - l) * 6.75f;
-    return detail::scaled(p, std::exp2(lift - deepen));
-  });
+  return detail::lumaCurveKernel(
+      [dodge, burn](float x) {
+        const float l = detail::unitClamp(x);
+        const float lift = dodge * 4.0f * l * (1.0f - l);
+        const float deepen = burn * l * (1.0f - l) * (1.0f - l) * 6.75f;
+        return x * std::exp2(lift - deepen);
+      },
+      detail::GainDomain::Display);
 }
 
 }  // namespace vorn
