@@ -1,6 +1,7 @@
 // Effects placed on the frame: a vignette around its centre, graduated filters across a line and
 // a depth-of-field falloff from a focus band. Positions are measured on the whole picture.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 #include <vector>
@@ -81,6 +82,12 @@ void VignetteEffect::render(const Window& window) const {
   constexpr float kProtection = 0.8f;
   // Full darkening takes the corners down by this many stops.
   constexpr float kDeepestStops = 2.5f;
+  // The darkening gain tabulated over the falloff (exp2 per pixel costs more than the rest).
+  constexpr std::size_t kGainSteps = 256;
+  std::array<float, kGainSteps + 1> gains;
+  for (std::size_t n = 0; n <= kGainSteps; ++n)
+    gains[n] =
+        std::exp2(kDeepestStops * amount * static_cast<float>(n) / static_cast<float>(kGainSteps));
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
     const float dy = centre.dy(y);
@@ -91,7 +98,9 @@ void VignetteEffect::render(const Window& window) const {
         out[i] = p;
       } else if (amount < 0.0f) {
         const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
-        out[i] = detail::scaled(p, std::exp2(kDeepestStops * amount * m * (1.0f - keep)));
+        const float t = m * (1.0f - keep) * static_cast<float>(kGainSteps);
+        const auto n = std::min(static_cast<std::size_t>(t), kGainSteps - 1);
+        out[i] = detail::scaled(p, detail::mix(gains[n], gains[n + 1], t - static_cast<float>(n)));
       } else {
         const float light = amount * m;
         out[i] =
