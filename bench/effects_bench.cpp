@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -72,10 +73,42 @@ const bool kRegistered = [] {
       {"VORNShadowsEffect", {40}},
       {"VORNDynamicContrastEffect", {60}},
       {"VORNDehazeEffect", {60}},
+      {"VORNSimpleBlurEffect", {10}},
+      {"VORNSimpleBlurEffect", {80}},
+      {"VORNSmartBlurEffect", {60, 100, 30}},
+      {"VORNSmartBlurEffect", {60, 200, 30}},
+      {"VORNGlowEffect", {60, 10}},
+      {"VORNGlowEffect", {60, 90}},
+      {"VORNSoftFocusFilterEffect", {60, 10}},
+      {"VORNSoftFocusFilterEffect", {60, 90}},
+      {"VORNOrtonFilterEffect", {60, 10}},
+      {"VORNOrtonFilterEffect", {60, 90}},
+      {"VORNDepthEffect", {30, 50}},
+      {"VORNDepthEffect", {90, 50}},
+      {"VORNFogFilterEffect", {60, 50}},
+      {"VORNHighKeyEffect", {60}},
+      {"VORNVignetteEffect", {-60, 50, 0, 50}},
+      {"VORNToolGraduatedNaturalDensityEffect", {-60, 20, 10, 50}},
+      {"VORNAdjustableGraduatedEffect", {-40, 20, -30, 20, 20, -20, 10, 15}},
+      {"VORNAdjustableGraduatedEffectHDR", {-40, 20, -30, 20, 20, -20, 10, 15}},
+      {"VORNGrainNewEffect", {50, 30, 40}},
+      {"VORNDodgeBurnEffect", {40, 40}},
+      {"VORNFocusBlurDevEffect", {30, 40}},
+      {"VORNFocusBlurDevEffect", {90, 40}},
+      {"VORNSunLightRaysEffect", {70, 20}},
+      {"VORNSunLightRaysEffect", {70, 90}},
+      {"VORNTextureOverlayEffect", {60, 100, 20}},
   };
+  // An identifier listed twice (two radii of a blur) is told apart by its values.
+  std::map<std::string, int> listed;
+  for (const auto& entry : settings) ++listed[entry.first];
   for (const auto& [id, values] : settings) {
+    std::string name = std::string("BM_Effect/").append(id);
+    if (listed[id] > 1) {
+      for (const float value : values) name += "/" + std::to_string(static_cast<int>(value));
+    }
     registerPoolPair(
-        "BM_Effect/" + id,
+        name,
         [id = id, values = values](benchmark::State& state, Pool pool) {
           runEffect(state, pool, id, values);
         },

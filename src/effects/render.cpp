@@ -116,14 +116,23 @@ bool makeFiniteWith(FiniteIsa isa, float* values, std::size_t count) {
   return false;
 }
 
-RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable,
-                            float spatialScale) {
+RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable, float spatialScale,
+                            const EffectContext* context) {
   const bool hasReference = call.reference && !call.reference->empty();
   // Without a reference a region render measures only what it may read, never pixels that a
   // chain has not rendered yet.
   const ImageRGBf& statistics = hasReference ? *call.reference : *call.source;
+  // The frame's size: the owner's whole image, else the whole-picture reference, else the source.
+  _Size<int> frameSize = hasReference ? call.reference->size() : call.source->size();
+  _Point<int> origin;
+  if (context) {
+    if (context->imageSize.width > 0 && context->imageSize.height > 0)
+      frameSize = context->imageSize;
+    origin = context->origin;
+  }
   return RenderSetup{statistics, hasReference ? call.reference->rect() : readable, spatialScale,
-                     RenderControl(call.cancel)};
+                     RenderControl(call.cancel),
+                     _Rect<int>(-origin.x, -origin.y, frameSize.width, frameSize.height)};
 }
 
 }  // namespace vorn::detail

@@ -94,6 +94,9 @@ struct RenderSetup {
   /// Reference pixels to pixels of this render (see Effect::spatialScale).
   float spatialScale = 1.0f;
   RenderControl control;
+  /// The whole picture in the source's pixel coordinates: effects placed on the frame (centre,
+  /// gradient line, grain lattice) measure positions against it.
+  _Rect<int> frame;
 
   /// A size given in reference pixels, in pixels of this render (at least 1).
   int pixels(float referencePixels) const { return pixelsAt(referencePixels, spatialScale); }
@@ -161,6 +164,7 @@ enum class FiniteIsa { Sse2, Avx2, Avx512 };
 bool makeFiniteWith(FiniteIsa isa, float* values, std::size_t count);
 
 /// The setup of one call: statistics source, spatial scale and the cancel flag.
-RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable, float spatialScale);
+RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable, float spatialScale,
+                            const EffectContext* context = nullptr);
 
 }  // namespace vorn::detail

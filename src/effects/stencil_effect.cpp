@@ -26,7 +26,7 @@ bool StencilEffect::processImage(EffectCallContext& call) {
   const int margin = reach(scale);
   const auto input =
       detail::clipToImage(region->inset(-margin, -margin), call.source->size()).value();
-  const detail::RenderSetup setup = detail::makeRenderSetup(call, input, scale);
+  const detail::RenderSetup setup = detail::makeRenderSetup(call, input, scale, context_.get());
   setup.control.checkpoint();
   if (isIdentity()) {
     detail::copyRegion(*call.source, *call.destination, *region);

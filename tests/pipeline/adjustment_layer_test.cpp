@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+
 #include "pipeline/layer_test_support.h"
 #include "support/log_capture.h"
 #include "vorn/effects/effect_factory.h"
@@ -117,6 +120,49 @@ TEST(AdjustmentLayerCopy, EffectsAreClonedWithTheirValues) {
   // Neither layer keeps the other alive: the link back is weak.
   image.reset();
   EXPECT_FALSE(layer.getBaseImageLayer());
+}
+
+}  // namespace
+}  // namespace vorn
+
+namespace vorn {
+namespace {
+
+// A layer rendering part of the canvas tells its effects where that part lies, so an effect
+// placed on the frame (a vignette) draws the part exactly as it draws it in the whole canvas.
+TEST(AdjustmentLayerContext, AnEffectOnAPartOfTheCanvasRendersItAsInTheWhole) {
+  const auto whole =
+      std::make_shared<_ImageData<PixelRGB<float>>>(_Size<int>(200, 150), PixelRGB<float>(0.5f));
+  const auto vignetteOn = [](const ImageTransformSettings& settings) {
+    AdjustmentLayer layer(1);
+    auto effect = makeEffect("VORNVignetteEffect");
+    effect->parameters()[0].setValue(-100.0f);
+    layer.pushBackEffect(effect);
+    layer.setTransform(settings);
+    return effect;
+  };
+  // The canvas is 400 x 300, rendered at half size: whole, then a 200 x 150 part of it.
+  ImageTransformSettings full = ImageTransformSettings::forCanvas(_Size<int>(400, 300));
+  full.outputSize = _Size<int>(200, 150);
+  ImageTransformSettings part = full;
+  part.roi = _Rect<float>(100.0f, 50.0f, 200.0f, 150.0f);
+  part.outputSize = _Size<int>(100, 75);
+  const auto wholeRender = std::make_shared<_ImageData<PixelRGB<float>>>(whole->size());
+  EffectCallContext wholeCall(whole, wholeRender, nullptr, {}, nullptr, nullptr);
+  ASSERT_TRUE(vignetteOn(full)->processImage(wholeCall));
+  const auto crop = whole->copy(_Rect<int>(50, 25, 100, 75));
+  ASSERT_TRUE(crop);
+  const auto partRender = std::make_shared<_ImageData<PixelRGB<float>>>(crop->size());
+  EffectCallContext partCall(crop, partRender, nullptr, {}, nullptr, nullptr);
+  ASSERT_TRUE(vignetteOn(part)->processImage(partCall));
+  float worst = 0.0f;
+  for (int y = 0; y < 75; ++y)
+    for (int x = 0; x < 100; ++x)
+      worst =
+          std::max(worst, std::fabs(partRender->at(x, y).g - wholeRender->at(50 + x, 25 + y).g));
+  EXPECT_LE(worst, 1e-6f);
+  // The part's corner is not the canvas's corner: it is darkened less.
+  EXPECT_GT(partRender->at(0, 0).g, wholeRender->at(0, 0).g + 0.1f);
 }
 
 }  // namespace

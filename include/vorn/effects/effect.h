@@ -25,6 +25,9 @@ struct EffectContext {
   _Size<int> imageSize;
   /// Rendering a preview rather than an export.
   bool preview = false;
+  /// Where pixel (0, 0) of the rendered pixels lies in that whole image, so effects placed on
+  /// the frame (vignette, gradients, grain) agree between a region render and a whole one.
+  _Point<int> origin;
 };
 
 /// What the factory was told when it made the effect; stored values are interpreted against it.

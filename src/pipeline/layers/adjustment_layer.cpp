@@ -54,6 +54,8 @@ void AdjustmentLayer::setTransform(const ImageTransformSettings& settings) {
   };
   context->imageSize =
       _Size<int>(scaled(settings.canvasSize.width), scaled(settings.canvasSize.height));
+  context->origin = _Point<int>(static_cast<int>(std::lround(settings.roi.x * context->scale)),
+                                static_cast<int>(std::lround(settings.roi.y * context->scale)));
   context_ = std::move(context);
   for (const std::shared_ptr<Effect>& effect : effects_) adopt(*effect);
 }

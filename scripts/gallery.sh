@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# Renders every detail and creative effect at a strong setting on the sample photo and writes a
+# labelled contact sheet and an HTML page, so a person sees at a glance what each one does.
+#   scripts/gallery.sh [OUTPUT_DIR]   (default build/gallery)
+# Settings below are "Name=value,Name=value"; an identifier without one gets its first parameter
+# at 80 % of its range.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+bash scripts/install-deps.sh imagemagick fonts-dejavu-core
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$(nproc)" --target vorn_tool
+
+vorn=build/release/tools/vorn
+input=tests/data/fallenleaf_canon_eos70d.jpg
+out="${1:-build/gallery}"
+tiles="$out/tiles"
+mkdir -p "$tiles"
+export VORN_DATA_DIR="${VORN_DATA_DIR:-$PWD/build/sample/data}"
+longSide=640
+
+declare -A strong=(
+  [VORNSimpleBlurEffect]="Radius=40"
+  [VORNSmartBlurEffect]="Amount=100,Smooth=200,Boost=20"
+  [VORNGlowEffect]="Amount=80,Radius=50,Brightness=20"
+  [VORNSoftFocusFilterEffect]="Amount=90,Radius=50"
+  [VORNOrtonFilterEffect]="Amount=80,Blur=60"
+  [VORNFogFilterEffect]="Amount=80,Density=60"
+  [VORNHighKeyEffect]="Amount=90"
+  [VORNDepthEffect]="Amount=100,Focus=55"
+  [VORNVignetteEffect]="Amount=-90,Midpoint=40,Feather=60"
+  [VORNToolGraduatedNaturalDensityEffect]="Exposure=-80,Offset=10,Transition=40"
+  [VORNAdjustableGraduatedEffect]="Exposure=-50,Saturation=40,Temperature=-60"
+  [VORNAdjustableGraduatedEffectHDR]="Exposure=-50,Contrast=40,Temperature=60"
+  [VORNDodgeBurnEffect]="Dodge=60,Burn=60"
+  [VORNGrainNewEffect]="Amount=90,Size=60,Roughness=40"
+  [VORNFocusBlurDevEffect]="Amount=100,Radius=60"
+  [VORNSunLightRaysEffect]="Amount=90,Length=70,Warmth=40"
+  [VORNTextureOverlayEffect]="Opacity=80"
+  [VORNFillColorEffect]="Opacity=50,Red=230,Green=120,Blue=40"
+  [VORNSharpenEffect]="Amount=100"
+  [VORNStructureEffect]="Amount=80"
+)
+
+# The first parameter of an identifier at 80 % of its range, from `vorn effects ID`.
+default_setting() {
+  "$vorn" effects "$1" | awk 'NR == 2 {
+    gsub(/[\[\],]/, " ");
+    name = $1; min = $(NF - 1); max = $NF;
+    for (i = 2; i < NF - 1 && $i != "="; i++) name = name " " $i;
+    printf "%s=%g", name, min + 0.8 * (max - min); exit }'
+}
+
+ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
+        include/vorn/effects/creative_effects.h | sed 's/.*"\(.*\)"/\1/')
+
+"$vorn" apply "$input" "$tiles/000_original.jpg" --long-side "$longSide" --quality 85 >/dev/null
+labels=("original")
+files=("$tiles/000_original.jpg")
+rows=""
+failed=0
+for id in $ids; do
+  setting="${strong[$id]:-$(default_setting "$id")}"
+  file="$tiles/$id.jpg"
+  if "$vorn" apply "$input" "$file" --long-side "$longSide" --quality 85 \
+       --effect "$id:$setting" >/dev/null 2>"$tiles/$id.err"; then
+    rm -f "$tiles/$id.err"
+    labels+=("${id#VORN}\n${setting//,/ }")
+    files+=("$file")
+    rows+="<figure><img src=\"tiles/$id.jpg\" alt=\"$id\"><figcaption><b>$id</b><br>$setting</figcaption></figure>"$'\n'
+  else
+    echo "gallery: $id failed: $(cat "$tiles/$id.err")" >&2
+    failed=$((failed + 1))
+  fi
+done
+
+montage_args=()
+for i in "${!files[@]}"; do montage_args+=(-label "${labels[$i]}" "${files[$i]}"); done
+montage -font DejaVu-Sans -pointsize 11 "${montage_args[@]}" -tile 6x \
+  -geometry 320x200+8+8 -background '#202020' -fill white -quality 88 "$out/contact_sheet.jpg"
+
+cat >"$out/index.html" <<EOF
+<!doctype html>
+<html><head><meta charset="utf-8"><title>vorn effects gallery</title>
+<style>
+body { background: #202020; color: #ddd; font-family: sans-serif; }
+figure { display: inline-block; margin: 6px; width: 330px; vertical-align: top; }
+img { width: 320px; }
+figcaption { font-size: 12px; word-wrap: break-word; }
+</style></head><body>
+<h1>Effects at a strong setting</h1>
+<p>Input: $input, shown at $longSide pixels on the long side. Contact sheet:
+<a href="contact_sheet.jpg">contact_sheet.jpg</a>.</p>
+<figure><img src="tiles/000_original.jpg" alt="original"><figcaption><b>original</b></figcaption></figure>
+$rows</body></html>
+EOF
+echo "gallery: $out/contact_sheet.jpg and $out/index.html (${#files[@]} tiles, $failed failed)"
+[ "$failed" -eq 0 ]

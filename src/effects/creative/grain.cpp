@@ -1,0 +1,83 @@
+// Film grain: value noise on a lattice fixed to the frame, so its size follows the frame and a
+// region render draws the same grain as a whole one.
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "effects/creative/slider.h"
+#include "effects/kernels/frame_geometry.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/value_noise.h"
+#include "vorn/effects/creative_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::fraction;
+using detail::NoiseRow;
+using detail::signedFraction;
+
+/// The seed: the first value of Amount's optional data, 0 without one.
+std::uint32_t grainSeed(const Effect& effect) {
+  const ParameterOptionalData data = effect.parameters()[0].optionalData();
+  const auto* values = boost::get<std::vector<float>>(&data);
+  return values && !values->empty() ? std::bit_cast<std::uint32_t>((*values)[0]) : 0u;
+}
+
+/// Lattice cell of the coarse grain in reference pixels, from Size 0 ... 100.
+float cellSize(const Effect& effect) {
+  return 1.0f + 8.0f * fraction(effect, 1);
+}
+
+}  // namespace
+
+int GrainNewEffect::reach(float) const {
+  return 0;
+}
+
+bool GrainNewEffect::isIdentity() const {
+  return fraction(*this, 0) == 0.0f;
+}
+
+// Film grain: two octaves of value noise (Roughness weighting the finer) added to every channel,
+// strongest in the midtones; below one pixel per cell the grain averages down as a shrunk
+// render's would.
+void GrainNewEffect::render(const Window& window) const {
+  const std::uint32_t seed = grainSeed(*this);
+  const float cell = cellSize(*this) * window.spatialScale;
+  constexpr float kFineRatio = 0.4f;
+  const float fineCell = kFineRatio * cell;
+  const float rough = fraction(*this, 2);
+  const float norm = 1.0f / std::sqrt((1.0f - rough) * (1.0f - rough) + rough * rough);
+  constexpr float kStrongest = 0.16f;
+  const float coarseAmplitude =
+      kStrongest * fraction(*this, 0) * std::fmin(1.0f, cell) * (1.0f - rough) * norm;
+  const float fineAmplitude =
+      kStrongest * fraction(*this, 0) * std::fmin(1.0f, fineCell) * rough * norm;
+  const std::uint32_t fineSeed = seed ^ 0x9e3779b9u;
+  constexpr float kShadowFloor = 0.15f;
+  // Each row band keeps its own lattice rows; the grain of a pixel depends only on its place.
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    NoiseRow coarse(cell, seed);
+    NoiseRow fine(fineCell, fineSeed);
+    const double fy = static_cast<double>(y - window.frame.y) + 0.5;
+    const double fx0 = static_cast<double>(x0 - window.frame.x) + 0.5;
+    coarse.start(fy, fx0, count);
+    fine.start(fy, fx0, count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const double fx = fx0 + static_cast<double>(i);
+      const float n = coarseAmplitude * coarse.at(fx) + fineAmplitude * fine.at(fx);
+      const float l = detail::unitClamp(detail::luminance(in[i]));
+      const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
+      const float g = n * strength;
+      // Grain never pushes a channel below black.
+      const auto grained = [g](float c) { return std::fmax(c + g, std::fmin(c, 0.0f)); };
+      out[i] = PixelRGB<float>(grained(in[i].r), grained(in[i].g), grained(in[i].b));
+    }
+  });
+}
+
+}  // namespace vorn

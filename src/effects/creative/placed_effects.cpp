@@ -1,0 +1,294 @@
+// Effects placed on the frame: a vignette around its centre, graduated filters across a line and
+// a depth-of-field falloff from a focus band. Positions are measured on the whole picture.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <vector>
+
+#include "effects/creative/slider.h"
+#include "effects/kernels/frame_geometry.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/tone_curve.h"
+#include "effects/kernels/window_blur.h"
+#include "vorn/effects/creative_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::fraction;
+using detail::signedFraction;
+
+using detail::FrameCentre;
+using detail::FrameGradient;
+using detail::smoothStep;
+
+/// The gradient of a graduated filter from its rotation, offset and transition parameters.
+FrameGradient gradientOf(const Effect& effect, _Rect<int> frame, std::size_t rotation) {
+  constexpr float kNarrowest = 0.02f;
+  return FrameGradient(frame, effect.mappedValue(rotation, -180.0f, 0.0f, 180.0f),
+                       signedFraction(effect, rotation + 1),
+                       kNarrowest + (2.0f - kNarrowest) * fraction(effect, rotation + 2));
+}
+
+/// The shape of a vignette: where it is half-strength, how wide its falloff and how round.
+struct VignetteShape {
+  float start;
+  float end;
+  float exponent;  // 2 an ellipse, larger a rounded rectangle
+  float axisX;
+  float axisY;
+
+  VignetteShape(const Effect& effect, const FrameCentre& centre) {
+    const float half = 0.35f + 0.9f * fraction(effect, 1);
+    const float width = 0.05f + 1.15f * fraction(effect, 3);
+    start = std::max(0.0f, half - 0.5f * width);
+    end = half + 0.5f * width;
+    const float roundness = signedFraction(effect, 2);
+    const float shortHalf = std::min(centre.halfWidth, centre.halfHeight);
+    const float circle = std::max(roundness, 0.0f);
+    axisX = detail::mix(centre.halfWidth, shortHalf, circle);
+    axisY = detail::mix(centre.halfHeight, shortHalf, circle);
+    exponent = 2.0f + 6.0f * std::max(-roundness, 0.0f);
+  }
+  /// The vignette's strength, 0 at the centre and 1 far out.
+  float mask(float dx, float dy) const {
+    const float u = std::fabs(dx) / axisX;
+    const float v = std::fabs(dy) / axisY;
+    const float d = exponent == 2.0f
+                        ? std::sqrt(u * u + v * v)
+                        : std::pow(std::pow(u, exponent) + std::pow(v, exponent), 1.0f / exponent);
+    return d <= start ? 0.0f : smoothStep(start, end, d);
+  }
+};
+
+}  // namespace
+
+int VignetteEffect::reach(float) const {
+  return 0;
+}
+
+bool VignetteEffect::isIdentity() const {
+  return signedFraction(*this, 0) == 0.0f;
+}
+
+// Vignette: a superellipse falloff around the frame's centre, applied as an exposure gain when
+// darkening (highlights protected) and as a screen towards white when lightening.
+void VignetteEffect::render(const Window& window) const {
+  const float amount = signedFraction(*this, 0);
+  const FrameCentre centre(window.frame);
+  const VignetteShape shape(*this, centre);
+  constexpr float kProtection = 0.8f;
+  // Full darkening takes the corners down by this many stops.
+  constexpr float kDeepestStops = 2.5f;
+  // The darkening gain tabulated over the falloff (exp2 per pixel costs more than the rest).
+  constexpr std::size_t kGainSteps = 256;
+  std::array<float, kGainSteps + 1> gains;
+  for (std::size_t n = 0; n <= kGainSteps; ++n)
+    gains[n] =
+        std::exp2(kDeepestStops * amount * static_cast<float>(n) / static_cast<float>(kGainSteps));
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    const float dy = centre.dy(y);
+    for (std::size_t i = 0; i < count; ++i) {
+      const float m = shape.mask(centre.dx(x0 + static_cast<int>(i)), dy);
+      const PixelRGB<float>& p = in[i];
+      if (m == 0.0f) {
+        out[i] = p;
+      } else if (amount < 0.0f) {
+        const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
+        const float t = m * (1.0f - keep) * static_cast<float>(kGainSteps);
+        const auto n = std::min(static_cast<std::size_t>(t), kGainSteps - 1);
+        out[i] = detail::scaled(p, detail::mix(gains[n], gains[n + 1], t - static_cast<float>(n)));
+      } else {
+        const float light = amount * m;
+        out[i] =
+            detail::perChannel(p, p, [light](float a, float) { return detail::screen(a, light); });
+      }
+    }
+  });
+}
+
+int ToolGraduatedNaturalDensityEffect::reach(float) const {
+  return 0;
+}
+
+bool ToolGraduatedNaturalDensityEffect::isIdentity() const {
+  return signedFraction(*this, 0) == 0.0f;
+}
+
+// Graduated neutral density: an exposure gain of up to ±2 stops faded in across a smooth step.
+void ToolGraduatedNaturalDensityEffect::render(const Window& window) const {
+  const float stops = 2.0f * signedFraction(*this, 0);
+  const FrameGradient gradient = gradientOf(*this, window.frame, 1);
+  const float fullGain = std::exp2(stops);
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    for (std::size_t i = 0; i < count; ++i) {
+      // Most of the frame lies wholly on one side of the transition.
+      const float w = gradient.at(x0 + static_cast<int>(i), y);
+      out[i] = w == 0.0f   ? in[i]
+               : w == 1.0f ? detail::scaled(in[i], fullGain)
+                           : detail::scaled(in[i], std::exp2(stops * w));
+    }
+  });
+}
+
+namespace {
+
+/// The seven adjustments a graduated filter carries, each -1 ... 1.
+struct GraduatedAdjustments {
+  float exposure;
+  float contrast;
+  float highlights;
+  float shadows;
+  float saturation;
+  float temperature;
+  float tint;
+  /// Exposure and white balance as one gain per channel.
+  PixelRGB<float> balance;
+
+  explicit GraduatedAdjustments(const Effect& effect)
+      : exposure(signedFraction(effect, 0)),
+        contrast(signedFraction(effect, 1)),
+        highlights(signedFraction(effect, 2)),
+        shadows(signedFraction(effect, 3)),
+        saturation(signedFraction(effect, 4)),
+        temperature(signedFraction(effect, 5)),
+        tint(signedFraction(effect, 6)) {
+    constexpr float kWarmStops = 0.3f;
+    const float gain = std::exp2(2.0f * exposure);
+    balance = PixelRGB<float>(gain * std::exp2(kWarmStops * temperature),
+                              gain * std::exp2(-kWarmStops * tint),
+                              gain * std::exp2(-kWarmStops * temperature));
+  }
+
+  bool none() const {
+    return exposure == 0.0f && contrast == 0.0f && highlights == 0.0f && shadows == 0.0f &&
+           saturation == 0.0f && temperature == 0.0f && tint == 0.0f;
+  }
+
+  /// Contrast and highlights/shadows as one curve of luminance, applied as a gain so colours
+  /// keep their hue. Scene-referred values pivot contrast on middle grey in stops, and the curve
+  /// works on y / (1 + y) as the keyed-gain kernel expects.
+  std::function<float(float)> toneCurve(bool sceneReferred) const {
+    const float c = contrast;
+    const float h = highlights;
+    const float sh = shadows;
+    const auto stops = [h, sh](float level) {
+      return h * smoothStep(0.4f, 1.0f, level) + sh * (1.0f - smoothStep(0.0f, 0.6f, level));
+    };
+    if (sceneReferred) {
+      return [c, stops](float r) {
+        constexpr float kGrey = 0.18f;
+        const float y = r / std::max(1.0f - r, 1e-6f);
+        float toned = y > 0.0f ? kGrey * std::pow(y / kGrey, 1.0f + 0.5f * c) : 0.0f;
+        toned *= std::exp2(stops(toned / (1.0f + toned)));
+        return toned / (1.0f + toned);
+      };
+    }
+    return [c, stops](float x) {
+      constexpr float kPivot = 0.5f;
+      const float toned = std::max(0.0f, kPivot + (x - kPivot) * (1.0f + 0.6f * c));
+      return toned * std::exp2(stops(detail::unitClamp(toned)));
+    };
+  }
+};
+
+/// A graduated filter's adjustments faded in across its line: white balance and exposure as one
+/// gain per channel, the tone curve as a luminance gain through the shared lookup, saturation.
+void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
+                     bool sceneReferred) {
+  const GraduatedAdjustments adjustments(effect);
+  const FrameGradient gradient = gradientOf(effect, window.frame, 7);
+  const auto lookup = detail::makeToneCurve(adjustments.toneCurve(sceneReferred), 1.0f);
+  const detail::GainDomain domain =
+      sceneReferred ? detail::GainDomain::Hdr : detail::GainDomain::Display;
+  const PixelRGB<float> balance = adjustments.balance;
+  const float saturation = 1.0f + adjustments.saturation;
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    std::vector<PixelRGB<float>> adjusted(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const PixelRGB<float> p = detail::spreadable(in[i]);
+      adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+    }
+    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const float w = gradient.at(x0 + static_cast<int>(i), y);
+      if (w == 0.0f) {
+        out[i] = in[i];
+        continue;
+      }
+      const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+      out[i] = detail::mix(
+          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)), w);
+    }
+  });
+}
+
+}  // namespace
+
+int AdjustableGraduatedEffect::reach(float) const {
+  return 0;
+}
+
+bool AdjustableGraduatedEffect::isIdentity() const {
+  return GraduatedAdjustments(*this).none();
+}
+
+// Graduated adjustments: the adjusted picture mixed in by a smooth step across the line.
+void AdjustableGraduatedEffect::render(const Window& window) const {
+  renderGraduated(*this, window, false);
+}
+
+int AdjustableGraduatedEffectHDR::reach(float) const {
+  return 0;
+}
+
+bool AdjustableGraduatedEffectHDR::isIdentity() const {
+  return GraduatedAdjustments(*this).none();
+}
+
+void AdjustableGraduatedEffectHDR::render(const Window& window) const {
+  renderGraduated(*this, window, true);
+}
+
+namespace {
+
+float depthSigma(const Effect& effect) {
+  return 40.0f * fraction(effect, 0);
+}
+
+}  // namespace
+
+int DepthEffect::reach(float spatialScale) const {
+  return detail::gaussianReach(depthSigma(*this) * spatialScale);
+}
+
+bool DepthEffect::isIdentity() const {
+  return depthSigma(*this) * spatialScale() < detail::kNegligibleSigma;
+}
+
+// Depth of field: a Gaussian blur mixed in with the distance from the focus band, so the band
+// stays sharp and the picture softens smoothly above and below it.
+void DepthEffect::render(const Window& window) const {
+  const detail::ImageRGBf blurred =
+      detail::blurredWindow(window, depthSigma(*this) * window.spatialScale);
+  const float focusY = static_cast<float>(window.frame.y) +
+                       fraction(*this, 1) * static_cast<float>(window.frame.height);
+  const float height = static_cast<float>(std::max(window.frame.height, 1));
+  constexpr float kSharpBand = 0.08f;
+  constexpr float kFullBlur = 0.45f;
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t index, int, int y) {
+    const float distance = std::fabs(static_cast<float>(y) + 0.5f - focusY) / height;
+    const float w = smoothStep(kSharpBand, kFullBlur, distance);
+    const PixelRGB<float>* b = blurred.data + index;
+    for (std::size_t i = 0; i < count; ++i)
+      out[i] = w == 0.0f ? in[i] : detail::mix(in[i], b[i], w);
+  });
+}
+
+}  // namespace vorn

@@ -1,0 +1,129 @@
+// Texture overlay: a procedural canvas-and-paper texture placed on the frame and blended with the
+// overlay mix, so it lightens and darkens the picture around mid-grey without changing its key.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "effects/creative/slider.h"
+#include "effects/kernels/frame_geometry.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/value_noise.h"
+#include "vorn/effects/creative_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::fraction;
+
+/// The texture repeats every this many threads; it is tabulated once per call at this many texels
+/// per thread and read bilinearly.
+constexpr int kTileThreads = 10;
+constexpr int kTexelsPerThread = 24;
+constexpr int kTileTexels = kTileThreads * kTexelsPerThread;
+
+/// The canvas thread spacing in reference pixels at Scale 100.
+constexpr float kThreadSpacing = 9.0f;
+constexpr std::uint32_t kPaperSeed = 0x5eedu;
+
+/// Overlay of blend b over base a: multiply below mid-grey, screen above.
+inline float overlay(float a, float b) {
+  const float u = detail::unitClamp(a);
+  const float blended = u < 0.5f ? 2.0f * u * b : 1.0f - 2.0f * (1.0f - u) * (1.0f - b);
+  return a + (blended - u);
+}
+
+/// The amplitude left of a wave of the given period (pixels) averaged over one pixel, sin(pi f) /
+/// (pi f) with f = 1 / period, and none past its first zero: each render draws the texture as its
+/// own pixels would see it, so a preview matches the export shrunk.
+inline float pixelAverage(double period) {
+  constexpr double kPi = 3.14159265358979;
+  const double f = 1.0 / period;
+  return f >= 1.0 ? 0.0f : static_cast<float>(std::sin(kPi * f) / (kPi * f));
+}
+
+/// The texture at (u, v) in thread units, around 0.5: a woven canvas (crossing threads,
+/// alternately over and under, written as its four waves) with paper fibres of two octaves of
+/// value noise.
+struct Canvas {
+  explicit Canvas(double spacing)
+      : diagonal(0.045f * pixelAverage(spacing / std::sqrt(2.0))),
+        half(0.0225f * pixelAverage(0.5 * spacing)),
+        coarse(0.072f * pixelAverage(spacing / kCoarse)),
+        fine(0.048f * pixelAverage(spacing / kFine)) {}
+  float at(double u, double v) const {
+    constexpr double kTwoPi = 2.0 * 3.14159265358979;
+    const auto wave = [](double t) { return static_cast<float>(std::cos(kTwoPi * t)); };
+    return 0.5f + diagonal * (wave(u - v) - wave(u + v)) + half * (wave(2.0 * v) - wave(2.0 * u)) +
+           coarse * detail::tiledValueNoise(u * kCoarse, v * kCoarse, kCoarseCells, kPaperSeed) +
+           fine * detail::tiledValueNoise(u * kFine, v * kFine, kFineCells, kPaperSeed + 1u);
+  }
+  // The texture repeats every kTileThreads threads: both noise lattices fit it exactly.
+  static constexpr double kCoarse = 0.7;
+  static constexpr double kFine = 2.3;
+  static constexpr std::int64_t kCoarseCells = 7;
+  static constexpr std::int64_t kFineCells = 23;
+  float diagonal;
+  float half;
+  float coarse;
+  float fine;
+};
+
+}  // namespace
+
+int TextureOverlayEffect::reach(float) const {
+  return 0;
+}
+
+bool TextureOverlayEffect::isIdentity() const {
+  return fraction(*this, 0) == 0.0f;
+}
+
+// Texture overlay: the canvas texture sampled in rotated, scaled frame coordinates and overlaid.
+void TextureOverlayEffect::render(const Window& window) const {
+  const float opacity = fraction(*this, 0);
+  const float scale = mappedValue(1, 0.1f, 2.05f, 4.0f);
+  const float radians = mappedValue(2, 0.0f, 180.0f, 360.0f) * 3.14159265f / 180.0f;
+  const double spacing = kThreadSpacing * scale * window.spatialScale;
+  const Canvas canvas(spacing);
+  std::vector<float> tile(static_cast<std::size_t>(kTileTexels) * kTileTexels);
+  detail::parallelRows(kTileTexels, [&](int first, int end) {
+    for (int ty = first; ty < end; ++ty) {
+      for (int tx = 0; tx < kTileTexels; ++tx) {
+        tile[static_cast<std::size_t>(ty) * kTileTexels + static_cast<std::size_t>(tx)] = canvas.at(
+            static_cast<double>(tx) / kTexelsPerThread, static_cast<double>(ty) / kTexelsPerThread);
+      }
+    }
+  });
+  window.control.checkpoint();
+  const auto texel = [&](int tx, int ty) {
+    return tile[static_cast<std::size_t>(ty) * kTileTexels + static_cast<std::size_t>(tx)];
+  };
+  // Texels of the tile per pixel along the frame's axes.
+  const double c = kTexelsPerThread * std::cos(radians) / spacing;
+  const double s = kTexelsPerThread * std::sin(radians) / spacing;
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int x0, int y) {
+    const double fy = static_cast<double>(y - window.frame.y) + 0.5;
+    for (std::size_t i = 0; i < count; ++i) {
+      const double fx = static_cast<double>(x0 + static_cast<int>(i) - window.frame.x) + 0.5;
+      double u = c * fx + s * fy;
+      double v = c * fy - s * fx;
+      u -= kTileTexels * std::floor(u / kTileTexels);
+      v -= kTileTexels * std::floor(v / kTileTexels);
+      const int u0 = std::min(static_cast<int>(u), kTileTexels - 1);
+      const int v0 = std::min(static_cast<int>(v), kTileTexels - 1);
+      const int u1 = u0 + 1 == kTileTexels ? 0 : u0 + 1;
+      const int v1 = v0 + 1 == kTileTexels ? 0 : v0 + 1;
+      const auto du = static_cast<float>(u - u0);
+      const auto dv = static_cast<float>(v - v0);
+      const float t = detail::mix(detail::mix(texel(u0, v0), texel(u1, v0), du),
+                                  detail::mix(texel(u0, v1), texel(u1, v1), du), dv);
+      const PixelRGB<float> textured(overlay(in[i].r, t), overlay(in[i].g, t), overlay(in[i].b, t));
+      out[i] = detail::mix(in[i], textured, opacity);
+    }
+  });
+}
+
+}  // namespace vorn

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+
+#include "effects/kernels/mix.h"
+#include "effects/kernels/window_blur.h"
+
+// Smooth effects (lens blur, light rays) work on a decimated copy of their window: blocks are
+// aligned on the frame, so a region render decimates exactly as a whole one does.
+namespace vorn::detail {
+
+/// The block grid of a window decimated by `factor`.
+class DecimationGrid {
+ public:
+  DecimationGrid(const StencilWindow& window, int factor)
+      : window_(window),
+        factor_(factor),
+        originX_(origin(window.input.x, window.frame.x, factor)),
+        originY_(origin(window.input.y, window.frame.y, factor)),
+        width_((window.input.width - originX_ + factor - 1) / factor),
+        height_((window.input.height - originY_ + factor - 1) / factor) {}
+
+  int factor() const { return factor_; }
+  /// Where the first block starts, in window coordinates (0 or negative).
+  float originX() const { return static_cast<float>(originX_); }
+  float originY() const { return static_cast<float>(originY_); }
+  _Size<int> size() const { return _Size<int>(width_, height_); }
+
+  /// The mean of prepare(pixel) over each block (its part inside the window), pixels made
+  /// spreadable first.
+  template <typename Prepare>
+  ImageRGBf decimate(const Prepare& prepare) const {
+    ImageRGBf small(size());
+    parallelRows(height_, [&](int first, int end) {
+      for (int by = first; by < end; ++by) {
+        const int y0 = std::max(0, originY_ + by * factor_);
+        const int y1 = std::min(window_.input.height, originY_ + (by + 1) * factor_);
+        for (int bx = 0; bx < width_; ++bx) {
+          const int x0 = std::max(0, originX_ + bx * factor_);
+          const int x1 = std::min(window_.input.width, originX_ + (bx + 1) * factor_);
+          PixelRGB<float> sum(0.0f);
+          for (int y = y0; y < y1; ++y) {
+            const PixelRGB<float>* row = window_.source.row(window_.input.y + y) + window_.input.x;
+            for (int x = x0; x < x1; ++x) {
+              const PixelRGB<float> p = prepare(spreadable(row[x]));
+              sum = PixelRGB<float>(sum.r + p.r, sum.g + p.g, sum.b + p.b);
+            }
+          }
+          small.at(bx, by) = scaled(sum, 1.0f / static_cast<float>((y1 - y0) * (x1 - x0)));
+        }
+      }
+    });
+    window_.control.checkpoint();
+    return small;
+  }
+
+  /// Bilinear sample of a decimated image at image pixel (x, y): block centres sit at the
+  /// middle of their blocks.
+  PixelRGB<float> sample(const ImageRGBf& small, int x, int y) const {
+    const float inverse = 1.0f / static_cast<float>(factor_);
+    const float fx = (static_cast<float>(x - window_.input.x - originX_) + 0.5f) * inverse - 0.5f;
+    const float fy = (static_cast<float>(y - window_.input.y - originY_) + 0.5f) * inverse - 0.5f;
+    const int ix = std::clamp(static_cast<int>(std::floor(fx)), 0, small.width - 1);
+    const int iy = std::clamp(static_cast<int>(std::floor(fy)), 0, small.height - 1);
+    const int ix1 = std::min(ix + 1, small.width - 1);
+    const int iy1 = std::min(iy + 1, small.height - 1);
+    const float tx = unitClamp(fx - static_cast<float>(ix));
+    const float ty = unitClamp(fy - static_cast<float>(iy));
+    return mix(mix(small.at(ix, iy), small.at(ix1, iy), tx),
+               mix(small.at(ix, iy1), small.at(ix1, iy1), tx), ty);
+  }
+
+  /// Source pixels beyond the output that one block sample reads: the margin to add to a reach.
+  int margin() const { return 2 * factor_; }
+
+ private:
+  /// Where the first block starts in window coordinates (0 or negative): blocks start at
+  /// frame.x + k factor.
+  static int origin(int windowStart, int frameStart, int factor) {
+    int offset = (frameStart - windowStart) % factor;
+    if (offset > 0) offset -= factor;
+    return offset;
+  }
+
+  const StencilWindow& window_;
+  int factor_;
+  int originX_;
+  int originY_;
+  int width_;
+  int height_;
+};
+
+}  // namespace vorn::detail
