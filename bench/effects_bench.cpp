@@ -105,7 +105,7 @@ const bool kRegistered = [] {
   for (const auto& [id, values] : settings) {
     std::string name = std::string("BM_Effect/").append(id);
     if (listed[id] > 1) {
-      for (const float value : values) name += "/" + std::to_string(static_cast<int>(value));
+      for (const float value : values) name.append("/").append(std::to_string(static_cast<int>(value)));
     }
     registerPoolPair(
         name,
