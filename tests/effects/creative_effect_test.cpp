@@ -14,17 +14,7 @@ namespace {
 
 using test::ImageRGBf;
 
-/// The effect with the given leading values, spatial sizes at `scale` of the reference frame.
-std::shared_ptr<Effect> makeEffect(const std::string& id, std::initializer_list<float> values,
-                                   float scale = 0.1f) {
-  auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
-  std::size_t i = 0;
-  for (const float value : values) effect->parameters().at(i++).setValue(value);
-  auto context = std::make_shared<EffectContext>();
-  context->scale = scale;
-  effect->setContext(context);
-  return effect;
-}
+using test::makeEffect;
 
 std::shared_ptr<ImageRGBf> flatImage(int width, int height, float value) {
   return std::make_shared<ImageRGBf>(_Size<int>(width, height), PixelRGB<float>(value));

@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 #include <memory>
+#include <string>
 
 #include "vorn/core/image_data.h"
 #include "vorn/effects/effect.h"
+#include "vorn/effects/effect_factory.h"
 
 namespace vorn::test {
 
@@ -48,6 +51,19 @@ inline std::shared_ptr<ImageRGBf> makeSceneImage(int width, int height) {
     }
   }
   return image;
+}
+
+/// The effect of the factory with the given leading values, spatial sizes at `scale` of the
+/// reference frame.
+inline std::shared_ptr<Effect> makeEffect(const std::string& id,
+                                          std::initializer_list<float> values, float scale = 0.1f) {
+  auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
+  std::size_t i = 0;
+  for (const float value : values) effect->parameters().at(i++).setValue(value);
+  auto context = std::make_shared<EffectContext>();
+  context->scale = scale;
+  effect->setContext(context);
+  return effect;
 }
 
 /// Renders the whole source through processImage into a new buffer; null on failure.

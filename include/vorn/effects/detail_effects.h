@@ -17,18 +17,30 @@ class ClarityEffect final : public PassThroughEffect<ClarityEffect> {
   static constexpr DeclaredParameter kParameters[] = {{"Clarity", 0, 100, 0}};
 };
 
-class StructureEffect final : public PassThroughEffect<StructureEffect> {
+/// Structure: the mid-scale luminance bands of the a trous decomposition boosted or smoothed.
+class StructureEffect final : public detail::DeclaredEffect<StructureEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNStructureEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", -100, 100, 0},
                                                       {"Softness", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class StructureHDREffect final : public PassThroughEffect<StructureHDREffect> {
+/// Structure with a strong, halo-limited boost of the coarse bands (Boost) for the HDR look.
+class StructureHDREffect final : public detail::DeclaredEffect<StructureHDREffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNStructureHDREffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", -100, 100, 0}, {"Softness", 0, 100, 50}, {"Boost", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class SharpenEffect final : public PassThroughEffect<SharpenEffect> {
@@ -44,11 +56,18 @@ class HighPassFilterEffect final : public PassThroughEffect<HighPassFilterEffect
   static constexpr DeclaredParameter kParameters[] = {{"Radius", 0, 30, 0}};
 };
 
-class MicroStructureEffect final : public PassThroughEffect<MicroStructureEffect> {
+/// Structure of the finest luminance bands: texture, fabric, skin pores.
+class MicroStructureEffect final
+    : public detail::DeclaredEffect<MicroStructureEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNMicroStructureEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Softness", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class DenoiseLaplacianEffect final : public PassThroughEffect<DenoiseLaplacianEffect> {
@@ -110,11 +129,18 @@ class ApplyDetailsDEVELOPEffect final : public PassThroughEffect<ApplyDetailsDEV
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Masking", 0, 100, 35}};
 };
 
-class SuperStructureEffect final : public PassThroughEffect<SuperStructureEffect> {
+/// Structure of the coarse luminance bands: large-scale local contrast.
+class SuperStructureEffect final
+    : public detail::DeclaredEffect<SuperStructureEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSuperStructureEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Softness", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class RamixDynamicContrastEffect final : public PassThroughEffect<RamixDynamicContrastEffect> {

@@ -1,0 +1,160 @@
+// Structure: luminance detail boosted band by band on the shared a trous decomposition.
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "effects/kernels/atrous.h"
+#include "effects/kernels/luminance.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/window_blur.h"
+#include "vorn/effects/detail_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::Plane;
+
+/// A raised-cosine bump over log2 of a band's scale in reference pixels.
+struct Bump {
+  float centre;
+  float halfWidth;
+  float gain;
+};
+
+/// Which bands a variant boosts and how much.
+struct StructureSetting {
+  std::array<Bump, 2> bumps;
+  /// Detail gain at a bump's peak: -1 removes the band, 1 doubles it.
+  float amount;
+  /// Boosted detail is compressed beyond this, so strong edges gain little (no halos).
+  float knee;
+
+  float weight(float log2Scale) const {
+    float sum = 0.0f;
+    for (const Bump& bump : bumps) {
+      const float distance = std::fabs(log2Scale - bump.centre);
+      if (bump.gain != 0.0f && distance < bump.halfWidth)
+        sum += bump.gain * 0.5f * (1.0f + std::cos(3.14159265f * distance / bump.halfWidth));
+    }
+    return sum;
+  }
+  int levels(float spatialScale) const {
+    float top = 0.0f;
+    for (const Bump& bump : bumps)
+      if (bump.gain != 0.0f) top = std::max(top, bump.centre + bump.halfWidth);
+    return detail::atrousLevelsFor(std::exp2(top), spatialScale);
+  }
+};
+
+// Band centres in log2 reference pixels: micro 2 px, structure 16 px, super 90 px.
+constexpr float kMicroCentre = 1.0f;
+constexpr float kMicroHalfWidth = 2.5f;
+constexpr float kMidCentre = 4.0f;
+constexpr float kMidHalfWidth = 3.0f;
+constexpr float kCoarseCentre = 6.5f;
+constexpr float kCoarseHalfWidth = 2.5f;
+
+/// Softness 0 ... 1 to the compression knee: soft structure only lifts fine texture.
+float kneeOf(float softness) {
+  const float hard = 1.0f - softness;
+  return 0.02f + 0.25f * hard * hard;
+}
+
+StructureSetting structureSetting(const Effect& effect) {
+  return {{Bump{kMidCentre, kMidHalfWidth, 1.0f}, Bump{0.0f, 1.0f, 0.0f}},
+          effect.mappedValue(0, -1.0f, 0.0f, 1.5f),
+          kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
+}
+
+// The HDR look: the coarse bands carry most of the boost, their knee halved against halos.
+StructureSetting structureHdrSetting(const Effect& effect) {
+  const float boost = effect.mappedValue(2, 0.0f, 0.5f, 1.0f);
+  return {
+      {Bump{kMidCentre, kMidHalfWidth, 1.0f}, Bump{kCoarseCentre, kCoarseHalfWidth, 2.0f * boost}},
+      effect.mappedValue(0, -1.0f, 0.0f, 1.5f),
+      0.5f * kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
+}
+
+StructureSetting microSetting(const Effect& effect) {
+  return {{Bump{kMicroCentre, kMicroHalfWidth, 1.0f}, Bump{0.0f, 1.0f, 0.0f}},
+          effect.mappedValue(0, 0.0f, 1.0f, 2.0f),
+          kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
+}
+
+StructureSetting superSetting(const Effect& effect) {
+  return {{Bump{kCoarseCentre, kCoarseHalfWidth, 1.0f}, Bump{0.0f, 1.0f, 0.0f}},
+          effect.mappedValue(0, 0.0f, 0.6f, 1.2f),
+          kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
+}
+
+/// Finite luminance limited to a range where one extreme pixel stays local.
+float structureLuma(const PixelRGB<float>& p) {
+  constexpr float kCeiling = 64.0f;
+  return std::clamp(detail::luminance(detail::spreadable(p)), 0.0f, kCeiling);
+}
+
+/// Detail added near white or black fades out, so boosted edges do not clip.
+float withHeadroom(float added, float luma) {
+  constexpr float kRoom = 0.15f;
+  const float room = added > 0.0f ? 1.0f - luma : luma;
+  return added * detail::smoothStep(0.0f, kRoom, room);
+}
+
+// Each band of the luminance gets amount x weight(scale) of itself, compressed past the knee;
+// the change is added to every channel, so hue and saturation stay.
+void renderStructure(const detail::StencilWindow& window, const StructureSetting& setting) {
+  const int levels = setting.levels(window.spatialScale);
+  std::array<float, detail::kMaxAtrousLevels> gains{};
+  for (int level = 0; level < levels; ++level)
+    gains[static_cast<std::size_t>(level)] =
+        setting.amount *
+        setting.weight(std::log2(detail::atrousBandScale(level, window.spatialScale)));
+  const Plane luma = detail::planeOf(window.source, window.input, structureLuma);
+  const float knee = setting.knee;
+  const Plane shaped = detail::atrousReshape(
+      luma, levels,
+      [&](int level, Plane& band) {
+        const float gain = gains[static_cast<std::size_t>(level)];
+        if (gain == 0.0f) return;
+        detail::parallelChunks(band.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
+          float* values = band.data();
+          for (std::size_t i = first; i < end; ++i) {
+            const float added = gain * values[i];
+            values[i] += gain > 0.0f ? added / (1.0f + std::fabs(added) / knee) : added;
+          }
+        });
+      },
+      &window.control);
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        const float* l = luma.data() + index;
+        const float* s = shaped.data() + index;
+        for (std::size_t x = 0; x < count; ++x) {
+          const float added = withHeadroom(s[x] - l[x], l[x]);
+          out[x] = PixelRGB<float>(in[x].r + added, in[x].g + added, in[x].b + added);
+        }
+      });
+}
+
+}  // namespace
+
+#define VORN_STRUCTURE_OVERRIDES(Class, setting)                     \
+  int Class::reach(float spatialScale) const {                       \
+    return detail::atrousReach(setting(*this).levels(spatialScale)); \
+  }                                                                  \
+  bool Class::isIdentity() const {                                   \
+    return setting(*this).amount == 0.0f;                            \
+  }                                                                  \
+  void Class::render(const Window& window) const {                   \
+    renderStructure(window, setting(*this));                         \
+  }
+
+VORN_STRUCTURE_OVERRIDES(StructureEffect, structureSetting)
+VORN_STRUCTURE_OVERRIDES(StructureHDREffect, structureHdrSetting)
+VORN_STRUCTURE_OVERRIDES(MicroStructureEffect, microSetting)
+VORN_STRUCTURE_OVERRIDES(SuperStructureEffect, superSetting)
+
+#undef VORN_STRUCTURE_OVERRIDES
+
+}  // namespace vorn
