@@ -98,6 +98,15 @@ const bool kRegistered = [] {
       {"VORNSunLightRaysEffect", {70, 20}},
       {"VORNSunLightRaysEffect", {70, 90}},
       {"VORNTextureOverlayEffect", {60, 100, 20}},
+      {"VORNStructureEffect", {60, 50}},
+      {"VORNStructureHDREffect", {60, 50, 70}},
+      {"VORNMicroStructureEffect", {70, 50}},
+      {"VORNSuperStructureEffect", {70, 50}},
+      {"VORNDenoiseEffect", {100}},
+      {"VORNDenoiseCoarseEffect", {100}},
+      {"VORNDenoiseStructureEffect", {100}},
+      {"VORNDenoiseDetailsEffect", {100}},
+      {"VORNDenoiseLaplacianEffect", {100, 50}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;
@@ -105,7 +114,8 @@ const bool kRegistered = [] {
   for (const auto& [id, values] : settings) {
     std::string name = std::string("BM_Effect/").append(id);
     if (listed[id] > 1) {
-      for (const float value : values) name.append("/").append(std::to_string(static_cast<int>(value)));
+      for (const float value : values)
+        name.append("/").append(std::to_string(static_cast<int>(value)));
     }
     registerPoolPair(
         name,

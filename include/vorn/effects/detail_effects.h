@@ -70,11 +70,18 @@ class MicroStructureEffect final
   void render(const Window& window) const override;
 };
 
-class DenoiseLaplacianEffect final : public PassThroughEffect<DenoiseLaplacianEffect> {
+/// Band-wise locally adaptive Wiener shrinkage; Detail gives back part of the luminance.
+class DenoiseLaplacianEffect final
+    : public detail::DeclaredEffect<DenoiseLaplacianEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseLaplacianEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Detail", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class DenoiseLaplacianNLBEffect final : public PassThroughEffect<DenoiseLaplacianNLBEffect> {
@@ -84,16 +91,29 @@ class DenoiseLaplacianNLBEffect final : public PassThroughEffect<DenoiseLaplacia
       {"Amount", 0, 100, 0}, {"Denoise", 0, 100, 10}, {"Boost", 0, 100, 50}};
 };
 
-class DenoiseCoarseEffect final : public PassThroughEffect<DenoiseCoarseEffect> {
+/// Coarse (blotchy) noise: soft-thresholded middle wavelet bands, chroma more strongly.
+class DenoiseCoarseEffect final
+    : public detail::DeclaredEffect<DenoiseCoarseEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseCoarseEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Coarse", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class DenoiseEffect final : public PassThroughEffect<DenoiseEffect> {
+/// Fine-grain denoise: soft-thresholded fine wavelet bands, chroma more strongly than luma.
+class DenoiseEffect final : public detail::DeclaredEffect<DenoiseEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Fine", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
@@ -103,16 +123,30 @@ class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
                                                       {"Radius", 0, 100, 50}};
 };
 
-class DenoiseStructureEffect final : public PassThroughEffect<DenoiseStructureEffect> {
+/// Denoise that keeps structure: only the finest bands are shrunk, the mid bands stay.
+class DenoiseStructureEffect final
+    : public detail::DeclaredEffect<DenoiseStructureEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseStructureEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Structure", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class DenoiseDetailsEffect final : public PassThroughEffect<DenoiseDetailsEffect> {
+/// Detail-keeping denoise: garrote shrinkage, part of the removed luminance given back.
+class DenoiseDetailsEffect final
+    : public detail::DeclaredEffect<DenoiseDetailsEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseDetailsEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Details", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class DetailsEffect final : public PassThroughEffect<DetailsEffect> {
