@@ -107,6 +107,7 @@ const bool kRegistered = [] {
       {"VORNDenoiseStructureEffect", {100}},
       {"VORNDenoiseDetailsEffect", {100}},
       {"VORNDenoiseLaplacianEffect", {100, 50}},
+      {"VORNDenoiseLaplacianNLBEffect", {100, 10, 50}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -189,7 +189,8 @@ TEST_P(DenoiseEffects, HalfSizeRenderLooksLikeTheFullRenderShrunk) {
 INSTANTIATE_TEST_SUITE_P(Shrinkage, DenoiseEffects,
                          testing::Values("VORNDenoiseEffect", "VORNDenoiseCoarseEffect",
                                          "VORNDenoiseStructureEffect", "VORNDenoiseDetailsEffect",
-                                         "VORNDenoiseLaplacianEffect"),
+                                         "VORNDenoiseLaplacianEffect",
+                                         "VORNDenoiseLaplacianNLBEffect"),
                          [](const testing::TestParamInfo<std::string>& param) {
                            return param.param;
                          });

@@ -84,11 +84,18 @@ class DenoiseLaplacianEffect final
   void render(const Window& window) const override;
 };
 
-class DenoiseLaplacianNLBEffect final : public PassThroughEffect<DenoiseLaplacianNLBEffect> {
+/// Laplacian luminance denoise with non-local means on half-resolution chroma (Boost).
+class DenoiseLaplacianNLBEffect final
+    : public detail::DeclaredEffect<DenoiseLaplacianNLBEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDenoiseLaplacianNLBEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Denoise", 0, 100, 10}, {"Boost", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Coarse (blotchy) noise: soft-thresholded middle wavelet bands, chroma more strongly.

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <utility>
+#include <vector>
 
 #include "effects/kernels/atrous.h"
+#include "effects/kernels/decimate.h"
 #include "effects/kernels/luminance.h"
-#include "effects/kernels/window_blur.h"
 #include "vorn/effects/detail_effects.h"
 
 namespace vorn {
@@ -36,12 +38,12 @@ struct DenoiseSetting {
   /// Part of the removed luminance given back, so fine texture is not smeared to plastic.
   float lumaKept = 0.0f;
 
-  int levels() const {
+  int levels() const { return std::max(levelsOf(luma), levelsOf(chroma)); }
+  /// Levels up to the coarsest one with a threshold.
+  static int levelsOf(const Levels& k) {
     int count = 0;
-    for (int level = 0; level < kMaxAtrousLevels; ++level) {
-      const auto i = static_cast<std::size_t>(level);
-      if (luma[i] > 0.0f || chroma[i] > 0.0f) count = level + 1;
-    }
+    for (int level = 0; level < kMaxAtrousLevels; ++level)
+      if (k[static_cast<std::size_t>(level)] > 0.0f) count = level + 1;
     return count;
   }
   bool identity() const { return levels() == 0; }
@@ -55,20 +57,22 @@ constexpr float kMaxCorrelation = 4.0f;
 /// Channel values beyond this are clipped first: one extreme pixel must stay a local fault.
 constexpr float kChannelLimit = 64.0f;
 
+/// v limited to +-kChannelLimit, NaN as 0; plain comparisons, so the pixel loops vectorise.
 float limited(float v) {
-  return std::clamp(v, -kChannelLimit, kChannelLimit);
+  if (!(v > -kChannelLimit)) return v == v ? -kChannelLimit : 0.0f;
+  return v < kChannelLimit ? v : kChannelLimit;
 }
 
 // Opponent channels Y, B - Y, R - Y: linear, so the inverse is exact, and chroma noise can be
 // treated apart from luminance noise.
 float lumaOf(const PixelRGB<float>& p) {
-  return limited(detail::luminance(detail::spreadable(p)));
+  return detail::luminance(limited(p.r), limited(p.g), limited(p.b));
 }
 float blueDifferenceOf(const PixelRGB<float>& p) {
-  return limited(detail::spreadable(p.b) - detail::luminance(detail::spreadable(p)));
+  return limited(p.b) - lumaOf(p);
 }
 float redDifferenceOf(const PixelRGB<float>& p) {
-  return limited(detail::spreadable(p.r) - detail::luminance(detail::spreadable(p)));
+  return limited(p.r) - lumaOf(p);
 }
 
 int denoiseReach(const DenoiseSetting& setting) {
@@ -77,18 +81,15 @@ int denoiseReach(const DenoiseSetting& setting) {
          (setting.rule == Shrink::LocalWiener ? kWienerRadius : 0);
 }
 
-void shrinkPointwise(Plane& band, float t, Shrink rule) {
-  detail::parallelChunks(band.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
-    float* d = band.data();
-    for (std::size_t i = first; i < end; ++i) {
-      const float magnitude = std::fabs(d[i]);
-      if (rule == Shrink::Soft) {
-        d[i] = std::copysign(std::max(magnitude - t, 0.0f), d[i]);
-      } else {
-        d[i] = magnitude > t ? d[i] - t * t / d[i] : 0.0f;
-      }
+void shrinkPointwise(float* d, int count, float t, Shrink rule) {
+  for (int i = 0; i < count; ++i) {
+    const float magnitude = std::fabs(d[i]);
+    if (rule == Shrink::Soft) {
+      d[i] = std::copysign(std::max(magnitude - t, 0.0f), d[i]);
+    } else {
+      d[i] = magnitude > t ? d[i] - t * t / d[i] : 0.0f;
     }
-  });
+  }
 }
 
 void shrinkLocalWiener(Plane& band, float t, const detail::RenderControl& control) {
@@ -112,7 +113,8 @@ void shrinkLocalWiener(Plane& band, float t, const detail::RenderControl& contro
 /// One channel of the window with every band shrunk; thresholds scale each band's noise.
 template <typename Value>
 Plane denoiseChannel(const detail::StencilWindow& window, const Value& value, const Levels& k,
-                     Shrink rule, int levels) {
+                     Shrink rule) {
+  const int levels = std::max(1, DenoiseSetting::levelsOf(k));
   Levels sigmas = detail::bandNoise(window.statistics, window.statisticsRect, levels, value);
   // Coarse bands of a textured picture hold more picture than noise: their estimate may exceed
   // what white noise of the finest band's strength would leave there by kMaxCorrelation only.
@@ -123,17 +125,24 @@ Plane denoiseChannel(const detail::StencilWindow& window, const Value& value, co
   }
   window.control.checkpoint();
   const Plane channel = detail::planeOf(window.source, window.input, value);
-  return detail::atrousReshape(
+  const auto threshold = [&](int level) {
+    const auto i = static_cast<std::size_t>(level);
+    return k[i] * sigmas[i];
+  };
+  if (rule == Shrink::LocalWiener) {
+    return detail::atrousReshape(
+        channel, levels,
+        [&](int level, Plane& band) {
+          const float t = threshold(level);
+          if (t > 0.0f) shrinkLocalWiener(band, t, window.control);
+        },
+        &window.control);
+  }
+  return detail::atrousReshapeRows(
       channel, levels,
-      [&](int level, Plane& band) {
-        const auto i = static_cast<std::size_t>(level);
-        const float t = k[i] * sigmas[i];
-        if (!(t > 0.0f)) return;
-        if (rule == Shrink::LocalWiener) {
-          shrinkLocalWiener(band, t, window.control);
-        } else {
-          shrinkPointwise(band, t, rule);
-        }
+      [&](int level, float* band, int count) {
+        const float t = threshold(level);
+        if (t > 0.0f) shrinkPointwise(band, count, t, rule);
       },
       &window.control);
 }
@@ -142,32 +151,42 @@ bool anyAbove(const Levels& k) {
   return std::any_of(k.begin(), k.end(), [](float v) { return v > 0.0f; });
 }
 
-// The three channels are shrunk separately and their changes mapped back to RGB exactly.
-void renderDenoise(const detail::StencilWindow& window, const DenoiseSetting& setting) {
-  const int levels = setting.levels();
-  const Plane luma = denoiseChannel(window, lumaOf, setting.luma, setting.rule, levels);
-  const bool chroma = anyAbove(setting.chroma);
-  // Chroma noise is smooth blotches, not edges worth a local estimate: the soft rule does.
-  const Shrink chromaRule = setting.rule == Shrink::LocalWiener ? Shrink::Soft : setting.rule;
-  const Plane blue =
-      chroma ? denoiseChannel(window, blueDifferenceOf, setting.chroma, chromaRule, levels)
-             : Plane();
-  const Plane red =
-      chroma ? denoiseChannel(window, redDifferenceOf, setting.chroma, chromaRule, levels)
-             : Plane();
-  const float removedKept = 1.0f - setting.lumaKept;
+/// Writes the window's output from its denoised luminance plane (part `lumaKept` of the change
+/// undone) and chromaChange(index, pixel), the {B - Y, R - Y} change; the inverse is exact.
+template <typename ChromaChange>
+void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float lumaKept,
+                   const ChromaChange& chromaChange) {
+  const float removedKept = 1.0f - lumaKept;
   window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
                            std::size_t count) {
     for (std::size_t x = 0; x < count; ++x) {
       const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
-      const float db = chroma ? blue.data()[index + x] - blueDifferenceOf(in[x]) : 0.0f;
-      const float dr = chroma ? red.data()[index + x] - redDifferenceOf(in[x]) : 0.0f;
+      const auto [db, dr] = chromaChange(index + x, in[x]);
       const float r = in[x].r + dr + dy;
       const float b = in[x].b + db + dy;
       const float dg =
           (dy - detail::kLumaRed * (dr + dy) - detail::kLumaBlue * (db + dy)) / detail::kLumaGreen;
       out[x] = PixelRGB<float>(r, in[x].g + dg, b);
     }
+  });
+}
+
+// The three channels are shrunk separately and their changes mapped back to RGB.
+void renderDenoise(const detail::StencilWindow& window, const DenoiseSetting& setting) {
+  const Plane luma = denoiseChannel(window, lumaOf, setting.luma, setting.rule);
+  if (!anyAbove(setting.chroma)) {
+    writeDenoised(window, luma, setting.lumaKept, [](std::size_t, const PixelRGB<float>&) {
+      return std::pair{0.0f, 0.0f};
+    });
+    return;
+  }
+  // Chroma noise is smooth blotches, not edges worth a local estimate: the soft rule does.
+  const Shrink chromaRule = setting.rule == Shrink::LocalWiener ? Shrink::Soft : setting.rule;
+  const Plane blue = denoiseChannel(window, blueDifferenceOf, setting.chroma, chromaRule);
+  const Plane red = denoiseChannel(window, redDifferenceOf, setting.chroma, chromaRule);
+  writeDenoised(window, luma, setting.lumaKept, [&](std::size_t index, const PixelRGB<float>& p) {
+    return std::pair{blue.data()[index] - blueDifferenceOf(p),
+                     red.data()[index] - redDifferenceOf(p)};
   });
 }
 
@@ -234,6 +253,192 @@ DenoiseSetting laplacianSetting(const Effect& effect) {
   return setting;
 }
 
+// Non-local means (Buades, Coll and Morel) for the chroma of the NLB denoiser, on a copy
+// decimated by kNlbFactor: chroma noise is blotchy and chroma detail coarse, so half
+// resolution loses nothing visible and quarters the cost.
+constexpr int kNlbFactor = 2;
+constexpr int kNlbSearch = 3;
+constexpr int kNlbPatch = 1;
+constexpr int kNlbPatchValues = 3 * (2 * kNlbPatch + 1) * (2 * kNlbPatch + 1);
+
+/// exp(-t) for t >= 0 as (1 - t / 8)^8, which vectorises and reaches 0 at t = 8.
+inline float similarity(float t) {
+  const float u = std::max(0.0f, 1.0f - 0.125f * std::max(t, 0.0f));
+  const float u2 = u * u;
+  const float u4 = u2 * u2;
+  return u4 * u4;
+}
+
+/// The three channels of a decimated picture as planes padded by `pad` replicated pixels, so
+/// that the search loops read without clamping.
+struct PaddedChannels {
+  PaddedChannels(const detail::ImageRGBf& small, int pad)
+      : width(small.width + 2 * pad),
+        padding(pad),
+        y(width, small.height + 2 * pad),
+        blue(width, small.height + 2 * pad),
+        red(width, small.height + 2 * pad) {
+    detail::parallelRows(y.height(), [&](int first, int end) {
+      for (int row = first; row < end; ++row) {
+        const PixelRGB<float>* in = small.row(std::clamp(row - pad, 0, small.height - 1));
+        for (int x = 0; x < width; ++x) {
+          const PixelRGB<float>& p = in[std::clamp(x - pad, 0, small.width - 1)];
+          y.row(row)[x] = p.r;
+          blue.row(row)[x] = p.g;
+          red.row(row)[x] = p.b;
+        }
+      }
+    });
+  }
+  int width;
+  int padding;
+  Plane y;
+  Plane blue;
+  Plane red;
+};
+
+/// The chroma (g, b) of a decimated Y, B - Y, R - Y picture averaged over its search window,
+/// each candidate weighted by how alike its patch is in all three channels (each measured in
+/// its own noise deviation); `spread` widens what counts as alike.
+detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array<float, 3> sigma,
+                                      float spread, const detail::RenderControl& control) {
+  constexpr int kPad = kNlbSearch + kNlbPatch;
+  const int width = small.width;
+  const PaddedChannels padded(small, kPad);
+  detail::ImageRGBf filtered(_Size<int>(width, small.height));
+  std::array<float, 3> inverse{};
+  for (std::size_t c = 0; c < 3; ++c) inverse[c] = 1.0f / std::max(sigma[c] * sigma[c], 1e-10f);
+  // A patch of pure noise differs from another by 2 sigma^2 per value on average.
+  constexpr float kNoiseDistance = 2.0f;
+  const float scale = 1.0f / (static_cast<float>(kNlbPatchValues) * spread * spread);
+  const float offset = kNoiseDistance / (spread * spread);
+  // Distances are kept for x in [-P, width + P): `reach` values either side of the row.
+  const int span = width + 2 * kNlbPatch;
+  detail::parallelRowsCancellable(small.height, control, [&](int first, int end) {
+    const int rows = end - first;
+    const auto row = [](std::vector<float>& v, int r, int length) {
+      return v.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(length);
+    };
+    std::vector<float> distance(static_cast<std::size_t>(rows + 2 * kNlbPatch) *
+                                static_cast<std::size_t>(span));
+    std::vector<float> column(static_cast<std::size_t>(span));
+    std::vector<float> weights(static_cast<std::size_t>(rows) * static_cast<std::size_t>(width),
+                               0.0f);
+    std::vector<float> blue(weights.size(), 0.0f);
+    std::vector<float> red(weights.size(), 0.0f);
+    for (int dy = -kNlbSearch; dy <= kNlbSearch; ++dy) {
+      for (int dx = -kNlbSearch; dx <= kNlbSearch; ++dx) {
+        // Padded coordinates: image row r is padded row r + kPad, column x is x + kPad.
+        for (int r = 0; r < rows + 2 * kNlbPatch; ++r) {
+          const int py = first + r - kNlbPatch + kPad;
+          const int x0 = kPad - kNlbPatch;
+          const float* ay = padded.y.row(py) + x0;
+          const float* ab = padded.blue.row(py) + x0;
+          const float* ar = padded.red.row(py) + x0;
+          const float* by = padded.y.row(py + dy) + x0 + dx;
+          const float* bb = padded.blue.row(py + dy) + x0 + dx;
+          const float* br = padded.red.row(py + dy) + x0 + dx;
+          float* d = row(distance, r, span);
+          for (int x = 0; x < span; ++x)
+            d[x] = (ay[x] - by[x]) * (ay[x] - by[x]) * inverse[0] +
+                   (ab[x] - bb[x]) * (ab[x] - bb[x]) * inverse[1] +
+                   (ar[x] - br[x]) * (ar[x] - br[x]) * inverse[2];
+        }
+        for (int r = 0; r < rows; ++r) {
+          std::fill(column.begin(), column.end(), 0.0f);
+          for (int k = 0; k <= 2 * kNlbPatch; ++k) {
+            const float* d = row(distance, r + k, span);
+            for (int x = 0; x < span; ++x) column[static_cast<std::size_t>(x)] += d[x];
+          }
+          const int qy = first + r + dy + kPad;
+          const float* candidateBlue = padded.blue.row(qy) + kPad + dx;
+          const float* candidateRed = padded.red.row(qy) + kPad + dx;
+          float* w = row(weights, r, width);
+          float* sb = row(blue, r, width);
+          float* sr = row(red, r, width);
+          for (int x = 0; x < width; ++x) {
+            float patch = 0.0f;
+            for (int k = 0; k <= 2 * kNlbPatch; ++k)
+              patch += column[static_cast<std::size_t>(x + k)];
+            const float weight = similarity(patch * scale - offset);
+            w[x] += weight;
+            sb[x] += weight * candidateBlue[x];
+            sr[x] += weight * candidateRed[x];
+          }
+        }
+      }
+    }
+    for (int r = 0; r < rows; ++r) {
+      const PixelRGB<float>* in = small.row(first + r);
+      PixelRGB<float>* out = filtered.row(first + r);
+      const float* w = row(weights, r, width);
+      const float* sb = row(blue, r, width);
+      const float* sr = row(red, r, width);
+      // The centre weighs 1, so the sum never vanishes.
+      for (int x = 0; x < width; ++x) out[x] = PixelRGB<float>(in[x].r, sb[x] / w[x], sr[x] / w[x]);
+    }
+  });
+  return filtered;
+}
+
+/// The NLB denoiser's values: Amount overall, Denoise the luminance share, Boost the chroma.
+struct NlbSetting {
+  DenoiseSetting luma;
+  float chromaAmount;
+  float spread;
+  bool identity() const { return chromaAmount == 0.0f; }
+};
+
+// Luminance by the Laplacian denoiser's local Wiener gain, scaled by Denoise (mild by
+// default); chroma by non-local means, Boost widening what it averages.
+NlbSetting nlbSetting(const Effect& effect) {
+  const float amount = effect.mappedValue(0, 0.0f, 0.5f, 1.0f);
+  const float lumaShare = 0.5f + 2.5f * effect.mappedValue(1, 0.0f, 0.5f, 1.0f);
+  NlbSetting setting;
+  setting.luma.rule = Shrink::LocalWiener;
+  setting.luma.luma = levelsOf(amount * lumaShare, {2.0f, 2.0f, 1.5f, 1.0f});
+  setting.chromaAmount = amount;
+  setting.spread = 0.5f + 1.5f * effect.mappedValue(2, 0.0f, 0.5f, 1.0f);
+  return setting;
+}
+
+int nlbReach(const NlbSetting& setting) {
+  if (setting.identity()) return 0;
+  // The decimated search and patch, one block more for the bilinear sample, and the grid margin.
+  const int chroma = (kNlbSearch + kNlbPatch + 1) * kNlbFactor + 2 * kNlbFactor;
+  return std::max(denoiseReach(setting.luma), chroma);
+}
+
+void renderNlb(const detail::StencilWindow& window, const NlbSetting& setting) {
+  const Plane luma = denoiseChannel(window, lumaOf, setting.luma.luma, Shrink::LocalWiener);
+  std::array<float, 3> sigma{};
+  const auto measure = [&](std::size_t c, const auto& value) {
+    // Averaging kNlbFactor^2 pixels of white noise divides its deviation by kNlbFactor.
+    const float finest = detail::bandNoise(window.statistics, window.statisticsRect, 1, value)[0];
+    sigma[c] = finest / detail::atrousNoiseGain(0) / static_cast<float>(kNlbFactor);
+  };
+  measure(0, lumaOf);
+  measure(1, blueDifferenceOf);
+  measure(2, redDifferenceOf);
+  window.control.checkpoint();
+  const detail::DecimationGrid grid(window, kNlbFactor);
+  const detail::ImageRGBf small = grid.decimate([](const PixelRGB<float>& p) {
+    return PixelRGB<float>(lumaOf(p), blueDifferenceOf(p), redDifferenceOf(p));
+  });
+  const detail::ImageRGBf filtered =
+      nonLocalMeansChroma(small, sigma, setting.spread, window.control);
+  const int width = window.input.width;
+  const float amount = setting.chromaAmount;
+  // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount.
+  writeDenoised(window, luma, 0.0f, [&](std::size_t index, const PixelRGB<float>& p) {
+    const int x = window.input.x + static_cast<int>(index % static_cast<std::size_t>(width));
+    const int y = window.input.y + static_cast<int>(index / static_cast<std::size_t>(width));
+    const PixelRGB<float> chroma = grid.sample(filtered, x, y);
+    return std::pair{amount * (chroma.g - blueDifferenceOf(p)),
+                     amount * (chroma.b - redDifferenceOf(p))};
+  });
+}
+
 }  // namespace
 
 #define VORN_DENOISE_OVERRIDES(Class, setting)     \
@@ -254,5 +459,15 @@ VORN_DENOISE_OVERRIDES(DenoiseDetailsEffect, detailsSetting)
 VORN_DENOISE_OVERRIDES(DenoiseLaplacianEffect, laplacianSetting)
 
 #undef VORN_DENOISE_OVERRIDES
+
+int DenoiseLaplacianNLBEffect::reach(float) const {
+  return nlbReach(nlbSetting(*this));
+}
+bool DenoiseLaplacianNLBEffect::isIdentity() const {
+  return nlbSetting(*this).identity();
+}
+void DenoiseLaplacianNLBEffect::render(const Window& window) const {
+  renderNlb(window, nlbSetting(*this));
+}
 
 }  // namespace vorn

@@ -6,7 +6,6 @@
 #include "effects/kernels/atrous.h"
 #include "effects/kernels/luminance.h"
 #include "effects/kernels/mix.h"
-#include "effects/kernels/window_blur.h"
 #include "vorn/effects/detail_effects.h"
 
 namespace vorn {
@@ -88,10 +87,12 @@ StructureSetting superSetting(const Effect& effect) {
           kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
 }
 
-/// Finite luminance limited to a range where one extreme pixel stays local.
+/// Luminance limited to [0, 64], NaN as 0, so that one extreme pixel stays local.
 float structureLuma(const PixelRGB<float>& p) {
   constexpr float kCeiling = 64.0f;
-  return std::clamp(detail::luminance(detail::spreadable(p)), 0.0f, kCeiling);
+  const float luma = detail::luminance(p);
+  if (!(luma > 0.0f)) return 0.0f;
+  return luma < kCeiling ? luma : kCeiling;
 }
 
 /// Detail added near white or black fades out, so boosted edges do not clip.
@@ -112,18 +113,15 @@ void renderStructure(const detail::StencilWindow& window, const StructureSetting
         setting.weight(std::log2(detail::atrousBandScale(level, window.spatialScale)));
   const Plane luma = detail::planeOf(window.source, window.input, structureLuma);
   const float knee = setting.knee;
-  const Plane shaped = detail::atrousReshape(
+  const Plane shaped = detail::atrousReshapeRows(
       luma, levels,
-      [&](int level, Plane& band) {
+      [&](int level, float* band, int count) {
         const float gain = gains[static_cast<std::size_t>(level)];
         if (gain == 0.0f) return;
-        detail::parallelChunks(band.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
-          float* values = band.data();
-          for (std::size_t i = first; i < end; ++i) {
-            const float added = gain * values[i];
-            values[i] += gain > 0.0f ? added / (1.0f + std::fabs(added) / knee) : added;
-          }
-        });
+        for (int i = 0; i < count; ++i) {
+          const float added = gain * band[i];
+          band[i] += gain > 0.0f ? added / (1.0f + std::fabs(added) / knee) : added;
+        }
       },
       &window.control);
   window.forOutputRows(

@@ -64,6 +64,61 @@ float atrousNoiseGain(int level) {
   return gains[static_cast<std::size_t>(std::clamp(level, 0, kMaxAtrousLevels - 1))];
 }
 
+namespace {
+
+/// The pyramid of smoothings of one transform: level j reads `current` and writes `next`.
+class Smoothings {
+ public:
+  Smoothings(const Plane& input, int levels)
+      : width_(input.width()),
+        height_(input.height()),
+        a_(width_, height_),
+        b_(levels > 1 ? Plane(width_, height_) : Plane()),
+        current_(&input),
+        next_(&a_) {}
+
+  const Plane& current() const { return *current_; }
+  Plane& next() { return *next_; }
+  void advance() {
+    current_ = next_;
+    next_ = next_ == &a_ ? &b_ : &a_;
+  }
+  /// Row y of the next smoothing at taps `step` apart into next(), its band into `band`;
+  /// `column` is a row of scratch.
+  void smooth(int y, int step, float* column, float* band) {
+    const float* lines[5];
+    for (int k = 0; k < 5; ++k)
+      lines[k] = current_->row(std::clamp(y + (k - 2) * step, 0, height_ - 1));
+    for (int x = 0; x < width_; ++x)
+      column[x] = kEdgeTap * (lines[0][x] + lines[4][x]) + kNearTap * (lines[1][x] + lines[3][x]) +
+                  kCentreTap * lines[2][x];
+    float* smooth = next_->row(y);
+    smoothRow(column, width_, step, smooth);
+    for (int x = 0; x < width_; ++x) band[x] = lines[2][x] - smooth[x];
+  }
+
+ private:
+  int width_;
+  int height_;
+  Plane a_;
+  Plane b_;
+  const Plane* current_;
+  Plane* next_;
+};
+
+/// sum += band, or sum = band on the first level; the last level adds the residual too.
+void accumulate(const float* band, const float* residual, bool first, int width, float* sum) {
+  if (first) {
+    std::copy(band, band + width, sum);
+  } else {
+    for (int x = 0; x < width; ++x) sum[x] += band[x];
+  }
+  if (residual)
+    for (int x = 0; x < width; ++x) sum[x] += residual[x];
+}
+
+}  // namespace
+
 Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
                     const RenderControl* control) {
   levels = std::clamp(levels, 1, kMaxAtrousLevels);
@@ -73,52 +128,51 @@ Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
   const int height = input.height();
   Plane output(width, height);
   if (width < 1 || height < 1) return output;
-  Plane smoothA(width, height);
-  Plane smoothB(width, height);
+  Smoothings smoothings(input, levels);
   Plane band(width, height);
-  const Plane* current = &input;
-  Plane* next = &smoothA;
   for (int level = 0; level < levels; ++level) {
-    const int step = 1 << level;
     parallelRowsCancellable(height, poll, [&](int first, int end) {
       std::vector<float> column(static_cast<std::size_t>(width));
-      for (int y = first; y < end; ++y) {
-        const float* lines[5];
-        for (int k = 0; k < 5; ++k)
-          lines[k] = current->row(std::clamp(y + (k - 2) * step, 0, height - 1));
-        for (int x = 0; x < width; ++x)
-          column[static_cast<std::size_t>(x)] = kEdgeTap * (lines[0][x] + lines[4][x]) +
-                                                kNearTap * (lines[1][x] + lines[3][x]) +
-                                                kCentreTap * lines[2][x];
-        float* smooth = next->row(y);
-        smoothRow(column.data(), width, step, smooth);
-        float* detail = band.row(y);
-        for (int x = 0; x < width; ++x) detail[x] = lines[2][x] - smooth[x];
-      }
+      for (int y = first; y < end; ++y)
+        smoothings.smooth(y, 1 << level, column.data(), band.row(y));
     });
     if (reshape) reshape(level, band);
     poll.checkpoint();
+    const bool last = level + 1 == levels;
     parallelRows(height, [&](int first, int end) {
+      for (int y = first; y < end; ++y)
+        accumulate(band.row(y), last ? smoothings.next().row(y) : nullptr, level == 0, width,
+                   output.row(y));
+    });
+    smoothings.advance();
+  }
+  return output;
+}
+
+Plane atrousReshapeRows(const Plane& input, int levels, const BandRowReshape& reshape,
+                        const RenderControl* control) {
+  levels = std::clamp(levels, 1, kMaxAtrousLevels);
+  const RenderControl never;
+  const RenderControl& poll = control ? *control : never;
+  const int width = input.width();
+  const int height = input.height();
+  Plane output(width, height);
+  if (width < 1 || height < 1) return output;
+  Smoothings smoothings(input, levels);
+  for (int level = 0; level < levels; ++level) {
+    const bool last = level + 1 == levels;
+    parallelRowsCancellable(height, poll, [&](int first, int end) {
+      std::vector<float> column(static_cast<std::size_t>(width));
+      std::vector<float> band(static_cast<std::size_t>(width));
       for (int y = first; y < end; ++y) {
-        const float* detail = band.row(y);
-        float* sum = output.row(y);
-        if (level == 0) {
-          std::copy(detail, detail + width, sum);
-        } else {
-          for (int x = 0; x < width; ++x) sum[x] += detail[x];
-        }
+        smoothings.smooth(y, 1 << level, column.data(), band.data());
+        if (reshape) reshape(level, band.data(), width);
+        accumulate(band.data(), last ? smoothings.next().row(y) : nullptr, level == 0, width,
+                   output.row(y));
       }
     });
-    current = next;
-    next = next == &smoothA ? &smoothB : &smoothA;
+    smoothings.advance();
   }
-  parallelRows(height, [&](int first, int end) {
-    for (int y = first; y < end; ++y) {
-      const float* residual = current->row(y);
-      float* sum = output.row(y);
-      for (int x = 0; x < width; ++x) sum[x] += residual[x];
-    }
-  });
   return output;
 }
 

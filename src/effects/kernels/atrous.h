@@ -48,6 +48,14 @@ using BandReshape = std::function<void(int level, Plane& band)>;
 Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
                     const RenderControl* control = nullptr);
 
+/// Changes one row of a band in place: (level, values, count).
+using BandRowReshape = std::function<void(int level, float* band, int count)>;
+
+/// atrousReshape for a reshape that reads no neighbours: one pass over the picture per level,
+/// with no band plane.
+Plane atrousReshapeRows(const Plane& input, int levels, const BandRowReshape& reshape,
+                        const RenderControl* control = nullptr);
+
 /// Noise deviation of each band of `levels` by Donoho's robust estimate, the median absolute
 /// band value / 0.6745, taken in 8 x 8 tiles of 64 pixels spread across rect of image: the
 /// lower quartile of the tiles is the answer, as the flatter tiles hold noise rather than
