@@ -152,7 +152,8 @@ bool anyAbove(const Levels& k) {
 }
 
 /// Writes the window's output from its denoised luminance plane (part `lumaKept` of the change
-/// undone) and chromaChange(index, pixel), the {B - Y, R - Y} change; the inverse is exact.
+/// undone) and chromaChange(rowIndex, x, pixel), the {B - Y, R - Y} change of pixel x of the
+/// output row whose first pixel has index rowIndex in window planes; the inverse is exact.
 template <typename ChromaChange>
 void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float lumaKept,
                    const ChromaChange& chromaChange) {
@@ -161,7 +162,7 @@ void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float
                            std::size_t count) {
     for (std::size_t x = 0; x < count; ++x) {
       const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
-      const auto [db, dr] = chromaChange(index + x, in[x]);
+      const auto [db, dr] = chromaChange(index, x, in[x]);
       const float r = in[x].r + dr + dy;
       const float b = in[x].b + db + dy;
       const float dg =
@@ -175,19 +176,21 @@ void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float
 void renderDenoise(const detail::StencilWindow& window, const DenoiseSetting& setting) {
   const Plane luma = denoiseChannel(window, lumaOf, setting.luma, setting.rule);
   if (!anyAbove(setting.chroma)) {
-    writeDenoised(window, luma, setting.lumaKept, [](std::size_t, const PixelRGB<float>&) {
-      return std::pair{0.0f, 0.0f};
-    });
+    writeDenoised(window, luma, setting.lumaKept,
+                  [](std::size_t, std::size_t, const PixelRGB<float>&) {
+                    return std::pair{0.0f, 0.0f};
+                  });
     return;
   }
   // Chroma noise is smooth blotches, not edges worth a local estimate: the soft rule does.
   const Shrink chromaRule = setting.rule == Shrink::LocalWiener ? Shrink::Soft : setting.rule;
   const Plane blue = denoiseChannel(window, blueDifferenceOf, setting.chroma, chromaRule);
   const Plane red = denoiseChannel(window, redDifferenceOf, setting.chroma, chromaRule);
-  writeDenoised(window, luma, setting.lumaKept, [&](std::size_t index, const PixelRGB<float>& p) {
-    return std::pair{blue.data()[index] - blueDifferenceOf(p),
-                     red.data()[index] - redDifferenceOf(p)};
-  });
+  writeDenoised(window, luma, setting.lumaKept,
+                [&](std::size_t rowIndex, std::size_t x, const PixelRGB<float>& p) {
+                  return std::pair{blue.data()[rowIndex + x] - blueDifferenceOf(p),
+                                   red.data()[rowIndex + x] - redDifferenceOf(p)};
+                });
 }
 
 /// Levels set to strength times the given multipliers, the rest 0.
@@ -257,7 +260,7 @@ DenoiseSetting laplacianSetting(const Effect& effect) {
 // decimated by kNlbFactor: chroma noise is blotchy and chroma detail coarse, so half
 // resolution loses nothing visible and quarters the cost.
 constexpr int kNlbFactor = 2;
-constexpr int kNlbSearch = 3;
+constexpr int kNlbSearch = 2;
 constexpr int kNlbPatch = 1;
 constexpr int kNlbPatchValues = 3 * (2 * kNlbPatch + 1) * (2 * kNlbPatch + 1);
 
@@ -319,13 +322,14 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
     const auto row = [](std::vector<float>& v, int r, int length) {
       return v.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(length);
     };
-    std::vector<float> distance(static_cast<std::size_t>(rows + 2 * kNlbPatch) *
-                                static_cast<std::size_t>(span));
-    std::vector<float> column(static_cast<std::size_t>(span));
-    std::vector<float> weights(static_cast<std::size_t>(rows) * static_cast<std::size_t>(width),
-                               0.0f);
-    std::vector<float> blue(weights.size(), 0.0f);
-    std::vector<float> red(weights.size(), 0.0f);
+    // Scratch kept by each thread: fresh pages for every few rows would cost more than the
+    // filtering itself.
+    thread_local std::vector<float> distance, column, weights, blue, red;
+    distance.resize(static_cast<std::size_t>(rows + 2 * kNlbPatch) *
+                    static_cast<std::size_t>(span));
+    column.resize(static_cast<std::size_t>(span));
+    const std::size_t sums = static_cast<std::size_t>(rows) * static_cast<std::size_t>(width);
+    for (std::vector<float>* sum : {&weights, &blue, &red}) sum->assign(sums, 0.0f);
     for (int dy = -kNlbSearch; dy <= kNlbSearch; ++dy) {
       for (int dx = -kNlbSearch; dx <= kNlbSearch; ++dx) {
         // Padded coordinates: image row r is padded row r + kPad, column x is x + kPad.
@@ -393,10 +397,10 @@ struct NlbSetting {
 // default); chroma by non-local means, Boost widening what it averages.
 NlbSetting nlbSetting(const Effect& effect) {
   const float amount = effect.mappedValue(0, 0.0f, 0.5f, 1.0f);
-  const float lumaShare = 0.5f + 2.5f * effect.mappedValue(1, 0.0f, 0.5f, 1.0f);
+  const float lumaShare = 0.3f + 2.7f * effect.mappedValue(1, 0.0f, 0.5f, 1.0f);
   NlbSetting setting;
   setting.luma.rule = Shrink::LocalWiener;
-  setting.luma.luma = levelsOf(amount * lumaShare, {2.0f, 2.0f, 1.5f, 1.0f});
+  setting.luma.luma = levelsOf(amount * lumaShare, {1.5f, 1.5f, 1.0f, 0.5f});
   setting.chromaAmount = amount;
   setting.spread = 0.5f + 1.5f * effect.mappedValue(2, 0.0f, 0.5f, 1.0f);
   return setting;
@@ -430,13 +434,15 @@ void renderNlb(const detail::StencilWindow& window, const NlbSetting& setting) {
   const int width = window.input.width;
   const float amount = setting.chromaAmount;
   // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount.
-  writeDenoised(window, luma, 0.0f, [&](std::size_t index, const PixelRGB<float>& p) {
-    const int x = window.input.x + static_cast<int>(index % static_cast<std::size_t>(width));
-    const int y = window.input.y + static_cast<int>(index / static_cast<std::size_t>(width));
-    const PixelRGB<float> chroma = grid.sample(filtered, x, y);
-    return std::pair{amount * (chroma.g - blueDifferenceOf(p)),
-                     amount * (chroma.b - redDifferenceOf(p))};
-  });
+  writeDenoised(window, luma, 0.0f,
+                [&](std::size_t rowIndex, std::size_t column, const PixelRGB<float>& p) {
+                  const auto across = static_cast<std::size_t>(width);
+                  const int x = window.input.x + static_cast<int>(rowIndex % across + column);
+                  const int y = window.input.y + static_cast<int>(rowIndex / across);
+                  const PixelRGB<float> chroma = grid.sample(filtered, x, y);
+                  return std::pair{amount * (chroma.g - blueDifferenceOf(p)),
+                                   amount * (chroma.b - redDifferenceOf(p))};
+                });
 }
 
 }  // namespace
