@@ -219,8 +219,8 @@ DenoiseSetting coarseSetting(const Effect& effect) {
   const float s = effect.mappedValue(0, 0.0f, 0.5f, 1.0f);
   DenoiseSetting setting;
   setting.rule = Shrink::LocalWiener;
-  setting.luma = levelsOf(s, {1.5f, 2.5f, 2.5f, 2.5f, 2.0f});
-  setting.chroma = levelsOf(s, {3.0f, 4.0f, 4.0f, 4.0f, 4.0f, 3.0f});
+  setting.luma = levelsOf(s, {1.5f, 2.0f, 2.0f, 1.5f, 1.0f});
+  setting.chroma = levelsOf(s, {3.0f, 3.0f, 3.0f, 2.5f, 2.0f, 1.5f});
   return setting;
 }
 

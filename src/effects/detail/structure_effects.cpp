@@ -66,13 +66,14 @@ StructureSetting structureSetting(const Effect& effect) {
           kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
 }
 
-// The HDR look: the coarse bands carry most of the boost, their knee halved against halos.
+// The HDR look: the coarse bands carry most of the boost; the knee keeps it off strong edges,
+// where the coarse bands would otherwise draw halos.
 StructureSetting structureHdrSetting(const Effect& effect) {
   const float boost = effect.mappedValue(2, 0.0f, 0.5f, 1.0f);
   return {
       {Bump{kMidCentre, kMidHalfWidth, 1.0f}, Bump{kCoarseCentre, kCoarseHalfWidth, 2.0f * boost}},
       effect.mappedValue(0, -1.0f, 0.0f, 1.5f),
-      0.5f * kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
+      kneeOf(effect.mappedValue(1, 0.0f, 0.5f, 1.0f))};
 }
 
 StructureSetting microSetting(const Effect& effect) {
