@@ -104,6 +104,10 @@ const bool kRegistered = [] {
       {"VORNHighPassFilterEffect", {5}},
       {"VORNHighPassFilterEffect", {30}},
       {"VORNDetailsEffect", {40, 30, 20}},
+      {"VORNClarityEffect", {60}},
+      {"VORNRamixDynamicContrastEffect", {60}},
+      {"VORNSmoothAreaEffect", {60, 20}},
+      {"VORNSmoothAreaEffect", {60, 90}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -3,7 +3,9 @@
 // their names say.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <string>
 
 #include "effects/effect_test_support.h"
@@ -108,6 +110,90 @@ TEST(DetailsTest, EachScaleBoostsOrSoftensItsOwnDetail) {
   EXPECT_GT(large->at(60, 50).g - large->at(35, 50).g,
             1.2f * (source->at(60, 50).g - source->at(35, 50).g));
   EXPECT_LE(test::maxDifference(*source, *boosted, kFlatPatch), 1e-6f);
+}
+
+/// Standard deviation of the green channel over rect.
+double deviationOf(const ImageRGBf& image, _Rect<int> rect) {
+  double sum = 0.0;
+  double square = 0.0;
+  for (int y = rect.y; y < rect.y + rect.height; ++y) {
+    for (int x = rect.x; x < rect.x + rect.width; ++x) {
+      sum += image.at(x, y).g;
+      square += image.at(x, y).g * image.at(x, y).g;
+    }
+  }
+  const double count = rect.width * rect.height;
+  return std::sqrt(std::max(square / count - (sum / count) * (sum / count), 0.0));
+}
+
+/// Grey texture of the given amplitude: a midtone left half, a near-white right half.
+std::shared_ptr<ImageRGBf> midtoneAndWhite(float amplitude) {
+  auto image = std::make_shared<ImageRGBf>(_Size<int>(128, 64));
+  for (int y = 0; y < image->height; ++y) {
+    for (int x = 0; x < image->width; ++x) {
+      const float wave = amplitude * std::sin(0.8f * static_cast<float>(x)) *
+                         std::sin(0.6f * static_cast<float>(y));
+      image->at(x, y) = PixelRGB<float>((x < 64 ? 0.45f : 0.96f) + wave);
+    }
+  }
+  return image;
+}
+
+TEST(LocalContrastTest, MidtoneTextureGainsContrastWhiteDoesNotClip) {
+  const auto source = midtoneAndWhite(0.03f);
+  const _Rect<int> midtones(8, 8, 40, 48);
+  const _Rect<int> whites(80, 8, 40, 48);
+  for (const char* id : {"VORNClarityEffect", "VORNRamixDynamicContrastEffect"}) {
+    SCOPED_TRACE(id);
+    const auto output = test::renderOrFail(*makeEffect(id, {100}), source);
+    EXPECT_GT(deviationOf(*output, midtones), 1.4 * deviationOf(*source, midtones));
+    float brightest = 0.0f;
+    for (int y = whites.y; y < whites.y + whites.height; ++y)
+      for (int x = whites.x; x < whites.x + whites.width; ++x)
+        brightest = std::max(brightest, output->at(x, y).g);
+    EXPECT_LE(brightest, 1.0f);
+  }
+}
+
+// A strong step stays in the edge-preserving base: its flat sides keep their level. A Gaussian
+// base would move them by up to 0.19 here; under a quarter of that is allowed.
+TEST(LocalContrastTest, StrongEdgesGainNoHalo) {
+  const auto source = edgeImage(0.5f);
+  for (const char* id : {"VORNClarityEffect", "VORNRamixDynamicContrastEffect"}) {
+    SCOPED_TRACE(id);
+    const auto output = test::renderOrFail(*makeEffect(id, {100}), source);
+    EXPECT_LE(test::maxDifference(*source, *output, _Rect<int>(0, 40, 44, 20)), 0.045f);
+    EXPECT_LE(test::maxDifference(*source, *output, _Rect<int>(52, 40, 44, 20)), 0.045f);
+  }
+}
+
+TEST(SmoothAreaTest, NoiseInFlatAreasHalvesWhileTheEdgeKeepsItsContrast) {
+  auto source = std::make_shared<ImageRGBf>(_Size<int>(128, 64));
+  std::uint32_t state = 12345u;
+  for (int y = 0; y < source->height; ++y) {
+    for (int x = 0; x < source->width; ++x) {
+      state = state * 1664525u + 1013904223u;
+      const float noise = 0.03f * (static_cast<float>(state >> 8) / 8388608.0f - 1.0f);
+      source->at(x, y) = PixelRGB<float>((x >= 64 ? 0.7f : 0.3f) + noise);
+    }
+  }
+  const auto output = test::renderOrFail(*makeEffect("VORNSmoothAreaEffect", {100, 40}), source);
+  const _Rect<int> flat(8, 8, 40, 48);
+  EXPECT_LT(deviationOf(*output, flat), 0.5 * deviationOf(*source, flat));
+  const auto step = [](const ImageRGBf& image) {
+    double dark = 0.0;
+    double bright = 0.0;
+    for (int y = 8; y < 56; ++y) {
+      dark += image.at(62, y).g;
+      bright += image.at(65, y).g;
+    }
+    return (bright - dark) / 48.0;
+  };
+  EXPECT_NEAR(step(*output), step(*source), 0.1 * step(*source));
+  // Strong texture is not flat: it keeps its amplitude.
+  const auto textured = midtoneAndWhite(0.4f);
+  const auto kept = test::renderOrFail(*makeEffect("VORNSmoothAreaEffect", {100, 40}), textured);
+  EXPECT_GT(deviationOf(*kept, flat), 0.9 * deviationOf(*textured, flat));
 }
 
 }  // namespace

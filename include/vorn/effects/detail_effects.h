@@ -11,10 +11,16 @@ namespace vorn {
 using detail::DeclaredParameter;
 using detail::PassThroughEffect;
 
-class ClarityEffect final : public PassThroughEffect<ClarityEffect> {
+/// Midtone local contrast: luminance detail around an edge-preserving base is amplified.
+class ClarityEffect final : public detail::DeclaredEffect<ClarityEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNClarityEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Clarity", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class StructureEffect final : public PassThroughEffect<StructureEffect> {
@@ -90,11 +96,17 @@ class DenoiseEffect final : public PassThroughEffect<DenoiseEffect> {
   static constexpr DeclaredParameter kParameters[] = {{"Fine", 0, 100, 0}};
 };
 
-class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
+/// Edge-preserving smoothing of the luminance where the picture is flat.
+class SmoothAreaEffect final : public detail::DeclaredEffect<SmoothAreaEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSmoothAreaEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Radius", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class DenoiseStructureEffect final : public PassThroughEffect<DenoiseStructureEffect> {
@@ -143,10 +155,17 @@ class SuperStructureEffect final : public PassThroughEffect<SuperStructureEffect
                                                       {"Softness", 0, 100, 50}};
 };
 
-class RamixDynamicContrastEffect final : public PassThroughEffect<RamixDynamicContrastEffect> {
+/// Local contrast at a fine and a coarse scale, kept from clipping highlights and shadows.
+class RamixDynamicContrastEffect final
+    : public detail::DeclaredEffect<RamixDynamicContrastEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNRamixDynamicContrastEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 }  // namespace vorn
