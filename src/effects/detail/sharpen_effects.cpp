@@ -98,7 +98,7 @@ constexpr int kCaptureSteps = 3;
 
 SharpenSettings captureSettings(const Effect& effect) {
   SharpenSettings settings;
-  settings.amount = effect.mappedValue(0, 0.0f, 0.5f, 1.0f);
+  settings.amount = effect.mappedValue(0, 0.0f, 0.6f, 1.5f);
   settings.sigma = effect.mappedValue(1, 0.5f, 1.5f, 10.0f);
   settings.masking = fraction(effect, 2);
   settings.steps = kCaptureSteps;
