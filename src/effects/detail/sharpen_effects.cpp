@@ -20,7 +20,8 @@ using detail::Plane;
 
 /// Detail changes below this (about a quarter of an 8-bit step) are taken as noise.
 constexpr float kNoiseThreshold = 1.0f / 1024.0f;
-/// At full Masking, edges whose luminance step is below this are left unsharpened.
+/// At full Masking, edges with a luminance step of this are fully sharpened, a fifth of it not at
+/// all.
 constexpr float kMaskingFullStep = 0.25f;
 
 struct SharpenSettings {
