@@ -98,6 +98,16 @@ const bool kRegistered = [] {
       {"VORNSunLightRaysEffect", {70, 20}},
       {"VORNSunLightRaysEffect", {70, 90}},
       {"VORNTextureOverlayEffect", {60, 100, 20}},
+      {"VORNSharpenEffect", {60, 30, 30}},
+      {"VORNSharpenEffect", {60, 90, 30}},
+      {"VORNApplyDetailsDEVELOPEffect", {60, 50, 35}},
+      {"VORNHighPassFilterEffect", {5}},
+      {"VORNHighPassFilterEffect", {30}},
+      {"VORNDetailsEffect", {40, 30, 20}},
+      {"VORNClarityEffect", {60}},
+      {"VORNRamixDynamicContrastEffect", {60}},
+      {"VORNSmoothAreaEffect", {60, 20}},
+      {"VORNSmoothAreaEffect", {60, 90}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -11,10 +11,16 @@ namespace vorn {
 using detail::DeclaredParameter;
 using detail::PassThroughEffect;
 
-class ClarityEffect final : public PassThroughEffect<ClarityEffect> {
+/// Midtone local contrast: luminance detail around an edge-preserving base is amplified.
+class ClarityEffect final : public detail::DeclaredEffect<ClarityEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNClarityEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Clarity", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class StructureEffect final : public PassThroughEffect<StructureEffect> {
@@ -31,17 +37,30 @@ class StructureHDREffect final : public PassThroughEffect<StructureHDREffect> {
       {"Amount", -100, 100, 0}, {"Softness", 0, 100, 50}, {"Boost", 0, 100, 50}};
 };
 
-class SharpenEffect final : public PassThroughEffect<SharpenEffect> {
+/// Unsharp masking of the luminance, limited to edges by Masking.
+class SharpenEffect final : public detail::DeclaredEffect<SharpenEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSharpenEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 30}, {"Masking", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class HighPassFilterEffect final : public PassThroughEffect<HighPassFilterEffect> {
+/// Each channel minus its Gaussian blur of Radius reference pixels, around mid grey.
+class HighPassFilterEffect final
+    : public detail::DeclaredEffect<HighPassFilterEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNHighPassFilterEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Radius", 0, 30, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class MicroStructureEffect final : public PassThroughEffect<MicroStructureEffect> {
@@ -77,11 +96,17 @@ class DenoiseEffect final : public PassThroughEffect<DenoiseEffect> {
   static constexpr DeclaredParameter kParameters[] = {{"Fine", 0, 100, 0}};
 };
 
-class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
+/// Edge-preserving smoothing of the luminance where the picture is flat.
+class SmoothAreaEffect final : public detail::DeclaredEffect<SmoothAreaEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSmoothAreaEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Radius", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class DenoiseStructureEffect final : public PassThroughEffect<DenoiseStructureEffect> {
@@ -96,18 +121,31 @@ class DenoiseDetailsEffect final : public PassThroughEffect<DenoiseDetailsEffect
   static constexpr DeclaredParameter kParameters[] = {{"Details", 0, 100, 0}};
 };
 
-class DetailsEffect final : public PassThroughEffect<DetailsEffect> {
+/// Luminance detail at three scales (fine, medium, coarse) boosted or softened.
+class DetailsEffect final : public detail::DeclaredEffect<DetailsEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDetailsEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Small", -100, 100, 0}, {"Medium", -100, 100, 0}, {"Large", -100, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class ApplyDetailsDEVELOPEffect final : public PassThroughEffect<ApplyDetailsDEVELOPEffect> {
+/// Capture sharpening: a few deconvolution steps on the luminance, limited to edges by Masking.
+class ApplyDetailsDEVELOPEffect final
+    : public detail::DeclaredEffect<ApplyDetailsDEVELOPEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNApplyDetailsDEVELOPEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Masking", 0, 100, 35}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class SuperStructureEffect final : public PassThroughEffect<SuperStructureEffect> {
@@ -117,10 +155,17 @@ class SuperStructureEffect final : public PassThroughEffect<SuperStructureEffect
                                                       {"Softness", 0, 100, 50}};
 };
 
-class RamixDynamicContrastEffect final : public PassThroughEffect<RamixDynamicContrastEffect> {
+/// Local contrast at a fine and a coarse scale, kept from clipping highlights and shadows.
+class RamixDynamicContrastEffect final
+    : public detail::DeclaredEffect<RamixDynamicContrastEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNRamixDynamicContrastEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 }  // namespace vorn
