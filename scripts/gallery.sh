@@ -41,6 +41,8 @@ declare -A strong=(
   [VORNFillColorEffect]="Opacity=50,Red=230,Green=120,Blue=40"
   [VORNSharpenEffect]="Amount=100"
   [VORNStructureEffect]="Amount=80"
+  [VORNStructureHDREffect]="Amount=80,Boost=80"
+  [VORNDenoiseLaplacianNLBEffect]="Amount=100,Denoise=60"
 )
 
 # The first parameter of an identifier at 80 % of its range, from `vorn effects ID`.
@@ -55,17 +57,39 @@ default_setting() {
 ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
         include/vorn/effects/creative_effects.h | sed 's/.*"\(.*\)"/\1/')
 
-"$vorn" apply "$input" "$tiles/000_original.jpg" --long-side "$longSide" --quality 85 >/dev/null
-labels=("original")
-files=("$tiles/000_original.jpg")
+# Pixel-scale effects (sharpening, fine detail) vanish when the frame is shrunk to a tile: they
+# are shown as a centre crop at full resolution, next to the same crop of the original.
+pixelScale=" VORNSharpenEffect VORNApplyDetailsDEVELOPEffect VORNDetailsEffect VORNSmoothAreaEffect \
+  VORNMicroStructureEffect VORNDenoiseEffect VORNDenoiseCoarseEffect VORNDenoiseLaplacianEffect \
+  VORNDenoiseLaplacianNLBEffect VORNDenoiseStructureEffect VORNDenoiseDetailsEffect "
+crop="${longSide}x$((longSide * 5 / 8))+0+0"
+
+# render_tile FILE [--effect ID:SETTING] [--full]: one tile, shrunk or cropped at full size.
+render_tile() {
+  local file="$1"; shift
+  if [ "${*: -1}" = "--full" ]; then
+    "$vorn" apply "$input" "$file.tif" --depth 8 "${@:1:$#-1}" >/dev/null &&
+      convert "$file.tif" -gravity center -crop "$crop" +repage -quality 85 "$file" &&
+      rm -f "$file.tif"
+  else
+    "$vorn" apply "$input" "$file" --long-side "$longSide" --quality 85 "$@" >/dev/null
+  fi
+}
+
+render_tile "$tiles/000_original.jpg"
+render_tile "$tiles/001_original_crop.jpg" --full
+labels=("original" "original\n100 % crop")
+files=("$tiles/000_original.jpg" "$tiles/001_original_crop.jpg")
 rows=""
 failed=0
 for id in $ids; do
   setting="${strong[$id]:-$(default_setting "$id")}"
   file="$tiles/$id.jpg"
-  if "$vorn" apply "$input" "$file" --long-side "$longSide" --quality 85 \
-       --effect "$id:$setting" >/dev/null 2>"$tiles/$id.err"; then
+  scale=() note=""
+  if [[ "$pixelScale" == *" $id "* ]]; then scale=(--full) note=" (100 % crop)"; fi
+  if render_tile "$file" --effect "$id:$setting" "${scale[@]}" 2>"$tiles/$id.err"; then
     rm -f "$tiles/$id.err"
+    setting+="$note"
     labels+=("${id#VORN}\n${setting//,/ }")
     files+=("$file")
     rows+="<figure><img src=\"tiles/$id.jpg\" alt=\"$id\"><figcaption><b>$id</b><br>$setting</figcaption></figure>"$'\n'
@@ -93,6 +117,7 @@ figcaption { font-size: 12px; word-wrap: break-word; }
 <p>Input: $input, shown at $longSide pixels on the long side. Contact sheet:
 <a href="contact_sheet.jpg">contact_sheet.jpg</a>.</p>
 <figure><img src="tiles/000_original.jpg" alt="original"><figcaption><b>original</b></figcaption></figure>
+<figure><img src="tiles/001_original_crop.jpg" alt="original crop"><figcaption><b>original</b>, 100 % crop</figcaption></figure>
 $rows</body></html>
 EOF
 echo "gallery: $out/contact_sheet.jpg and $out/index.html (${#files[@]} tiles, $failed failed)"

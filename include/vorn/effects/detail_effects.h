@@ -4,17 +4,23 @@
 
 #include "vorn/effects/declared_effect.h"
 
-// Detail, structure and noise effects: parameters are final, processing arrives later (pixels pass
-// through).
+// Detail, structure and noise effects: sharpening and local contrast on luminance detail,
+// structure and denoising on the shared a trous wavelet bands.
 namespace vorn {
 
 using detail::DeclaredParameter;
 using detail::PassThroughEffect;
 
-class ClarityEffect final : public PassThroughEffect<ClarityEffect> {
+/// Midtone local contrast: luminance detail around an edge-preserving base is amplified.
+class ClarityEffect final : public detail::DeclaredEffect<ClarityEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNClarityEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Clarity", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Structure: the mid-scale luminance bands of the a trous decomposition boosted or smoothed.
@@ -43,17 +49,30 @@ class StructureHDREffect final : public detail::DeclaredEffect<StructureHDREffec
   void render(const Window& window) const override;
 };
 
-class SharpenEffect final : public PassThroughEffect<SharpenEffect> {
+/// Unsharp masking of the luminance, limited to edges by Masking.
+class SharpenEffect final : public detail::DeclaredEffect<SharpenEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSharpenEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 30}, {"Masking", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class HighPassFilterEffect final : public PassThroughEffect<HighPassFilterEffect> {
+/// Each channel minus its Gaussian blur of Radius reference pixels, around mid grey.
+class HighPassFilterEffect final
+    : public detail::DeclaredEffect<HighPassFilterEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNHighPassFilterEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Radius", 0, 30, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Structure of the finest luminance bands: texture, fabric, skin pores.
@@ -123,11 +142,17 @@ class DenoiseEffect final : public detail::DeclaredEffect<DenoiseEffect, Stencil
   void render(const Window& window) const override;
 };
 
-class SmoothAreaEffect final : public PassThroughEffect<SmoothAreaEffect> {
+/// Edge-preserving smoothing of the luminance where the picture is flat.
+class SmoothAreaEffect final : public detail::DeclaredEffect<SmoothAreaEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNSmoothAreaEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
                                                       {"Radius", 0, 100, 50}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Denoise that keeps structure: only the finest bands are shrunk, the mid bands stay.
@@ -156,18 +181,31 @@ class DenoiseDetailsEffect final
   void render(const Window& window) const override;
 };
 
-class DetailsEffect final : public PassThroughEffect<DetailsEffect> {
+/// Luminance detail at three scales (fine, medium, coarse) boosted or softened.
+class DetailsEffect final : public detail::DeclaredEffect<DetailsEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNDetailsEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Small", -100, 100, 0}, {"Medium", -100, 100, 0}, {"Large", -100, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
-class ApplyDetailsDEVELOPEffect final : public PassThroughEffect<ApplyDetailsDEVELOPEffect> {
+/// Capture sharpening: a few deconvolution steps on the luminance, limited to edges by Masking.
+class ApplyDetailsDEVELOPEffect final
+    : public detail::DeclaredEffect<ApplyDetailsDEVELOPEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNApplyDetailsDEVELOPEffect";
   static constexpr DeclaredParameter kParameters[] = {
       {"Amount", 0, 100, 0}, {"Radius", 0, 100, 50}, {"Masking", 0, 100, 35}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 /// Structure of the coarse luminance bands: large-scale local contrast.
@@ -184,10 +222,17 @@ class SuperStructureEffect final
   void render(const Window& window) const override;
 };
 
-class RamixDynamicContrastEffect final : public PassThroughEffect<RamixDynamicContrastEffect> {
+/// Local contrast at a fine and a coarse scale, kept from clipping highlights and shadows.
+class RamixDynamicContrastEffect final
+    : public detail::DeclaredEffect<RamixDynamicContrastEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNRamixDynamicContrastEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0}};
+
+ protected:
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 }  // namespace vorn

@@ -170,14 +170,21 @@ struct Scratch {
   }
 };
 
+/// True once a stop was asked for: the passes then leave their remaining lines undone.
+bool stopAsked(const RenderControl* control) {
+  return control && control->cancelled();
+}
+
 /// Horizontal passes: kLanes / Channels rows at a time, interleaved sample by sample.
+
 template <int Channels>
-void blurRows(const FloatRows& rows, const std::vector<LinePass>& passes) {
+void blurRows(const FloatRows& rows, const std::vector<LinePass>& passes,
+              const RenderControl* control) {
   constexpr int kRowsPerGroup = kLanes / Channels;
   const int groups = (rows.height + kRowsPerGroup - 1) / kRowsPerGroup;
   parallelRows(groups, [&](int first, int end) {
     Scratch scratch(rows.width, passes);
-    for (int group = first; group < end; ++group) {
+    for (int group = first; group < end && !stopAsked(control); ++group) {
       const int y0 = group * kRowsPerGroup;
       const int count = std::min(kRowsPerGroup, rows.height - y0);
       for (int i = 0; i < count; ++i) {
@@ -201,12 +208,13 @@ void blurRows(const FloatRows& rows, const std::vector<LinePass>& passes) {
 
 /// Vertical passes: columns in strips of kLanes floats, each gathered so the passes read
 /// whole cache lines.
-void blurColumns(const FloatRows& rows, const std::vector<LinePass>& passes) {
+void blurColumns(const FloatRows& rows, const std::vector<LinePass>& passes,
+                 const RenderControl* control) {
   const int values = rows.values();
   const int strips = (values + kLanes - 1) / kLanes;
   parallelRows(strips, [&](int first, int end) {
     Scratch scratch(rows.height, passes);
-    for (int strip = first; strip < end; ++strip) {
+    for (int strip = first; strip < end && !stopAsked(control); ++strip) {
       const int x0 = strip * kLanes;
       const int lanes = std::min(kLanes, values - x0);
       // A full strip copies a fixed width, which compiles to plain vector moves.
@@ -255,11 +263,11 @@ void blur(const FloatRows& rows, float sigma, const RenderControl* control) {
   constexpr float kBoxFromSigma = 4.0f;
   const std::vector<LinePass> passes = sigma < kBoxFromSigma ? exactPass(sigma) : boxPasses(sigma);
   if (rows.channels == 3)
-    blurRows<3>(rows, passes);
+    blurRows<3>(rows, passes, control);
   else
-    blurRows<1>(rows, passes);
+    blurRows<1>(rows, passes, control);
   checkpoint();
-  blurColumns(rows, passes);
+  blurColumns(rows, passes, control);
   checkpoint();
 }
 

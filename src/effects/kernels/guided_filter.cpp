@@ -16,14 +16,28 @@ cv::Mat wrap(const Plane& plane) {
 
 }  // namespace
 
-void boxMean(const Plane& input, int radius, Plane& output) {
+void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control) {
   if (output.width() != input.width() || output.height() != input.height()) {
     output = Plane(input.width(), input.height());
   }
   if (input.size() == 0) return;
-  cv::Mat out = wrap(output);
-  cv::boxFilter(wrap(input), out, CV_32F, cv::Size(2 * radius + 1, 2 * radius + 1),
-                cv::Point(-1, -1), true, cv::BORDER_REFLECT);
+  const cv::Mat in = wrap(input);
+  const cv::Mat out = wrap(output);
+  // Bands of rows so a stop is seen within one band; a band of a whole matrix reads its
+  // neighbours' rows, so the bands join without seams.
+  constexpr int kBandRows = 64;
+  const int bands = (input.height() + kBandRows - 1) / kBandRows;
+  parallelRows(bands, [&](int first, int end) {
+    for (int band = first; band < end && !(control && control->cancelled()); ++band) {
+      const int top = band * kBandRows;
+      const int bottom = std::min(top + kBandRows, input.height());
+      cv::Mat target = out.rowRange(top, bottom);
+      cv::boxFilter(in.rowRange(top, bottom), target, CV_32F,
+                    cv::Size(2 * radius + 1, 2 * radius + 1), cv::Point(-1, -1), true,
+                    cv::BORDER_REFLECT);
+    }
+  });
+  if (control) control->checkpoint();
 }
 
 // He, Sun and Tang's filter: per window, input ~ a * guide + b by least squares with the
@@ -38,16 +52,16 @@ void guidedFilter(const Plane& guide, const Plane& input, int radius, float eps,
   const int h = guide.height();
   const bool self = &guide == &input;
   Plane product(w, h), meanGuide, meanSquare, meanInput, meanProduct;
-  boxMean(guide, radius, meanGuide);
+  boxMean(guide, radius, meanGuide, control);
   combinePlanes(product, guide, guide, guide, guide,
                 [](float g, float, float, float) { return g * g; });
-  boxMean(product, radius, meanSquare);
+  boxMean(product, radius, meanSquare, control);
   checkpoint();
   if (!self) {
-    boxMean(input, radius, meanInput);
+    boxMean(input, radius, meanInput, control);
     combinePlanes(product, guide, input, guide, guide,
                   [](float g, float p, float, float) { return g * p; });
-    boxMean(product, radius, meanProduct);
+    boxMean(product, radius, meanProduct, control);
   }
   checkpoint();
   const Plane& meanI = self ? meanGuide : meanInput;
@@ -60,10 +74,10 @@ void guidedFilter(const Plane& guide, const Plane& input, int radius, float eps,
                 });
   combinePlanes(meanGuide, meanGuide, meanI, product, product,
                 [](float mg, float mi, float a, float) { return mi - a * mg; });
-  boxMean(product, radius, meanSquare);
+  boxMean(product, radius, meanSquare, control);
   checkpoint();
   Plane& meanB = self ? product : meanInput;
-  boxMean(meanGuide, radius, meanB);
+  boxMean(meanGuide, radius, meanB, control);
   if (output.width() != w || output.height() != h) output = Plane(w, h);
   combinePlanes(output, meanSquare, meanB, guide, guide,
                 [](float a, float b, float g, float) { return a * g + b; });

@@ -6,8 +6,9 @@ namespace vorn::detail {
 
 class RenderControl;
 
-/// Mean over the (2 radius + 1)^2 box around each value, mirrored at the borders.
-void boxMean(const Plane& input, int radius, Plane& output);
+/// Mean over the (2 radius + 1)^2 box around each value, mirrored at the borders; output must
+/// not be input. The control, when given, is polled between bands of rows.
+void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control = nullptr);
 
 /// The guided filter: output follows `input` smoothed within radius, keeping the edges of
 /// `guide` whose local variance is well above eps. guide and input must be the same size; the

@@ -30,14 +30,13 @@ inline int gaussianReach(float sigma) {
 template <typename Prepare>
 ImageRGBf blurredWindow(const StencilWindow& window, float sigma, const Prepare& prepare) {
   ImageRGBf blurred(_Size<int>(window.input.width, window.input.height));
-  parallelRows(window.input.height, [&](int first, int end) {
+  parallelRowsCancellable(window.input.height, window.control, [&](int first, int end) {
     for (int y = first; y < end; ++y) {
       const PixelRGB<float>* in = window.source.row(window.input.y + y) + window.input.x;
       PixelRGB<float>* out = blurred.row(y);
       for (int x = 0; x < window.input.width; ++x) out[x] = prepare(spreadable(in[x]));
     }
   });
-  window.control.checkpoint();
   if (sigma >= kNegligibleSigma)
     gaussianBlur(blurred, blurred.rect(), sigma, blurred, &window.control);
   window.control.checkpoint();
