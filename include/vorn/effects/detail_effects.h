@@ -9,7 +9,6 @@
 namespace vorn {
 
 using detail::DeclaredParameter;
-using detail::PassThroughEffect;
 
 /// Midtone local contrast: luminance detail around an edge-preserving base is amplified.
 class ClarityEffect final : public detail::DeclaredEffect<ClarityEffect, StencilEffect> {
