@@ -68,7 +68,7 @@ crop="${longSide}x$((longSide * 5 / 8))+0+0"
 render_tile() {
   local file="$1"; shift
   if [ "${*: -1}" = "--full" ]; then
-    "$vorn" apply "$input" "$file.tif" --depth 8 "${@:1:$#-1}" >/dev/null &&
+    "$vorn" apply "${source:-$input}" "$file.tif" --depth 8 "${@:1:$#-1}" >/dev/null &&
       convert "$file.tif" -gravity center -crop "$crop" +repage -quality 85 "$file" &&
       rm -f "$file.tif"
   else
@@ -76,18 +76,25 @@ render_tile() {
   fi
 }
 
+# The sample is a clean low-ISO frame: the denoisers get a copy with Gaussian noise added, shown
+# beside them, so what they remove can be seen.
+noisy="$tiles/noisy_input.tif"
+convert "$input" -seed 7 -attenuate 0.6 +noise Gaussian -depth 8 "$noisy"
+
 render_tile "$tiles/000_original.jpg"
 render_tile "$tiles/001_original_crop.jpg" --full
-labels=("original" "original\n100 % crop")
-files=("$tiles/000_original.jpg" "$tiles/001_original_crop.jpg")
+source="$noisy" render_tile "$tiles/002_noisy_crop.jpg" --full
+labels=("original" "original\n100 % crop" "noisy copy (denoiser input)\n100 % crop")
+files=("$tiles/000_original.jpg" "$tiles/001_original_crop.jpg" "$tiles/002_noisy_crop.jpg")
 rows=""
 failed=0
 for id in $ids; do
   setting="${strong[$id]:-$(default_setting "$id")}"
   file="$tiles/$id.jpg"
-  scale=() note=""
+  scale=() note="" from="$input"
   if [[ "$pixelScale" == *" $id "* ]]; then scale=(--full) note=" (100 % crop)"; fi
-  if render_tile "$file" --effect "$id:$setting" "${scale[@]}" 2>"$tiles/$id.err"; then
+  if [[ "$id" == VORNDenoise* ]]; then from="$noisy" note=" (100 % crop of the noisy copy)"; fi
+  if source="$from" render_tile "$file" --effect "$id:$setting" "${scale[@]}" 2>"$tiles/$id.err"; then
     rm -f "$tiles/$id.err"
     setting+="$note"
     labels+=("${id#VORN}\n${setting//,/ }")
@@ -100,7 +107,8 @@ for id in $ids; do
 done
 
 montage_args=()
-for i in "${!files[@]}"; do montage_args+=(-label "${labels[$i]}" "${files[$i]}"); done
+# A label's % starts an escape in montage; %% is a literal one.
+for i in "${!files[@]}"; do montage_args+=(-label "${labels[$i]//%/%%}" "${files[$i]}"); done
 montage -font DejaVu-Sans -pointsize 11 "${montage_args[@]}" -tile 6x \
   -geometry 320x200+8+8 -background '#202020' -fill white -quality 88 "$out/contact_sheet.jpg"
 
@@ -118,6 +126,7 @@ figcaption { font-size: 12px; word-wrap: break-word; }
 <a href="contact_sheet.jpg">contact_sheet.jpg</a>.</p>
 <figure><img src="tiles/000_original.jpg" alt="original"><figcaption><b>original</b></figcaption></figure>
 <figure><img src="tiles/001_original_crop.jpg" alt="original crop"><figcaption><b>original</b>, 100 % crop</figcaption></figure>
+<figure><img src="tiles/002_noisy_crop.jpg" alt="noisy copy"><figcaption><b>noisy copy</b> the denoisers start from, 100 % crop</figcaption></figure>
 $rows</body></html>
 EOF
 echo "gallery: $out/contact_sheet.jpg and $out/index.html (${#files[@]} tiles, $failed failed)"
