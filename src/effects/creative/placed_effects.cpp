@@ -126,16 +126,13 @@ bool ToolGraduatedNaturalDensityEffect::isIdentity() const {
 void ToolGraduatedNaturalDensityEffect::render(const Window& window) const {
   const float stops = 2.0f * signedFraction(*this, 0);
   const FrameGradient gradient = gradientOf(*this, window.frame, 1);
-  const float fullGain = std::exp2(stops);
+  // The gain over the transition, tabulated once: its ends are exactly 1 and the full gain.
+  const detail::SampledCurve gain(
+      0.0f, 1.0f, 1024, [stops](float t) { return std::exp2(stops * smoothStep(0.0f, 1.0f, t)); });
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    for (std::size_t i = 0; i < count; ++i) {
-      // Most of the frame lies wholly on one side of the transition.
-      const float w = gradient.at(x0 + static_cast<int>(i), y);
-      out[i] = w == 0.0f   ? in[i]
-               : w == 1.0f ? detail::scaled(in[i], fullGain)
-                           : detail::scaled(in[i], std::exp2(stops * w));
-    }
+    for (std::size_t i = 0; i < count; ++i)
+      out[i] = detail::scaled(in[i], gain.at(gradient.across(x0 + static_cast<int>(i), y)));
   });
 }
 
@@ -213,21 +210,28 @@ void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
   const float saturation = 1.0f + adjustments.saturation;
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    std::vector<PixelRGB<float>> adjusted(count);
-    for (std::size_t i = 0; i < count; ++i) {
+    const auto covered = [&](std::size_t i) { return gradient.at(x0 + static_cast<int>(i), y); };
+    // The gradient is linear along a row, so its covered pixels form one run: only they are
+    // adjusted, the rest copied.
+    std::size_t first = 0;
+    std::size_t end = count;
+    while (first < end && covered(first) == 0.0f) ++first;
+    while (end > first && covered(end - 1) == 0.0f) --end;
+    std::copy(in, in + first, out);
+    std::copy(in + end, in + count, out + end);
+    if (first == end) return;
+    thread_local std::vector<PixelRGB<float>> adjusted;
+    adjusted.resize(end - first);
+    for (std::size_t i = first; i < end; ++i) {
       const PixelRGB<float> p = detail::spreadable(in[i]);
-      adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+      adjusted[i - first] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
     }
-    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const float w = gradient.at(x0 + static_cast<int>(i), y);
-      if (w == 0.0f) {
-        out[i] = in[i];
-        continue;
-      }
-      const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), end - first);
+    for (std::size_t i = first; i < end; ++i) {
+      const PixelRGB<float> a = detail::saturated(adjusted[i - first], saturation);
       out[i] = detail::mix(
-          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)), w);
+          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
+          covered(i));
     }
   });
 }
