@@ -38,6 +38,7 @@ bool StencilEffect::processImage(EffectCallContext& call) {
   } catch (const std::bad_alloc&) {
     return false;
   }
+  if (window.finiteRows) return true;
   const auto width = static_cast<std::size_t>(region->width);
   detail::parallelRows(region->height, [&](int first, int end) {
     for (int y = region->y + first; y < region->y + end; ++y)

@@ -135,18 +135,26 @@ void FocusBlurDevEffect::render(const Window& window) const {
   const detail::FrameCentre centre(window.frame);
   const float sharp = 0.6f * fraction(*this, 1);
   const float feather = 0.05f + 0.6f * fraction(*this, 2);
+  // Each column's distance term and blocks, worked out once for all rows.
+  const auto width = static_cast<std::size_t>(window.output.width);
+  const auto columns = grid.columnTaps(window.output.x, width);
+  std::vector<float> columnDistance(width);
+  for (std::size_t i = 0; i < width; ++i) {
+    const float dx = centre.dx(window.output.x + static_cast<int>(i)) / centre.halfWidth;
+    columnDistance[i] = dx * dx;
+  }
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
+                                    std::size_t count, std::size_t, int, int y) {
     const float dy = centre.dy(y) / centre.halfHeight;
+    const detail::DecimationGrid::Tap row = grid.rowTap(y);
     for (std::size_t i = 0; i < count; ++i) {
-      const int x = x0 + static_cast<int>(i);
-      const float dx = centre.dx(x) / centre.halfWidth;
-      const float w = detail::smoothStep(sharp, sharp + feather, std::sqrt(dx * dx + dy * dy));
+      const float w =
+          detail::smoothStep(sharp, sharp + feather, std::sqrt(columnDistance[i] + dy * dy));
       if (w == 0.0f) {
         out[i] = in[i];
         continue;
       }
-      const PixelRGB<float> lens = grid.sample(blurred, x, y);
+      const PixelRGB<float> lens = detail::DecimationGrid::sample(blurred, columns[i], row);
       const PixelRGB<float> back(compressed(lens.r), compressed(lens.g), compressed(lens.b));
       out[i] = detail::mix(in[i], back, w);
     }

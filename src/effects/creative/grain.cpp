@@ -16,7 +16,7 @@ namespace vorn {
 namespace {
 
 using detail::fraction;
-using detail::NoiseRow;
+using detail::NoiseRows;
 using detail::signedFraction;
 
 /// The seed: the first value of Amount's optional data, 0 without one.
@@ -58,23 +58,29 @@ void GrainNewEffect::render(const Window& window) const {
       kStrongest * fraction(*this, 0) * std::fmin(1.0f, fineCell) * rough * norm;
   const std::uint32_t fineSeed = seed ^ 0x9e3779b9u;
   constexpr float kShadowFloor = 0.15f;
-  // Each row band keeps its own lattice rows; the grain of a pixel depends only on its place.
+  // The grain of a pixel depends only on its place, whichever rows a thread renders.
+  const double fx0 = static_cast<double>(window.output.x - window.frame.x) + 0.5;
+  const auto width = static_cast<std::size_t>(window.output.width);
+  const NoiseRows coarse(cell, seed, fx0, width);
+  const NoiseRows fine(fineCell, fineSeed, fx0, width);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
-    NoiseRow coarse(cell, seed);
-    NoiseRow fine(fineCell, fineSeed);
+                                    std::size_t count, std::size_t, int, int y) {
+    thread_local std::vector<float> noise;
+    thread_local std::vector<float> lattice;
+    noise.assign(count, 0.0f);
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
-    const double fx0 = static_cast<double>(x0 - window.frame.x) + 0.5;
-    coarse.start(fy, fx0, count);
-    fine.start(fy, fx0, count);
+    coarse.accumulate(fy, coarseAmplitude, noise.data(), lattice);
+    fine.accumulate(fy, fineAmplitude, noise.data(), lattice);
     for (std::size_t i = 0; i < count; ++i) {
-      const double fx = fx0 + static_cast<double>(i);
-      const float n = coarseAmplitude * coarse.at(fx) + fineAmplitude * fine.at(fx);
       const float l = detail::unitClamp(detail::luminance(in[i]));
       const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
-      const float g = n * strength;
-      // Grain never pushes a channel below black.
-      const auto grained = [g](float c) { return std::fmax(c + g, std::fmin(c, 0.0f)); };
+      const float g = noise[i] * strength;
+      // Grain never pushes a channel below black (selects, so NaN reads as black as before).
+      const auto grained = [g](float c) {
+        const float floor = c < 0.0f ? c : 0.0f;
+        const float moved = c + g;
+        return moved > floor ? moved : floor;
+      };
       out[i] = PixelRGB<float>(grained(in[i].r), grained(in[i].g), grained(in[i].b));
     }
   });

@@ -9,6 +9,7 @@
 #include "effects/creative/slider.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
+#include "effects/kernels/sampled_curve.h"
 #include "effects/kernels/tone_curve.h"
 #include "effects/kernels/window_blur.h"
 #include "vorn/effects/creative_effects.h"
@@ -52,13 +53,16 @@ struct VignetteShape {
     axisY = detail::mix(centre.halfHeight, shortHalf, circle);
     exponent = 2.0f + 6.0f * std::max(-roundness, 0.0f);
   }
-  /// The vignette's strength, 0 at the centre and 1 far out.
-  float mask(float dx, float dy) const {
-    const float u = std::fabs(dx) / axisX;
-    const float v = std::fabs(dy) / axisY;
-    const float d = exponent == 2.0f
-                        ? std::sqrt(u * u + v * v)
-                        : std::pow(std::pow(u, exponent) + std::pow(v, exponent), 1.0f / exponent);
+  /// The superellipse's term of one axis, |offset / axis|^exponent: the falloff is a function of
+  /// the sum of a column's and a row's term.
+  float term(float offset, float axis) const {
+    const float u = std::fabs(offset) / axis;
+    return exponent == 2.0f ? u * u : std::pow(u, exponent);
+  }
+  /// The vignette's strength from the sum of a column's and a row's term, 0 at the centre and 1
+  /// far out.
+  float mask(float terms) const {
+    const float d = exponent == 2.0f ? std::sqrt(terms) : std::pow(terms, 1.0f / exponent);
     return d <= start ? 0.0f : smoothStep(start, end, d);
   }
 };
@@ -80,31 +84,31 @@ void VignetteEffect::render(const Window& window) const {
   const FrameCentre centre(window.frame);
   const VignetteShape shape(*this, centre);
   constexpr float kProtection = 0.8f;
-  // Full darkening takes the corners down by this many stops.
   constexpr float kDeepestStops = 2.5f;
-  // The darkening gain tabulated over the falloff (exp2 per pixel costs more than the rest).
-  constexpr std::size_t kGainSteps = 256;
-  std::array<float, kGainSteps + 1> gains;
-  for (std::size_t n = 0; n <= kGainSteps; ++n)
-    gains[n] =
-        std::exp2(kDeepestStops * amount * static_cast<float>(n) / static_cast<float>(kGainSteps));
+  // Full darkening takes the corners down by this many stops. The gain is tabulated once and
+  // the columns' terms computed once; the falloff of a row is worked out in a loop of its own.
+  const detail::SampledCurve gain(0.0f, 1.0f, 256,
+                                  [&](float m) { return std::exp2(kDeepestStops * amount * m); });
+  std::vector<float> columns(static_cast<std::size_t>(window.output.width));
+  for (std::size_t i = 0; i < columns.size(); ++i)
+    columns[i] = shape.term(centre.dx(window.output.x + static_cast<int>(i)), shape.axisX);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
-    const float dy = centre.dy(y);
-    for (std::size_t i = 0; i < count; ++i) {
-      const float m = shape.mask(centre.dx(x0 + static_cast<int>(i)), dy);
-      const PixelRGB<float>& p = in[i];
-      if (m == 0.0f) {
-        out[i] = p;
-      } else if (amount < 0.0f) {
+                                    std::size_t count, std::size_t, int, int y) {
+    thread_local std::vector<float> mask;
+    mask.resize(count);
+    const float row = shape.term(centre.dy(y), shape.axisY);
+    for (std::size_t i = 0; i < count; ++i) mask[i] = shape.mask(columns[i] + row);
+    if (amount < 0.0f) {
+      for (std::size_t i = 0; i < count; ++i) {
+        const PixelRGB<float>& p = in[i];
         const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
-        const float t = m * (1.0f - keep) * static_cast<float>(kGainSteps);
-        const auto n = std::min(static_cast<std::size_t>(t), kGainSteps - 1);
-        out[i] = detail::scaled(p, detail::mix(gains[n], gains[n + 1], t - static_cast<float>(n)));
-      } else {
-        const float light = amount * m;
-        out[i] =
-            detail::perChannel(p, p, [light](float a, float) { return detail::screen(a, light); });
+        out[i] = detail::scaled(p, gain.at(mask[i] * (1.0f - keep)));
+      }
+    } else {
+      for (std::size_t i = 0; i < count; ++i) {
+        const float light = amount * mask[i];
+        out[i] = detail::perChannel(in[i], in[i],
+                                    [light](float a, float) { return detail::screen(a, light); });
       }
     }
   });
@@ -122,16 +126,13 @@ bool ToolGraduatedNaturalDensityEffect::isIdentity() const {
 void ToolGraduatedNaturalDensityEffect::render(const Window& window) const {
   const float stops = 2.0f * signedFraction(*this, 0);
   const FrameGradient gradient = gradientOf(*this, window.frame, 1);
-  const float fullGain = std::exp2(stops);
+  // The gain over the transition, tabulated once: its ends are exactly 1 and the full gain.
+  const detail::SampledCurve gain(
+      0.0f, 1.0f, 1024, [stops](float t) { return std::exp2(stops * smoothStep(0.0f, 1.0f, t)); });
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    for (std::size_t i = 0; i < count; ++i) {
-      // Most of the frame lies wholly on one side of the transition.
-      const float w = gradient.at(x0 + static_cast<int>(i), y);
-      out[i] = w == 0.0f   ? in[i]
-               : w == 1.0f ? detail::scaled(in[i], fullGain)
-                           : detail::scaled(in[i], std::exp2(stops * w));
-    }
+    for (std::size_t i = 0; i < count; ++i)
+      out[i] = detail::scaled(in[i], gain.at(gradient.across(x0 + static_cast<int>(i), y)));
   });
 }
 
@@ -209,21 +210,28 @@ void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
   const float saturation = 1.0f + adjustments.saturation;
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    std::vector<PixelRGB<float>> adjusted(count);
-    for (std::size_t i = 0; i < count; ++i) {
+    const auto covered = [&](std::size_t i) { return gradient.at(x0 + static_cast<int>(i), y); };
+    // The gradient is linear along a row, so its covered pixels form one run: only they are
+    // adjusted, the rest copied.
+    std::size_t first = 0;
+    std::size_t end = count;
+    while (first < end && covered(first) == 0.0f) ++first;
+    while (end > first && covered(end - 1) == 0.0f) --end;
+    std::copy(in, in + first, out);
+    std::copy(in + end, in + count, out + end);
+    if (first == end) return;
+    thread_local std::vector<PixelRGB<float>> adjusted;
+    adjusted.resize(end - first);
+    for (std::size_t i = first; i < end; ++i) {
       const PixelRGB<float> p = detail::spreadable(in[i]);
-      adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+      adjusted[i - first] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
     }
-    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const float w = gradient.at(x0 + static_cast<int>(i), y);
-      if (w == 0.0f) {
-        out[i] = in[i];
-        continue;
-      }
-      const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), end - first);
+    for (std::size_t i = first; i < end; ++i) {
+      const PixelRGB<float> a = detail::saturated(adjusted[i - first], saturation);
       out[i] = detail::mix(
-          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)), w);
+          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
+          covered(i));
     }
   });
 }

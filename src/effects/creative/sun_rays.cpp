@@ -101,10 +101,13 @@ void SunLightRaysEffect::render(const Window& window) const {
   constexpr float kTint = 0.35f;
   const PixelRGB<float> tint(amount * (1.0f + kTint * warmth), amount,
                              amount * (1.0f - kTint * warmth));
+  const auto columns =
+      grid.columnTaps(window.output.x, static_cast<std::size_t>(window.output.width));
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
+                                    std::size_t count, std::size_t, int, int y) {
+    const detail::DecimationGrid::Tap row = grid.rowTap(y);
     for (std::size_t i = 0; i < count; ++i) {
-      const PixelRGB<float> r = grid.sample(rays, x0 + static_cast<int>(i), y);
+      const PixelRGB<float> r = detail::DecimationGrid::sample(rays, columns[i], row);
       const PixelRGB<float> light(r.r * tint.r, r.g * tint.g, r.b * tint.b);
       out[i] =
           detail::perChannel(in[i], light, [](float a, float b) { return detail::screen(a, b); });

@@ -34,6 +34,14 @@ inline float overlay(float a, float b) {
   return a + (blended - u);
 }
 
+/// t reduced to [0, kTileTexels): std::floor is a library call on the baseline instruction set,
+/// and this truncation gives the same value for every finite t the texture reaches.
+inline double wrapped(double t) {
+  const double q = t / kTileTexels;
+  const auto whole = static_cast<std::int64_t>(q);
+  return t - kTileTexels * static_cast<double>(whole - (q < static_cast<double>(whole) ? 1 : 0));
+}
+
 /// The amplitude left of a wave of the given period (pixels) averaged over one pixel, sin(pi f) /
 /// (pi f) with f = 1 / period, and none past its first zero: each render draws the texture as its
 /// own pixels would see it, so a preview matches the export shrunk.
@@ -103,15 +111,24 @@ void TextureOverlayEffect::render(const Window& window) const {
   // Texels of the tile per pixel along the frame's axes.
   const double c = kTexelsPerThread * std::cos(radians) / spacing;
   const double s = kTexelsPerThread * std::sin(radians) / spacing;
+  // Each column's share of both tile coordinates, worked out once for all rows.
+  const auto width = static_cast<std::size_t>(window.output.width);
+  std::vector<double> columnU(width);
+  std::vector<double> columnV(width);
+  for (std::size_t i = 0; i < width; ++i) {
+    const double fx =
+        static_cast<double>(window.output.x + static_cast<int>(i) - window.frame.x) + 0.5;
+    columnU[i] = c * fx;
+    columnV[i] = s * fx;
+  }
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
+                                    std::size_t count, std::size_t, int, int y) {
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
+    const double rowU = s * fy;
+    const double rowV = c * fy;
     for (std::size_t i = 0; i < count; ++i) {
-      const double fx = static_cast<double>(x0 + static_cast<int>(i) - window.frame.x) + 0.5;
-      double u = c * fx + s * fy;
-      double v = c * fy - s * fx;
-      u -= kTileTexels * std::floor(u / kTileTexels);
-      v -= kTileTexels * std::floor(v / kTileTexels);
+      const double u = wrapped(columnU[i] + rowU);
+      const double v = wrapped(rowV - columnV[i]);
       const int u0 = std::min(static_cast<int>(u), kTileTexels - 1);
       const int v0 = std::min(static_cast<int>(v), kTileTexels - 1);
       const int u1 = u0 + 1 == kTileTexels ? 0 : u0 + 1;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <vector>
 
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
@@ -55,20 +57,33 @@ class DecimationGrid {
     return small;
   }
 
-  /// Bilinear sample of a decimated image at image pixel (x, y): block centres sit at the
-  /// middle of their blocks.
+  /// The two blocks an image column or row is interpolated between, and the weight of the second.
+  struct Tap {
+    int first;
+    int second;
+    float weight;
+  };
+  /// The tap of image column x, and of image row y.
+  Tap columnTap(int x) const { return tap(x - window_.input.x - originX_, width_); }
+  Tap rowTap(int y) const { return tap(y - window_.input.y - originY_, height_); }
+  /// The taps of image columns x0 ... x0 + count - 1, worked out once for the rows of a render.
+  std::vector<Tap> columnTaps(int x0, std::size_t count) const {
+    std::vector<Tap> taps(count);
+    for (std::size_t i = 0; i < count; ++i) taps[i] = columnTap(x0 + static_cast<int>(i));
+    return taps;
+  }
+
+  /// Bilinear sample of a decimated image between the blocks of a column and a row tap: block
+  /// centres sit at the middle of their blocks.
+  static PixelRGB<float> sample(const ImageRGBf& small, const Tap& column, const Tap& row) {
+    const PixelRGB<float>* top = small.row(row.first);
+    const PixelRGB<float>* bottom = small.row(row.second);
+    return mix(mix(top[column.first], top[column.second], column.weight),
+               mix(bottom[column.first], bottom[column.second], column.weight), row.weight);
+  }
+  /// The same at image pixel (x, y).
   PixelRGB<float> sample(const ImageRGBf& small, int x, int y) const {
-    const float inverse = 1.0f / static_cast<float>(factor_);
-    const float fx = (static_cast<float>(x - window_.input.x - originX_) + 0.5f) * inverse - 0.5f;
-    const float fy = (static_cast<float>(y - window_.input.y - originY_) + 0.5f) * inverse - 0.5f;
-    const int ix = std::clamp(static_cast<int>(std::floor(fx)), 0, small.width - 1);
-    const int iy = std::clamp(static_cast<int>(std::floor(fy)), 0, small.height - 1);
-    const int ix1 = std::min(ix + 1, small.width - 1);
-    const int iy1 = std::min(iy + 1, small.height - 1);
-    const float tx = unitClamp(fx - static_cast<float>(ix));
-    const float ty = unitClamp(fy - static_cast<float>(iy));
-    return mix(mix(small.at(ix, iy), small.at(ix1, iy), tx),
-               mix(small.at(ix, iy1), small.at(ix1, iy1), tx), ty);
+    return sample(small, columnTap(x), rowTap(y));
   }
 
   /// Source pixels beyond the output that one block sample reads: the margin to add to a reach.
@@ -81,6 +96,14 @@ class DecimationGrid {
     int offset = (frameStart - windowStart) % factor;
     if (offset > 0) offset -= factor;
     return offset;
+  }
+
+  /// The tap of a pixel `offset` pixels past the first block's start, over `blocks` blocks.
+  Tap tap(int offset, int blocks) const {
+    const float inverse = 1.0f / static_cast<float>(factor_);
+    const float f = (static_cast<float>(offset) + 0.5f) * inverse - 0.5f;
+    const int first = std::clamp(static_cast<int>(std::floor(f)), 0, blocks - 1);
+    return Tap{first, std::min(first + 1, blocks - 1), unitClamp(f - static_cast<float>(first))};
   }
 
   const StencilWindow& window_;

@@ -51,10 +51,18 @@ class FrameGradient {
     nx_ = nx / extent;
     ny_ = ny / extent;
   }
+  /// Where pixel (px, py) lies across the transition: 0 where it begins, 1 where it ends, linear
+  /// in both coordinates and unclamped.
+  float across(int px, int py) const {
+    const float s = nx_ * centre_.dx(px) + ny_ * centre_.dy(py) - offset_;
+    return (s + halfWidth_) / (2.0f * halfWidth_);
+  }
   /// The covered fraction at pixel (px, py).
   float at(int px, int py) const {
-    const float s = nx_ * centre_.dx(px) + ny_ * centre_.dy(py) - offset_;
-    const float t = std::fmin(1.0f, std::fmax(0.0f, (s + halfWidth_) / (2.0f * halfWidth_)));
+    // Selects rather than fmin/fmax (library calls on the baseline); NaN lands on 0.
+    float t = across(px, py);
+    t = t > 0.0f ? t : 0.0f;
+    t = t < 1.0f ? t : 1.0f;
     return t * t * (3.0f - 2.0f * t);
   }
 

@@ -29,34 +29,41 @@ inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
   return static_cast<float>(h & 0xffffu) / 65535.0f + static_cast<float>(h >> 16) / 65535.0f - 1.0f;
 }
 
-/// One row of value noise: lattice values at integer points, smoothly interpolated between them.
-/// The vertical interpolation of each lattice column is done once per row, so a pixel costs two
-/// table reads and a mix.
-class NoiseRow {
+/// Value noise over rows of one span of pixels. Where each pixel falls between lattice columns is
+/// worked out once; a row then interpolates its lattice columns vertically once and costs a pixel
+/// two table reads and a mix.
+class NoiseRows {
  public:
-  NoiseRow(double cell, std::uint32_t seed) : inverseCell_(1.0 / cell), seed_(seed) {}
+  /// The span starts at pixel centre x0 (frame coordinates) and holds count pixels.
+  NoiseRows(double cell, std::uint32_t seed, double x0, std::size_t count)
+      : inverseCell_(1.0 / cell), seed_(seed), index_(count), weight_(count) {
+    first_ = static_cast<std::int64_t>(std::floor(x0 * inverseCell_));
+    last_ =
+        static_cast<std::int64_t>(std::floor((x0 + static_cast<double>(count)) * inverseCell_)) + 1;
+    for (std::size_t i = 0; i < count; ++i) {
+      const double u = (x0 + static_cast<double>(i)) * inverseCell_;
+      const double fu = std::floor(u);
+      index_[i] = static_cast<std::uint32_t>(static_cast<std::int64_t>(fu) - first_);
+      weight_[i] = smooth(u - fu);
+    }
+  }
 
-  /// Prepares row y (pixel centre, frame coordinates) for pixels x0 ... x0 + count - 1.
-  void start(double y, double x0, std::size_t count) {
+  /// Adds amplitude times the noise of row y (pixel centre, frame coordinates) to sum; lattice
+  /// is scratch space the caller keeps between rows.
+  void accumulate(double y, float amplitude, float* sum, std::vector<float>& lattice) const {
     const double v = y * inverseCell_;
     const double fv = std::floor(v);
     const auto j = static_cast<std::int64_t>(fv);
     const float sv = smooth(v - fv);
-    first_ = static_cast<std::int64_t>(std::floor(x0 * inverseCell_));
-    const auto last =
-        static_cast<std::int64_t>(std::floor((x0 + static_cast<double>(count)) * inverseCell_)) + 1;
-    columns_.resize(static_cast<std::size_t>(last - first_ + 1));
-    for (std::int64_t i = first_; i <= last; ++i) {
-      columns_[static_cast<std::size_t>(i - first_)] =
+    lattice.resize(static_cast<std::size_t>(last_ - first_ + 1));
+    for (std::int64_t i = first_; i <= last_; ++i) {
+      lattice[static_cast<std::size_t>(i - first_)] =
           mix(latticeValue(i, j, seed_), latticeValue(i, j + 1, seed_), sv);
     }
-  }
-  /// The noise at pixel centre x (frame coordinates) of the started row.
-  float at(double x) const {
-    const double u = x * inverseCell_;
-    const double fu = std::floor(u);
-    const auto index = static_cast<std::size_t>(static_cast<std::int64_t>(fu) - first_);
-    return mix(columns_[index], columns_[index + 1], smooth(u - fu));
+    for (std::size_t i = 0; i < index_.size(); ++i) {
+      const std::uint32_t n = index_[i];
+      sum[i] += amplitude * mix(lattice[n], lattice[n + 1], weight_[i]);
+    }
   }
 
  private:
@@ -64,7 +71,9 @@ class NoiseRow {
   double inverseCell_;
   std::uint32_t seed_;
   std::int64_t first_ = 0;
-  std::vector<float> columns_;
+  std::int64_t last_ = 0;
+  std::vector<std::uint32_t> index_;
+  std::vector<float> weight_;
 };
 
 /// Value noise at (u, v) in lattice units, for places that are not visited along rows.

@@ -13,7 +13,9 @@ inline constexpr float kSpreadLimit = 65504.0f;
 
 /// v limited to [-kSpreadLimit, kSpreadLimit], NaN as 0.
 inline float spreadable(float v) {
-  return v != v ? 0.0f : std::fmax(-kSpreadLimit, std::fmin(v, kSpreadLimit));
+  // Selects rather than fmin/fmax, which are library calls on the baseline instruction set.
+  return v != v ? 0.0f
+                : (v < -kSpreadLimit ? -kSpreadLimit : (v > kSpreadLimit ? kSpreadLimit : v));
 }
 inline PixelRGB<float> spreadable(const PixelRGB<float>& p) {
   return PixelRGB<float>(spreadable(p.r), spreadable(p.g), spreadable(p.b));
