@@ -202,6 +202,8 @@ void BrushController::updatedInRect(_Rect<int> rect) {
   context()->publish(rect);
 }
 
+// The working mask is the layer's mask preview, refreshed rectangle by rectangle: a changed
+// preview rectangle is sent on as the mask pixels under it.
 void BrushController::wmUpdatedInRect(_Rect<int> rect) {
   if (!isValid() || rect.isZero()) return;
   const _Size<int> mask = context()->mask()->size();
