@@ -11,10 +11,23 @@ add_library(vorn::lcms2 ALIAS PkgConfig::LCMS2)
 find_path(OPENCV_INCLUDE_DIR opencv2/imgproc.hpp PATH_SUFFIXES opencv4 REQUIRED)
 find_library(OPENCV_CORE_LIB opencv_core REQUIRED)
 find_library(OPENCV_IMGPROC_LIB opencv_imgproc REQUIRED)
+find_library(OPENCV_OBJDETECT_LIB opencv_objdetect REQUIRED)
 add_library(vorn_opencv INTERFACE)
 target_include_directories(vorn_opencv SYSTEM INTERFACE ${OPENCV_INCLUDE_DIR})
-target_link_libraries(vorn_opencv INTERFACE ${OPENCV_IMGPROC_LIB} ${OPENCV_CORE_LIB})
+target_link_libraries(vorn_opencv INTERFACE ${OPENCV_OBJDETECT_LIB} ${OPENCV_IMGPROC_LIB}
+                                            ${OPENCV_CORE_LIB})
 add_library(vorn::opencv ALIAS vorn_opencv)
+
+# Face detection reads the Haar cascades of Debian's opencv-data package at run time.
+find_path(VORN_HAAR_CASCADE_DIR haarcascade_frontalface_default.xml
+          PATHS /usr/share/opencv4/haarcascades /usr/share/opencv/haarcascades REQUIRED)
+
+# Lens profiles: the library and its database of cameras and lenses.
+pkg_check_modules(LENSFUN REQUIRED IMPORTED_TARGET lensfun)
+add_library(vorn::lensfun ALIAS PkgConfig::LENSFUN)
+
+# Presets and documents are JSON.
+find_package(nlohmann_json 3.10 REQUIRED)
 
 find_package(ZLIB REQUIRED)
 pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)

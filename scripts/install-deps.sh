@@ -12,6 +12,7 @@ packages=(
   libmagick++-dev libdeflate-dev
   libexiv2-dev libturbojpeg0-dev libjpeg62-turbo-dev libtiff-dev
   libraw-dev
+  libopencv-objdetect-dev opencv-data liblensfun-dev liblensfun-data-v1 nlohmann-json3-dev
 )
 [ $# -eq 0 ] || packages=("$@")
 
