@@ -19,7 +19,7 @@ inline bool isDevelopEffect(std::string_view id) {
 /// region of one document agrees.
 inline bool needsWholePictureReference(std::string_view id) {
   constexpr std::array<std::string_view, 6> kWhole = {"VORNFaceEffect",
-                                                      "VORNSkinSoftenerEffect",
+                                                      "VORNFaceSkinSoftenerEffect",
                                                       "VORNRamixDynamicContrastEffect",
                                                       "VORNRamixAccentAIExpertEffect",
                                                       "VORNRamixSaturationEffect",
