@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Renders every detail and creative effect at a strong setting on the sample photo and writes a
-# labelled contact sheet and an HTML page, so a person sees at a glance what each one does.
+# Renders every detail, creative and face effect at a strong setting on a sample photo and writes
+# a labelled contact sheet and an HTML page, so a person sees at a glance what each one does.
 #   scripts/gallery.sh [OUTPUT_DIR]   (default build/gallery)
 # Settings below are "Name=value,Name=value"; an identifier without one gets its first parameter
 # at 80 % of its range.
@@ -14,6 +14,8 @@ cmake --build --preset release -j "$(nproc)" --target vorn_tool
 
 vorn=build/release/tools/vorn
 input=tests/data/fallenleaf_canon_eos70d.jpg
+# The landscape has no face: the face effects are shown on the test portrait, at its own size.
+portrait=tests/data/astronaut_face_320.jpg
 out="${1:-build/gallery}"
 tiles="$out/tiles"
 mkdir -p "$tiles"
@@ -43,6 +45,8 @@ declare -A strong=(
   [VORNStructureEffect]="Amount=80"
   [VORNStructureHDREffect]="Amount=80,Boost=80"
   [VORNDenoiseLaplacianNLBEffect]="Amount=100,Denoise=60"
+  [VORNFaceEffect]="Face Light=60,Skin Smoothing=100,Eye Enhancement=80"
+  [VORNFaceSkinSoftenerEffect]="Amount=100"
 )
 
 # The first parameter of an identifier at 80 % of its range, from `vorn effects ID`.
@@ -55,7 +59,7 @@ default_setting() {
 }
 
 ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
-        include/vorn/effects/creative_effects.h | sed 's/.*"\(.*\)"/\1/')
+        include/vorn/effects/creative_effects.h include/vorn/effects/face_effects.h | sed 's/.*"\(.*\)"/\1/')
 
 # Pixel-scale effects (sharpening, fine detail) vanish when the frame is shrunk to a tile: they
 # are shown as a centre crop at full resolution, next to the same crop of the original.
@@ -64,10 +68,13 @@ pixelScale=" VORNSharpenEffect VORNApplyDetailsDEVELOPEffect VORNDetailsEffect V
   VORNDenoiseLaplacianNLBEffect VORNDenoiseStructureEffect VORNDenoiseDetailsEffect "
 crop="${longSide}x$((longSide * 5 / 8))+0+0"
 
-# render_tile FILE [--effect ID:SETTING] [--full]: one tile, shrunk or cropped at full size.
+# render_tile FILE [--effect ID:SETTING] [--full|--as-is]: one tile, shrunk, cropped at full
+# size, or as the source is.
 render_tile() {
   local file="$1"; shift
-  if [ "${*: -1}" = "--full" ]; then
+  if [ "${*: -1}" = "--as-is" ]; then
+    "$vorn" apply "${source:-$input}" "$file" --quality 85 "${@:1:$#-1}" >/dev/null
+  elif [ "${*: -1}" = "--full" ]; then
     "$vorn" apply "${source:-$input}" "$file.tif" --depth 8 "${@:1:$#-1}" >/dev/null &&
       convert "$file.tif" -gravity center -crop "$crop" +repage -quality 85 "$file" &&
       rm -f "$file.tif"
@@ -84,8 +91,11 @@ convert "$input" -seed 7 -attenuate 0.6 +noise Gaussian -depth 8 "$noisy"
 render_tile "$tiles/000_original.jpg"
 render_tile "$tiles/001_original_crop.jpg" --full
 source="$noisy" render_tile "$tiles/002_noisy_crop.jpg" --full
-labels=("original" "original\n100 % crop" "noisy copy (denoiser input)\n100 % crop")
-files=("$tiles/000_original.jpg" "$tiles/001_original_crop.jpg" "$tiles/002_noisy_crop.jpg")
+source="$portrait" render_tile "$tiles/003_portrait.jpg" --as-is
+labels=("original" "original\n100 % crop" "noisy copy (denoiser input)\n100 % crop"
+  "portrait (face effects input)")
+files=("$tiles/000_original.jpg" "$tiles/001_original_crop.jpg" "$tiles/002_noisy_crop.jpg"
+  "$tiles/003_portrait.jpg")
 rows=""
 failed=0
 for id in $ids; do
@@ -94,6 +104,7 @@ for id in $ids; do
   scale=() note="" from="$input"
   if [[ "$pixelScale" == *" $id "* ]]; then scale=(--full) note=" (100 % crop)"; fi
   if [[ "$id" == VORNDenoise* ]]; then from="$noisy" note=" (100 % crop of the noisy copy)"; fi
+  if [[ "$id" == VORNFace* ]]; then from="$portrait" scale=(--as-is) note=" (on the portrait)"; fi
   if source="$from" render_tile "$file" --effect "$id:$setting" "${scale[@]}" 2>"$tiles/$id.err"; then
     rm -f "$tiles/$id.err"
     setting+="$note"
@@ -127,6 +138,7 @@ figcaption { font-size: 12px; word-wrap: break-word; }
 <figure><img src="tiles/000_original.jpg" alt="original"><figcaption><b>original</b></figcaption></figure>
 <figure><img src="tiles/001_original_crop.jpg" alt="original crop"><figcaption><b>original</b>, 100 % crop</figcaption></figure>
 <figure><img src="tiles/002_noisy_crop.jpg" alt="noisy copy"><figcaption><b>noisy copy</b> the denoisers start from, 100 % crop</figcaption></figure>
+<figure><img src="tiles/003_portrait.jpg" alt="portrait"><figcaption><b>portrait</b> the face effects start from ($portrait)</figcaption></figure>
 $rows</body></html>
 EOF
 echo "gallery: $out/contact_sheet.jpg and $out/index.html (${#files[@]} tiles, $failed failed)"

@@ -8,6 +8,7 @@
 
 #include "effects/effect_test_support.h"
 #include "effects/face/face_detection.h"
+#include "effects/face/face_shape.h"
 #include "support/data_store_guard.h"
 #include "vorn/effects/face_effects.h"
 #include "vorn/io/image.h"
@@ -154,6 +155,39 @@ TEST_F(FaceEffects, FaceSlidersDoWhatTheyPromise) {
   EXPECT_GT(highFrequency(*enhanced, eyeBand), 1.1 * highFrequency(*photo_, eyeBand));
   const _Rect<int> mouth(kFaceArea.x + 20, kFaceArea.y + 62, kFaceArea.width - 40, 10);
   EXPECT_LT(test::maxDifference(*enhanced, *photo_, mouth), 1e-6f);
+}
+
+// Smoothing follows the skin weight: skin tones inside a face are softened, other colours in the
+// same face area keep their texture.
+TEST_F(FaceEffects, SmoothingSparesWhatIsNotSkin) {
+  const PixelRGB<float> skin(0.90f, 0.67f, 0.55f);
+  const PixelRGB<float> darkerSkin(0.55f, 0.36f, 0.26f);
+  EXPECT_GT(detail::skinWeight(skin), 0.5f);
+  EXPECT_GT(detail::skinWeight(darkerSkin), 0.3f);
+  for (const PixelRGB<float>& other :
+       {PixelRGB<float>(0.9f, 0.4f, 0.15f), PixelRGB<float>(0.3f, 0.5f, 0.9f),
+        PixelRGB<float>(0.5f, 0.5f, 0.5f), PixelRGB<float>(0.2f, 0.7f, 0.3f),
+        PixelRGB<float>(0.02f, 0.015f, 0.01f)}) {
+    EXPECT_LT(detail::skinWeight(other), 0.1f) << other.r << " " << other.g << " " << other.b;
+  }
+  // A textured patch, skin on the left half and blue on the right, all inside one given face.
+  auto patch = std::make_shared<ImageRGBf>(_Size<int>(200, 200));
+  for (int y = 0; y < 200; ++y)
+    for (int x = 0; x < 200; ++x) {
+      const float t = ((x / 2 + y / 2) % 2 == 0 ? 0.03f : -0.03f);
+      const PixelRGB<float> base = x < 100 ? skin : PixelRGB<float>(0.3f, 0.5f, 0.9f);
+      patch->at(x, y) = PixelRGB<float>(base.r + t, base.g + t, base.b + t);
+    }
+  auto effect = test::makeEffect("VORNFaceSkinSoftenerEffect", {100}, 1.0f);
+  auto* retouch = dynamic_cast<detail::FaceRetouchEffect*>(effect.get());
+  ASSERT_TRUE(retouch);
+  retouch->setKnownFaces({_Rect<int>(40, 30, 120, 120)});
+  const auto output = test::render(*effect, patch);
+  ASSERT_TRUE(output);
+  const _Rect<int> skinSide(70, 80, 20, 20);
+  const _Rect<int> blueSide(110, 80, 20, 20);
+  EXPECT_LT(highFrequency(*output, skinSide), 0.5 * highFrequency(*patch, skinSide));
+  EXPECT_GT(highFrequency(*output, blueSide), 0.9 * highFrequency(*patch, blueSide));
 }
 
 TEST_F(FaceEffects, FaceIndexPicksOneFace) {

@@ -30,8 +30,8 @@ constexpr float kSkinTexture = 0.06f;
 /// Full Face Light raises a mid grey by this fraction of itself.
 constexpr float kLightLift = 0.35f;
 /// Full Eye Enhancement: gain of the eyes' fine detail and their brightening.
-constexpr float kEyeDetailGain = 1.5f;
-constexpr float kEyeBrighten = 0.12f;
+constexpr float kEyeDetailGain = 0.8f;
+constexpr float kEyeBrighten = 0.06f;
 /// Values fed to the filters: non-finite ones as black, huge ones as a bright highlight, so a
 /// bad pixel neither spreads nor overflows the variances.
 constexpr float kLargestFiltered = 16.0f;
@@ -170,8 +170,10 @@ std::optional<FaceDelta> retouchFace(const StencilWindow& window, const FaceShap
             c = mix(c, smooth, retouch.smoothing * inside * skinWeight(smooth));
           }
           if (onEye > 0.0f) {
-            const float detail =
+            // Added detail fades towards white, so the whites of the eyes do not clip.
+            float detail =
                 retouch.eyes * onEye * kEyeDetailGain * (luma.data()[k] - lumaBlur.data()[k]);
+            if (detail > 0.0f) detail *= std::clamp(1.0f - luma.data()[k], 0.0f, 1.0f);
             const float brighten = 1.0f + retouch.eyes * onEye * kEyeBrighten;
             c = PixelRGB<float>(std::max(0.0f, (c.r + detail) * brighten),
                                 std::max(0.0f, (c.g + detail) * brighten),
