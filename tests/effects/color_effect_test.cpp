@@ -61,6 +61,20 @@ TEST(ColorSpaceTest, OklabAndTransferMatchReferenceAndRoundTrip) {
     EXPECT_NEAR(r, v, 1e-4f);
     EXPECT_NEAR(g, 0.5f * v, 1e-4f);
   }
+  // The vectorised pass agrees with the per-value one, NaN and over-range values included.
+  std::vector<float> values;
+  for (float v = -2.0f; v < 4.0f; v += 0.0037f) values.push_back(v);
+  values.insert(values.end(), {std::nanf(""), INFINITY, -INFINITY, 0.0f, 1.0f});
+  std::vector<float> decoded(values.size());
+  transfer.decode.apply(values.data(), decoded.data(), values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const float expected = transfer.toLinear(values[i]);
+    if (!std::isfinite(expected)) {
+      EXPECT_EQ(decoded[i], expected);
+      continue;
+    }
+    EXPECT_NEAR(decoded[i], expected, 1e-6f * std::max(1.0f, std::fabs(expected))) << values[i];
+  }
   for (float angle = -3.14f; angle < 3.14f; angle += 0.01f) {
     EXPECT_NEAR(detail::fastAtan2(2.0f * std::sin(angle), 2.0f * std::cos(angle)), angle, 3e-4f);
   }

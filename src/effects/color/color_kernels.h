@@ -11,20 +11,36 @@
 // (or to Oklab) with the shared tables, changes the colour and encodes again.
 namespace vorn::detail {
 
-/// adjust(r, g, b) on the linear-light values of every pixel.
+/// adjust(r, g, b) on the linear-light values of every pixel. Pixels go in blocks: the
+/// transfer curves run over the block's values, adjust over its channel planes, so both loops
+/// vectorise.
 template <typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   const SrgbTransfer& transfer = srgbTransfer();
-  return rowKernel([adjust, &transfer](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                       std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      float r = transfer.toLinear(in[i].r);
-      float g = transfer.toLinear(in[i].g);
-      float b = transfer.toLinear(in[i].b);
-      adjust(r, g, b);
-      out[i] = PixelRGB<float>(transfer.toEncoded(r), transfer.toEncoded(g), transfer.toEncoded(b));
-    }
-  });
+  return rowKernel(
+      [adjust, &transfer](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        constexpr std::size_t kBlock = 256;
+        alignas(64) float values[3 * kBlock];
+        alignas(64) float r[kBlock];
+        alignas(64) float g[kBlock];
+        alignas(64) float b[kBlock];
+        for (std::size_t done = 0; done < count; done += kBlock) {
+          const std::size_t n = count - done < kBlock ? count - done : kBlock;
+          transfer.decode.apply(&in[done].r, values, 3 * n);
+          for (std::size_t i = 0; i < n; ++i) {
+            r[i] = values[3 * i];
+            g[i] = values[3 * i + 1];
+            b[i] = values[3 * i + 2];
+          }
+          for (std::size_t i = 0; i < n; ++i) adjust(r[i], g[i], b[i]);
+          for (std::size_t i = 0; i < n; ++i) {
+            values[3 * i] = r[i];
+            values[3 * i + 1] = g[i];
+            values[3 * i + 2] = b[i];
+          }
+          transfer.encode.apply(values, &out[done].r, 3 * n);
+        }
+      });
 }
 
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).

@@ -3,9 +3,9 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
-
-#include "effects/kernels/sampled_curve.h"
+#include <vector>
 
 // Colour maths of the point-wise colour effects. Pixels hold sRGB-encoded values (above 1 for
 // highlights); effects decode them to linear light through tabulated transfer curves and judge
@@ -30,24 +30,50 @@ Matrix3 inverse(const Matrix3& a);
 /// Linear sRGB (D65) to CIE XYZ.
 const Matrix3& linearSrgbToXyz();
 
-/// The sRGB transfer curves tabulated once per process. Negative values mirror the positive
-/// side and values above 1 continue as straight lines that are each other's inverse, so a
-/// decode followed by an encode returns the value whatever its range.
-class SrgbTransfer {
- public:
-  SrgbTransfer();
-  float toLinear(float encoded) const { return apply(decode_, decodeSlope_, encoded); }
-  float toEncoded(float linear) const { return apply(encode_, 1.0f / decodeSlope_, linear); }
-
- private:
-  static float apply(const SampledCurve& curve, float slope, float x) {
+/// A transfer curve tabulated on [0, 1] and read with linear interpolation; negative values
+/// mirror the positive side and values above 1 continue as a straight line of slope `above`.
+struct TransferTable {
+  template <typename Function>
+  TransferTable(std::size_t steps, float slopeAbove, Function f)
+      : values(steps + 2),
+        scale(static_cast<float>(steps)),
+        last(static_cast<int>(steps) - 1),
+        above(slopeAbove) {
+    for (std::size_t n = 0; n <= steps; ++n)
+      values[n] = f(static_cast<float>(n) / static_cast<float>(steps));
+    values[steps + 1] = values[steps];
+  }
+  float operator()(float x) const {
     const float magnitude = std::fabs(x);
-    const float y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * slope : curve.at(magnitude);
+    float s = magnitude * scale;
+    // Selects, so that NaN lands on 0 and the loops around stay branch-free.
+    s = s > 0.0f ? s : 0.0f;
+    s = s < scale ? s : scale;
+    int n = static_cast<int>(s);
+    n = n < last ? n : last;
+    const float a = values[static_cast<std::size_t>(n)];
+    float y = a + (values[static_cast<std::size_t>(n) + 1] - a) * (s - static_cast<float>(n));
+    y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * above : y;
     return std::copysign(y, x);
   }
-  SampledCurve decode_;
-  SampledCurve encode_;
-  float decodeSlope_;
+  /// out[i] = (*this)(in[i]) for count values, vectorised for the running CPU; in may be out.
+  void apply(const float* in, float* out, std::size_t count) const;
+
+  std::vector<float> values;
+  float scale;
+  int last;
+  float above;
+};
+
+/// The sRGB transfer curves, tabulated once per process. The straight lines above 1 are each
+/// other's inverse, so a decode followed by an encode returns the value whatever its range.
+struct SrgbTransfer {
+  SrgbTransfer();
+  float toLinear(float encoded) const { return decode(encoded); }
+  float toEncoded(float linear) const { return encode(linear); }
+
+  TransferTable decode;
+  TransferTable encode;
 };
 
 /// The process-wide transfer tables.
