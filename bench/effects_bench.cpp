@@ -185,6 +185,7 @@ const bool kRegistered = [] {
       {"VORNWarmSkylightEffect", {70, 20}},
       {"VORNBrillianceWarmthEffect", {50, 40}},
       {"VORNHueShiftEffect", {40}},
+      {"VORNBiColorEffect", {60, 210, 30, 0, 50}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

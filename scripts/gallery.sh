@@ -66,6 +66,7 @@ declare -A strong=(
   [VORNWarmSkylightEffect]="Amount=100,Color correction=40"
   [VORNBrillianceWarmthEffect]="Brilliance=80,Warmth=60"
   [VORNHueShiftEffect]="Hue=60"
+  [VORNBiColorEffect]="Amount=90"
 )
 
 # The first parameter of an identifier at 80 % of its range, from `vorn effects ID`.

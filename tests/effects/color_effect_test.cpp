@@ -200,6 +200,12 @@ TEST(ColorEffectTest, FiltersAndMixersFollowTheirDefinitions) {
   }
   auto filtered = renderWith("VORNPhotoFilterEffect", {100, 30, 1}, source);
   auto dimmed = renderWith("VORNPhotoFilterEffect", {100, 30, 0}, source);
+  // Blue glass over the top, orange over the bottom; a grey keeps its luminance under both.
+  auto grey = std::make_shared<ImageRGBf>(_Size<int>(8, 32), PixelRGB<float>(0.5f));
+  auto bicolor = renderWith("VORNBiColorEffect", {100, 210, 30, 0, 20}, grey);
+  EXPECT_GT(bicolor->at(4, 1).b, bicolor->at(4, 1).r + 0.05f);
+  EXPECT_GT(bicolor->at(4, 30).r, bicolor->at(4, 30).b + 0.05f);
+  EXPECT_NEAR(linearLuminance(bicolor->at(4, 1)), linearLuminance(grey->at(4, 1)), 2e-3f);
   for (int x = 0; x < 16; ++x) {
     EXPECT_NEAR(linearLuminance(filtered->at(x, 1)), linearLuminance(source->at(x, 1)), 1e-3f);
     EXPECT_GT(filtered->at(x, 1).r - filtered->at(x, 1).b, source->at(x, 1).r - source->at(x, 1).b);

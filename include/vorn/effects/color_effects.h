@@ -5,7 +5,7 @@
 #include "vorn/effects/declared_effect.h"
 
 // Colour effects: point-wise, on sRGB-encoded pixels, judging colour in linear light or Oklab.
-// Raw white balance, raw develop and bi-colour still pass their input through.
+// Raw white balance and raw develop still pass their input through.
 namespace vorn {
 
 using detail::DeclaredEffect;
@@ -115,7 +115,8 @@ class SplitWarmthEffect final : public DeclaredEffect<SplitWarmthEffect, PointEf
   Kernel prepare(const Setup& setup) const override;
 };
 
-class BiColorEffect final : public PassThroughEffect<BiColorEffect> {
+/// Two graduated colour filters meeting across the frame, top and bottom.
+class BiColorEffect final : public DeclaredEffect<BiColorEffect, StencilEffect> {
  public:
   static constexpr std::string_view kId = "VORNBiColorEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 0},
@@ -123,6 +124,9 @@ class BiColorEffect final : public PassThroughEffect<BiColorEffect> {
                                                       {"Bottom Hue", 0, 360, 30},
                                                       {"Rotation", -180, 180, 0, true},
                                                       {"Transition", 0, 100, 50, true}};
+  int reach(float spatialScale) const override;
+  bool isIdentity() const override;
+  void render(const Window& window) const override;
 };
 
 class PhotoFilterEffect final : public DeclaredEffect<PhotoFilterEffect, PointEffect> {

@@ -24,6 +24,13 @@ std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curve
   });
 }
 
+std::array<float, 3> glassTransmission(float degrees, float density) {
+  const std::array<float, 3> glass = wheelColor(degrees);
+  std::array<float, 3> t{};
+  for (std::size_t c = 0; c < 3; ++c) t[c] = 1.0f - density * (1.0f - srgbToLinearExact(glass[c]));
+  return t;
+}
+
 namespace {
 
 /// CIE daylight locus chromaticity at correlated colour temperature kelvin (4000 ... 25000 K).

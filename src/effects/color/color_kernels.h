@@ -101,6 +101,10 @@ class ChannelCurve {
 /// One curve per channel on the encoded values.
 std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves);
 
+/// Per-channel transmission of a coloured glass of the wheel hue `degrees` at `density` (0 is
+/// clear glass, 1 passes only the hue's own colour), for linear light.
+std::array<float, 3> glassTransmission(float degrees, float density);
+
 /// A white point shifted from D65 by `miredShift` along the daylight locus (positive is
 /// warmer light) and by `duv` across it (positive is greener), as CIE xy.
 std::array<float, 2> shiftedWhite(float miredShift, float duv);

@@ -66,11 +66,7 @@ PointEffect::Kernel PhotoFilterEffect::prepare(const Setup&) const {
   if (density == 0.0f) return nullptr;
   const float hue = mappedValue(1, 0.0f, 180.0f, 360.0f);
   const bool preserve = mappedValue(2, 0.0f, 0.5f, 1.0f) >= 0.5f;
-  // The glass colour: the hue's fully saturated sRGB colour.
-  const std::array<float, 3> glass = detail::wheelColor(hue);
-  std::array<float, 3> t{};
-  for (std::size_t c = 0; c < 3; ++c)
-    t[c] = 1.0f - density * (1.0f - detail::srgbToLinearExact(glass[c]));
+  const std::array<float, 3> t = detail::glassTransmission(hue, density);
   if (!preserve) return detail::linearMatrixKernel(Matrix3::diagonal(t[0], t[1], t[2]));
   return detail::linearKernel([t](float& r, float& g, float& b) {
     const float before = detail::luminance(r, g, b);
