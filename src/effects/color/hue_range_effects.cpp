@@ -81,8 +81,8 @@ detail::SampledCurve hueGains(const std::array<float, 6>& sliders) {
       if (offset > span) continue;
       const float t = 0.5f - 0.5f * std::cos(std::numbers::pi_v<float> * offset / span);
       const float v = sliders[k] + (sliders[next] - sliders[k]) * t;
-      // Brightening doubles at most, darkening halves: the two ends feel alike.
-      return v > 0.0f ? v : 0.5f * v;
+      // At most half as light again or 40 % darker: a strong filter, short of clipping.
+      return v > 0.0f ? 0.5f * v : 0.4f * v;
     }
     return 0.0f;
   };

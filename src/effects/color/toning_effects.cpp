@@ -15,7 +15,7 @@ using detail::Oklab;
 namespace {
 
 /// Oklab chroma a toning slider at 100 adds: a clear but not garish tint.
-constexpr float kToneChroma = 0.1f;
+constexpr float kToneChroma = 0.07f;
 
 /// An Oklab (a, b) offset of `chroma` towards the wheel hue `degrees`.
 std::array<float, 2> toneOffset(float degrees, float chroma) {

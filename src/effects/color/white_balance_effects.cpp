@@ -83,9 +83,9 @@ PointEffect::Kernel PhotoFilterEffect::prepare(const Setup&) const {
 
 namespace {
 
-/// Grey-world means of linear light over the pixels that are neither clipped nor black: those
-/// carry no trustworthy colour of the light.
-std::array<double, 3> unclippedMeans(const detail::RenderSetup& setup) {
+/// Grey-world means of linear light, each pixel weighted by how near to neutral it is (strongly
+/// coloured subjects say little about the light) and clipped or black pixels left out.
+std::array<double, 3> nearNeutralMeans(const detail::RenderSetup& setup) {
   const detail::SrgbTransfer& transfer = detail::srgbTransfer();
   const _Rect<int> rect = setup.statisticsRect;
   const std::int64_t area = static_cast<std::int64_t>(rect.width) * rect.height;
@@ -101,10 +101,12 @@ std::array<double, 3> unclippedMeans(const detail::RenderSetup& setup) {
         const float low = std::min({p.r, p.g, p.b});
         // Also rejects NaN: every comparison with it is false.
         if (!(high < 0.97f && low > 0.02f)) continue;
-        sums[0] += transfer.toLinear(p.r);
-        sums[1] += transfer.toLinear(p.g);
-        sums[2] += transfer.toLinear(p.b);
-        sums[3] += 1.0;
+        // Channel spread of 0.6 of the brightest channel and more: no weight.
+        const double weight = std::max(0.0, 1.0 - (high - low) / (0.6 * high));
+        sums[0] += weight * transfer.toLinear(p.r);
+        sums[1] += weight * transfer.toLinear(p.g);
+        sums[2] += weight * transfer.toLinear(p.b);
+        sums[3] += weight;
       }
     }
   });
@@ -112,25 +114,25 @@ std::array<double, 3> unclippedMeans(const detail::RenderSetup& setup) {
   partial.combine_each([&](const std::array<double, 4>& sums) {
     for (std::size_t i = 0; i < 4; ++i) total[i] += sums[i];
   });
-  if (total[3] < 16.0) return {0.0, 0.0, 0.0};
+  if (total[3] < 4.0) return {0.0, 0.0, 0.0};
   return {total[0] / total[3], total[1] / total[3], total[2] / total[3]};
 }
 
 }  // namespace
 
-// Remove colour cast: grey world on the unclipped pixels, von Kries gains in linear light that
-// keep the mean luminance, applied in proportion to the amount.
+// Remove colour cast: grey world weighted towards near-neutral, unclipped pixels; von Kries
+// gains in linear light that keep the mean luminance, applied in proportion to the amount.
 PointEffect::Kernel RemoveColorCastEffect::prepare(const Setup& setup) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  const std::array<double, 3> mean = unclippedMeans(setup);
+  const std::array<double, 3> mean = nearNeutralMeans(setup);
   if (!(mean[0] > 1e-4 && mean[1] > 1e-4 && mean[2] > 1e-4)) return nullptr;
   const double grey =
       detail::kLumaRed * mean[0] + detail::kLumaGreen * mean[1] + detail::kLumaBlue * mean[2];
   std::array<float, 3> gains{};
   for (std::size_t c = 0; c < 3; ++c) {
-    // A cast stronger than two stops is more likely a coloured subject than a coloured light.
-    const double full = std::clamp(grey / mean[c], 0.25, 4.0);
+    // A cast stronger than a stop is more likely a coloured subject than a coloured light.
+    const double full = std::clamp(grey / mean[c], 0.5, 2.0);
     gains[c] = static_cast<float>(std::pow(full, static_cast<double>(amount)));
   }
   return detail::linearMatrixKernel(Matrix3::diagonal(gains[0], gains[1], gains[2]));
