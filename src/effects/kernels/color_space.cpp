@@ -69,8 +69,8 @@ void applyScalar(const TransferTable& table, const float* in, float* out, std::s
 #endif
 
 // The scalar operator() lane by lane, the two ends of a segment fetched by gathers.
-__attribute__((target("avx2,fma"))) void applyAvx2(const TransferTable& table, const float* in,
-                                                   float* out, std::size_t count) {
+__attribute__((target("avx2"))) void applyAvx2(const TransferTable& table, const float* in,
+                                               float* out, std::size_t count) {
   const __m256 signBit = _mm256_set1_ps(-0.0f);
   const __m256 one = _mm256_set1_ps(1.0f);
   const __m256 scale = _mm256_set1_ps(table.scale);
@@ -87,9 +87,11 @@ __attribute__((target("avx2,fma"))) void applyAvx2(const TransferTable& table, c
     const __m256i n = _mm256_min_epi32(_mm256_cvttps_epi32(s), last);
     const __m256 a = _mm256_i32gather_ps(values, n, 4);
     const __m256 b = _mm256_i32gather_ps(values + 1, n, 4);
-    const __m256 inside =
-        _mm256_fmadd_ps(_mm256_sub_ps(b, a), _mm256_sub_ps(s, _mm256_cvtepi32_ps(n)), a);
-    const __m256 line = _mm256_fmadd_ps(_mm256_sub_ps(magnitude, one), above, one);
+    // Multiply and add apart, as the scalar tail computes them: a pixel's value must not depend
+    // on where a region starts.
+    const __m256 inside = _mm256_add_ps(
+        a, _mm256_mul_ps(_mm256_sub_ps(b, a), _mm256_sub_ps(s, _mm256_cvtepi32_ps(n))));
+    const __m256 line = _mm256_add_ps(one, _mm256_mul_ps(_mm256_sub_ps(magnitude, one), above));
     const __m256 y = _mm256_blendv_ps(inside, line, _mm256_cmp_ps(magnitude, one, _CMP_GT_OQ));
     _mm256_storeu_ps(out + i, _mm256_or_ps(y, _mm256_and_ps(x, signBit)));
   }
@@ -101,7 +103,7 @@ __attribute__((target("avx2,fma"))) void applyAvx2(const TransferTable& table, c
 using ApplyFn = void (*)(const TransferTable&, const float*, float*, std::size_t);
 
 ApplyFn selectApply() {
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return applyAvx2;
+  if (__builtin_cpu_supports("avx2")) return applyAvx2;
   return applyScalar;
 }
 
