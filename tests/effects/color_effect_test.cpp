@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "effects/color/color_kernels.h"
@@ -211,6 +212,61 @@ TEST(ColorEffectTest, FiltersAndMixersFollowTheirDefinitions) {
     EXPECT_GT(filtered->at(x, 1).r - filtered->at(x, 1).b, source->at(x, 1).r - source->at(x, 1).b);
     EXPECT_LT(linearLuminance(dimmed->at(x, 1)), linearLuminance(source->at(x, 1)));
   }
+}
+
+TEST(ColorEffectTest, WarmingEffectsRaiseRedOverBlueOfAGrey) {
+  // The adaptation from D65's own white is the identity.
+  const detail::Matrix3 none = detail::adaptationToD65(detail::shiftedWhite(0.0f, 0.0f));
+  for (std::size_t i = 0; i < 9; ++i) EXPECT_NEAR(none.m[i], i % 4 == 0 ? 1.0f : 0.0f, 1e-4f);
+  const auto grey = rowOf({PixelRGB<float>(0.45f)});
+  for (const auto& [id, values] : std::vector<std::pair<std::string, std::vector<float>>>{
+           {"VORNWarmSkylightEffect", {100, 0}},
+           {"VORNBrillianceWarmthEffect", {0, 100}},
+           {"VORNSplitWarmthEffect", {100, 100}}}) {
+    auto effect = test::makeEffect(id, {});
+    for (std::size_t i = 0; i < values.size(); ++i) effect->parameters().at(i).setValue(values[i]);
+    auto out = test::renderOrFail(*effect, grey);
+    EXPECT_GT(out->at(0, 0).r, out->at(0, 0).b + 0.02f) << id;
+  }
+}
+
+TEST(ColorEffectTest, ChannelToolsMoveTheChannelsTheyName) {
+  auto source = rowOf({PixelRGB<float>(0.3f, 0.5f, 0.7f), PixelRGB<float>(0.8f, 0.2f, 0.4f)});
+  auto stop = renderWith("VORNChannelsEffect", {100, 0, 0}, source);
+  for (int x = 0; x < 2; ++x) {
+    const detail::SrgbTransfer& transfer = detail::srgbTransfer();
+    EXPECT_NEAR(transfer.toLinear(stop->at(x, 0).r), 2.0f * transfer.toLinear(source->at(x, 0).r),
+                1e-4f);
+    EXPECT_NEAR(stop->at(x, 0).g, source->at(x, 0).g, 1e-5f);
+  }
+  // A full tint gives every coloured pixel the tint's hue (muted ones, so it stays in gamut).
+  auto muted = rowOf({PixelRGB<float>(0.6f, 0.4f, 0.5f), PixelRGB<float>(0.4f, 0.5f, 0.45f)});
+  auto tinted = renderWith("VORNColorsTintEffect", {100, 200}, muted);
+  const detail::HueDirection tint = detail::wheelHue(200.0f);
+  for (int x = 0; x < 2; ++x) {
+    const PixelRGB<float>& p = tinted->at(x, 0);
+    const detail::Oklab lab =
+        detail::linearToOklab(detail::srgbToLinearExact(p.r), detail::srgbToLinearExact(p.g),
+                              detail::srgbToLinearExact(p.b));
+    EXPECT_GT((lab.a * tint.cosine + lab.b * tint.sine) / detail::chroma(lab), 0.999f) << x;
+  }
+  // Bleach bypass: more contrast, a dark colour's channel ratios kept; its saturation slider
+  // takes the colour out.
+  auto ramp =
+      rowOf({PixelRGB<float>(0.25f), PixelRGB<float>(0.75f), PixelRGB<float>(0.4f, 0.2f, 0.1f)});
+  auto bleached = renderWith("VORNComplexBleachEffect", {100, 0}, ramp);
+  EXPECT_LT(bleached->at(0, 0).g, 0.2f);
+  EXPECT_GT(bleached->at(1, 0).g, 0.8f);
+  EXPECT_NEAR(bleached->at(2, 0).r / bleached->at(2, 0).g, 2.0f, 1e-3f);
+  auto grey = renderWith("VORNComplexBleachEffect", {100, -100}, ramp);
+  EXPECT_LT(spread(grey->at(2, 0)), 1e-5f);
+}
+
+TEST(ColorEffectTest, ContrastColorRangeLeavesOtherHuesAlone) {
+  auto source = rowOf({PixelRGB<float>(0.85f, 0.55f, 0.3f), PixelRGB<float>(0.3f, 0.45f, 0.8f)});
+  auto out = renderWith("VORNContrastColorRangeEffect", {100, 30, 20}, source);
+  EXPECT_GT(test::maxDifference(*out, *source, {0, 0, 1, 1}), 0.01f);
+  EXPECT_LT(test::maxDifference(*out, *source, {1, 0, 1, 1}), 1e-4f);
 }
 
 }  // namespace

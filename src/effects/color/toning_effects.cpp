@@ -129,18 +129,21 @@ PointEffect::Kernel ColorBalanceEffect::prepare(const Setup&) const {
   return detail::channelCurvesKernel({curve(0), curve(1), curve(2)});
 }
 
-// Bleach bypass: the silver left in the print, an overlay of luminance on the colour, blended
-// by amount; then saturation around luminance.
+// Bleach bypass: the silver left in the print as an overlay of luminance on the colour (the
+// multiply or screen half chosen by the pixel's luminance, so hues hold), blended by amount;
+// then saturation around luminance.
 PointEffect::Kernel ComplexBleachEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   const float saturation = 1.0f + mappedValue(1, -1.0f, 0.0f, 1.0f);
   if (amount == 0.0f && saturation == 1.0f) return nullptr;
   return detail::pixelKernel([amount, saturation](const PixelRGB<float>& p) {
     const float y = detail::unitClamp(detail::luminance(p));
-    const auto overlay = [y](float c) {
+    const float screenWeight = detail::smoothStep(0.45f, 0.55f, y);
+    const auto overlay = [y, screenWeight](float c) {
       const float u = detail::unitClamp(c);
-      const float blended = u < 0.5f ? 2.0f * u * y : 1.0f - 2.0f * (1.0f - u) * (1.0f - y);
-      return c + (blended - u);
+      const float multiplied = 2.0f * u * y;
+      const float screened = 1.0f - 2.0f * (1.0f - u) * (1.0f - y);
+      return c + (detail::mix(multiplied, screened, screenWeight) - u);
     };
     const PixelRGB<float> bleached(overlay(p.r), overlay(p.g), overlay(p.b));
     return detail::saturated(detail::mix(p, bleached, amount), saturation);
