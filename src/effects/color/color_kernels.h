@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "effects/kernels/color_space.h"
+#include "effects/kernels/mix.h"
 #include "effects/kernels/sampled_curve.h"
 #include "effects/render.h"
 
@@ -118,15 +119,10 @@ Matrix3 adaptationToD65(std::array<float, 2> white);
 struct ToneRanges {
   explicit ToneRanges(float balance) : pivot(0.55f + 0.25f * balance) {}
   float highlights(float L) const {
-    return ramp(pivot - 0.2f, pivot + 0.25f, L) * (1.0f - ramp(0.97f, 1.0f, L));
+    return smoothStep(pivot - 0.2f, pivot + 0.25f, L) * (1.0f - smoothStep(0.97f, 1.0f, L));
   }
   float shadows(float L) const {
-    return ramp(0.02f, 0.2f, L) * (1.0f - ramp(pivot - 0.25f, pivot + 0.2f, L));
-  }
-  static float ramp(float from, float to, float x) {
-    float t = (x - from) / (to - from);
-    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
-    return t * t * (3.0f - 2.0f * t);
+    return smoothStep(0.02f, 0.2f, L) * (1.0f - smoothStep(pivot - 0.25f, pivot + 0.2f, L));
   }
   float pivot;
 };

@@ -33,7 +33,7 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
       [amount, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](Oklab& lab) {
         const float c = detail::chroma(lab);
         const float w = amount * sky.weight(lab.a, lab.b, c);
-        lab.L *= 1.0f - 0.3f * w * detail::ToneRanges::ramp(0.3f, 0.85f, lab.L);
+        lab.L *= 1.0f - 0.3f * w * detail::smoothStep(0.3f, 0.85f, lab.L);
         detail::scaleChroma(lab, 1.0f + 0.6f * w + 0.15f * amount);
       });
 }
