@@ -3,6 +3,7 @@
 #include <array>
 #include <memory>
 
+#include "core/dispatch.h"
 #include "effects/kernels/color_space.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/sampled_curve.h"
@@ -12,10 +13,18 @@
 // (or to Oklab) with the shared tables, changes the colour and encodes again.
 namespace vorn::detail {
 
-/// adjust(r, g, b) on the linear-light values of every pixel. Pixels go in blocks: the
-/// transfer curves run over the block's values, adjust over its channel planes, so both loops
-/// vectorise.
+/// adjust over channel planes, cloned for the wider vector units (the loops vectorise).
 template <typename Adjust>
+VORN_DISPATCH void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
+                                std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i]);
+}
+
+/// adjust(r, g, b) on the linear-light values of every pixel; Cloned runs it through the
+/// wide-vector clones, which a per-pixel table lookup (gathers) makes slower. Pixels go in blocks:
+/// the transfer curves run over the block's values, adjust over its channel planes, so both loops
+/// vectorise.
+template <bool Cloned = true, typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   const SrgbTransfer& transfer = srgbTransfer();
   return rowKernel(
@@ -33,7 +42,11 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
             g[i] = values[3 * i + 1];
             b[i] = values[3 * i + 2];
           }
-          for (std::size_t i = 0; i < n; ++i) adjust(r[i], g[i], b[i]);
+          if constexpr (Cloned) {
+            adjustPlanes(adjust, r, g, b, n);
+          } else {
+            for (std::size_t i = 0; i < n; ++i) adjust(r[i], g[i], b[i]);
+          }
           for (std::size_t i = 0; i < n; ++i) {
             values[3 * i] = r[i];
             values[3 * i + 1] = g[i];
@@ -48,9 +61,9 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
-template <typename Adjust>
+template <bool Cloned = true, typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return linearKernel([adjust, linear](float& r, float& g, float& b) {
+  return linearKernel<Cloned>([adjust, linear](float& r, float& g, float& b) {
     const float x = linear.m[0] * r + linear.m[1] * g + linear.m[2] * b;
     const float y = linear.m[3] * r + linear.m[4] * g + linear.m[5] * b;
     const float z = linear.m[6] * r + linear.m[7] * g + linear.m[8] * b;
@@ -64,9 +77,9 @@ std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
   });
 }
 
-template <typename Adjust>
+template <bool Cloned = true, typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
-  return oklabKernel(Matrix3{}, adjust);
+  return oklabKernel<Cloned>(Matrix3{}, adjust);
 }
 
 /// Oklab chroma of (a, b).
