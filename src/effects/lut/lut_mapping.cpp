@@ -1,0 +1,160 @@
+// LUT mapping: a .cube table named in Amount's optional data, sampled per pixel and mixed with
+// the input by Amount.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "effects/kernels/mix.h"
+#include "effects/lut/cube_cache.h"
+#include "effects/render.h"
+#include "vorn/effects/lut_effects.h"
+
+namespace vorn {
+
+namespace {
+
+using detail::CubeLut;
+
+/// The LUT file name: Amount's optional data when it is a non-empty string.
+std::string lutName(const Effect& effect) {
+  const ParameterOptionalData data = effect.parameters()[0].optionalData();
+  const auto* name = boost::get<std::string>(&data);
+  return name ? *name : std::string();
+}
+
+/// Maps a channel value onto table positions 0 ... size - 1; outside the domain (and NaN) it
+/// holds at the nearer end, as the table says nothing there.
+struct DomainScale {
+  DomainScale(const CubeLut& lut, std::size_t channel)
+      : scale(static_cast<float>(lut.size - 1) / (lut.domainMax[channel] - lut.domainMin[channel])),
+        offset(-lut.domainMin[channel] * scale),
+        top(static_cast<float>(lut.size - 1)) {}
+  float operator()(float value) const {
+    return std::fmin(std::fmax(value * scale + offset, 0.0f), top);
+  }
+  float scale;
+  float offset;
+  float top;
+};
+
+/// Splits a table position into a cell (at most size - 2) and the fraction within it, 0 exactly
+/// on a lattice point so entries come back unchanged.
+inline int cellOf(float position, int lastCell, float& fraction) {
+  const int cell = std::min(static_cast<int>(position), lastCell);
+  fraction = position - static_cast<float>(cell);
+  return cell;
+}
+
+class CurveSampler {
+ public:
+  explicit CurveSampler(const CubeLut& lut)
+      : table_(lut.values.data()),
+        lastCell_(lut.size - 2),
+        scales_{DomainScale(lut, 0), DomainScale(lut, 1), DomainScale(lut, 2)} {}
+
+  // Piecewise-linear interpolation of each channel's own curve.
+  PixelRGB<float> operator()(const PixelRGB<float>& p) const {
+    return PixelRGB<float>(channel(p.r, 0), channel(p.g, 1), channel(p.b, 2));
+  }
+
+ private:
+  float channel(float value, std::size_t c) const {
+    float f = 0.0f;
+    const auto cell = static_cast<std::size_t>(cellOf(scales_[c](value), lastCell_, f));
+    return (1.0f - f) * table_[3 * cell + c] + f * table_[3 * cell + 3 + c];
+  }
+
+  const float* table_;
+  int lastCell_;
+  DomainScale scales_[3];
+};
+
+class LatticeSampler {
+ public:
+  explicit LatticeSampler(const CubeLut& lut)
+      : table_(lut.values.data()),
+        lastCell_(lut.size - 2),
+        steps_{3, 3 * static_cast<std::size_t>(lut.size),
+               3 * static_cast<std::size_t>(lut.size) * static_cast<std::size_t>(lut.size)},
+        scales_{DomainScale(lut, 0), DomainScale(lut, 1), DomainScale(lut, 2)} {}
+
+  // Tetrahedral interpolation: the cell is cut along its grey diagonal into six tetrahedra and
+  // the one holding the point is chosen by the order of its fractions; greys stay on the axis.
+  PixelRGB<float> operator()(const PixelRGB<float>& p) const {
+    const float channels[3] = {p.r, p.g, p.b};
+    float f[3];
+    const float* c0 = table_;
+    for (std::size_t c = 0; c < 3; ++c) {
+      const auto cell = static_cast<std::size_t>(cellOf(scales_[c](channels[c]), lastCell_, f[c]));
+      c0 += cell * steps_[c];
+    }
+    // Axes in the order of falling fraction: the path 000 -> first -> first+second -> 111.
+    std::size_t a = 0, b = 1, c = 2;
+    if (f[0] >= f[1]) {
+      if (f[1] < f[2]) {
+        if (f[0] >= f[2])
+          std::swap(b, c);  // r, b, g
+        else
+          a = 2, b = 0, c = 1;  // b, r, g
+      }
+    } else if (f[0] >= f[2]) {
+      a = 1, b = 0;  // g, r, b
+    } else if (f[1] >= f[2]) {
+      a = 1, b = 2, c = 0;  // g, b, r
+    } else {
+      a = 2, c = 0;  // b, g, r
+    }
+    const float* c1 = c0 + steps_[a];
+    const float* c2 = c1 + steps_[b];
+    const float* c3 = c2 + steps_[c];
+    const float w0 = 1.0f - f[a], w1 = f[a] - f[b], w2 = f[b] - f[c], w3 = f[c];
+    const auto blend = [&](std::size_t k) {
+      return w0 * c0[k] + w1 * c1[k] + w2 * c2[k] + w3 * c3[k];
+    };
+    return PixelRGB<float>(blend(0), blend(1), blend(2));
+  }
+
+ private:
+  const float* table_;
+  int lastCell_;
+  std::size_t steps_[3];
+  DomainScale scales_[3];
+};
+
+template <typename Sampler>
+std::unique_ptr<detail::RowKernel> lutKernel(std::shared_ptr<const CubeLut> lut, float amount) {
+  const Sampler sampler(*lut);
+  // The lambda owns the table the sampler points into.
+  return detail::rowKernel([lut = std::move(lut), sampler, amount](
+                               const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    if (amount == 1.0f) {
+      for (std::size_t i = 0; i < count; ++i) out[i] = sampler(in[i]);
+      return;
+    }
+    const float keep = 1.0f - amount;
+    for (std::size_t i = 0; i < count; ++i) {
+      const PixelRGB<float> mapped = sampler(in[i]);
+      out[i] = detail::perChannel(
+          mapped, in[i], [amount, keep](float m, float x) { return m * amount + x * keep; });
+    }
+  });
+}
+
+}  // namespace
+
+// An identity table is detected when parsed and skipped, so the picture comes back bit for bit
+// (values outside the unit domain included, which the table itself would clamp).
+PointEffect::Kernel LUTMappingEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  const std::string name = lutName(*this);
+  if (amount == 0.0f || name.empty()) return nullptr;
+  std::shared_ptr<const CubeLut> lut = detail::cachedCube(name);
+  if (!lut || lut->identity) return nullptr;
+  if (lut->is3D) return lutKernel<LatticeSampler>(std::move(lut), amount);
+  return lutKernel<CurveSampler>(std::move(lut), amount);
+}
+
+}  // namespace vorn
