@@ -175,29 +175,35 @@ TEST_F(LutFiles, AnIdentityTableReturnsTheInputBitForBit) {
   }
 }
 
-TEST_F(LutFiles, TetrahedralInterpolationMatchesHandComputedValues) {
-  // Corners of a 2^3 table over the domain 0 ... 2, red varying fastest.
+TEST_F(LutFiles, TetrahedralInterpolationMatchesHandComputedValuesInAllSixTetrahedra) {
+  // Corners of a 2^3 table over the domain 0 ... 2, red varying fastest: 000, 100, 010, 110,
+  // 001, 101, 011, 111. Not affine, so a wrong tetrahedron gives a wrong value.
   const std::string path = write("corners.cube",
                                  "DOMAIN_MAX 2 2 2\nLUT_3D_SIZE 2\n"
                                  "0 0 0\n0.9 0.1 0.2\n0.3 0.6 0.1\n0.7 0.8 0.3\n"
                                  "0.2 0.1 0.5\n0.8 0.3 0.9\n0.1 0.4 0.6\n1 1 1\n");
-  auto source = std::make_shared<ImageRGBf>(_Size<int>(4, 1));
-  source->at(0, 0) = PixelRGB<float>(1.4f, 0.4f, 0.8f);  // r > b > g: 000, 100, 101, 111
-  source->at(1, 0) = PixelRGB<float>(1.0f, 1.8f, 0.2f);  // g > r > b: 000, 010, 110, 111
-  source->at(2, 0) = PixelRGB<float>(0.6f, 0.6f, 0.6f);  // grey: the diagonal only
-  source->at(3, 0) = PixelRGB<float>(2.0f, 0.0f, 2.0f);  // a corner comes back unchanged
+  struct Case {
+    PixelRGB<float> in, expected;
+  };
+  // r > g > b: 0.1 * 000 + 0.3 * 100 + 0.4 * 110 + 0.2 * 111, and so on for each order.
+  const Case cases[] = {{{1.8f, 1.2f, 0.4f}, {0.75f, 0.55f, 0.38f}},   // r > g > b
+                        {{1.8f, 0.4f, 1.2f}, {0.79f, 0.35f, 0.62f}},   // r > b > g
+                        {{1.2f, 0.4f, 1.8f}, {0.58f, 0.35f, 0.71f}},   // b > r > g
+                        {{1.2f, 1.8f, 0.4f}, {0.57f, 0.70f, 0.35f}},   // g > r > b
+                        {{0.4f, 1.8f, 1.2f}, {0.33f, 0.54f, 0.47f}},   // g > b > r
+                        {{0.4f, 1.2f, 1.8f}, {0.30f, 0.39f, 0.59f}},   // b > g > r
+                        {{0.6f, 0.6f, 0.6f}, {0.30f, 0.30f, 0.30f}},   // grey: the diagonal only
+                        {{2.0f, 0.0f, 2.0f}, {0.80f, 0.30f, 0.90f}}};  // a corner, unchanged
+  auto source = std::make_shared<ImageRGBf>(_Size<int>(static_cast<int>(std::size(cases)), 1));
+  for (int x = 0; x < source->width; ++x) source->at(x, 0) = cases[x].in;
   const auto output = test::renderOrFail(*lutEffect(path), source);
-  // 0.3 * 000 + 0.3 * 100 + 0.2 * 101 + 0.2 * 111, and 0.1 * 000 + 0.4 * 010 + 0.4 * 110 + 0.1 *
-  // 111.
-  const PixelRGB<float> expected[] = {
-      {0.63f, 0.29f, 0.44f}, {0.50f, 0.66f, 0.26f}, {0.3f, 0.3f, 0.3f}, {0.8f, 0.3f, 0.9f}};
-  for (int x = 0; x < 4; ++x) {
+  for (int x = 0; x < source->width; ++x) {
     SCOPED_TRACE(x);
-    EXPECT_NEAR(output->at(x, 0).r, expected[x].r, 1e-6f);
-    EXPECT_NEAR(output->at(x, 0).g, expected[x].g, 1e-6f);
-    EXPECT_NEAR(output->at(x, 0).b, expected[x].b, 1e-6f);
+    EXPECT_NEAR(output->at(x, 0).r, cases[x].expected.r, 1e-6f);
+    EXPECT_NEAR(output->at(x, 0).g, cases[x].expected.g, 1e-6f);
+    EXPECT_NEAR(output->at(x, 0).b, cases[x].expected.b, 1e-6f);
   }
-  EXPECT_EQ(output->at(3, 0).b, 0.9f) << "lattice points are exact";
+  EXPECT_EQ(output->at(7, 0).b, 0.9f) << "lattice points are exact";
 }
 
 TEST_F(LutFiles, CurvesInterpolateLinearlyAndAmountMixesWithTheInput) {

@@ -1,6 +1,7 @@
 // LUT mapping: a .cube table named in Amount's optional data, sampled per pixel and mixed with
 // the input by Amount.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <memory>
@@ -91,22 +92,8 @@ class LatticeSampler {
       const auto cell = static_cast<std::size_t>(cellOf(scales_[c](channels[c]), lastCell_, f[c]));
       c0 += cell * steps_[c];
     }
-    // Axes in the order of falling fraction: the path 000 -> first -> first+second -> 111.
-    std::size_t a = 0, b = 1, c = 2;
-    if (f[0] >= f[1]) {
-      if (f[1] < f[2]) {
-        if (f[0] >= f[2])
-          std::swap(b, c);  // r, b, g
-        else
-          a = 2, b = 0, c = 1;  // b, r, g
-      }
-    } else if (f[0] >= f[2]) {
-      a = 1, b = 0;  // g, r, b
-    } else if (f[1] >= f[2]) {
-      a = 1, b = 2, c = 0;  // g, b, r
-    } else {
-      a = 2, c = 0;  // b, g, r
-    }
+    // A table lookup instead of branches: the order is as good as random on textured images.
+    const auto& [a, b, c] = kOrders[(f[0] >= f[1]) * 4 + (f[1] >= f[2]) * 2 + (f[0] >= f[2])];
     const float* c1 = c0 + steps_[a];
     const float* c2 = c1 + steps_[b];
     const float* c3 = c2 + steps_[c];
@@ -118,6 +105,11 @@ class LatticeSampler {
   }
 
  private:
+  /// Axes by falling fraction, indexed by (fr >= fg, fg >= fb, fr >= fb) as bits 4, 2, 1: the
+  /// walk 000 -> first -> first + second -> 111. Codes 1 and 6 cannot occur.
+  static constexpr std::array<std::size_t, 3> kOrders[8] = {
+      {2, 1, 0}, {2, 1, 0}, {1, 2, 0}, {1, 0, 2}, {2, 0, 1}, {0, 2, 1}, {0, 1, 2}, {0, 1, 2}};
+
   const float* table_;
   int lastCell_;
   std::size_t steps_[3];
