@@ -218,7 +218,7 @@ TEST_F(LutFiles, CurvesInterpolateLinearlyAndAmountMixesWithTheInput) {
   EXPECT_NEAR(half->at(0, 0).g, 0.5f, 1e-6f);
 }
 
-TEST_F(LutFiles, RegionsMatchTheWholeRenderAndARewrittenFileIsReadAgain) {
+TEST_F(LutFiles, RegionsMatchTheWholeRenderHostileInputStaysFiniteAndARewrittenFileIsReread) {
   const std::string path = write("look.cube", cubeText(17, lookEntry));
   const auto source = test::makeTestImage(120, 90);
   const auto effect = lutEffect(path);
@@ -229,6 +229,19 @@ TEST_F(LutFiles, RegionsMatchTheWholeRenderAndARewrittenFileIsReadAgain) {
   EffectCallContext call(source, destination, nullptr, region, nullptr, nullptr);
   ASSERT_TRUE(effect->processImage(call));
   EXPECT_EQ(test::maxDifference(*whole, *destination, region), 0.0f);
+
+  // Non-finite input holds at the table's ends; the mix with the input is made finite.
+  auto hostile = std::make_shared<ImageRGBf>(_Size<int>(3, 1));
+  hostile->at(0, 0) = PixelRGB<float>(NAN, 0.5f, INFINITY);
+  hostile->at(1, 0) = PixelRGB<float>(-INFINITY, NAN, 0.5f);
+  hostile->at(2, 0) = PixelRGB<float>(1e30f, -1e30f, NAN);
+  for (const float amount : {100.0f, 60.0f}) {
+    const auto mapped = test::renderOrFail(*lutEffect(path, amount), hostile);
+    for (int x = 0; x < 3; ++x) {
+      const PixelRGB<float>& p = mapped->at(x, 0);
+      EXPECT_TRUE(std::isfinite(p.r) && std::isfinite(p.g) && std::isfinite(p.b)) << x;
+    }
+  }
 
   write("look.cube", cubeText(17, identityEntry, "TITLE \"now plain\"\n"));
   const auto again = test::renderOrFail(*lutEffect(path), source);
