@@ -1,5 +1,6 @@
 #include "effects/lut/cube_file.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <filesystem>
@@ -33,6 +34,7 @@ std::vector<std::string_view> words(std::string_view line) {
 class CubeParser {
  public:
   CubeLut run(std::string_view text) {
+    textBytes_ = text.size();
     while (!text.empty()) {
       const auto end = text.find('\n');
       ++lineNumber_;
@@ -116,7 +118,9 @@ class CubeParser {
     lut_.is3D = is3D;
     const auto side = static_cast<std::size_t>(value);
     expected_ = is3D ? side * side * side : side;
-    lut_.values.reserve(3 * expected_);
+    // An entry takes at least six characters ("0 0 0\n"): a short file claiming a large table
+    // must not cost the table's memory before it is found truncated.
+    lut_.values.reserve(3 * std::min(expected_, textBytes_ / 6));
   }
 
   void domain(const std::vector<std::string_view>& parts, bool isMin) {
@@ -140,6 +144,7 @@ class CubeParser {
   }
 
   CubeLut lut_;
+  std::size_t textBytes_ = 0;
   std::size_t lineNumber_ = 0;
   std::size_t expected_ = 0;
   std::size_t entries_ = 0;
