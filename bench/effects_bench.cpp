@@ -3,6 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -28,12 +30,32 @@ void BM_ExposureCurveFill(benchmark::State& state) {
   }
 }
 
+/// A 33^3 .cube table (a gamma per channel and a little crosstalk) in the temporary folder,
+/// written once: the LUT effect's work does not depend on the entries.
+const std::string& benchCubeFile() {
+  static const std::string path = [] {
+    const auto file = std::filesystem::temp_directory_path() / "vorn_bench_33.cube";
+    std::ofstream out(file);
+    constexpr int kSide = 33;
+    out << "LUT_3D_SIZE " << kSide << "\n";
+    for (int b = 0; b < kSide; ++b)
+      for (int g = 0; g < kSide; ++g)
+        for (int r = 0; r < kSide; ++r) {
+          const double x = r / 32.0, y = g / 32.0, z = b / 32.0;
+          out << std::pow(x, 0.8) << ' ' << 0.9 * y + 0.1 * x << ' ' << z * z << "\n";
+        }
+    return file.string();
+  }();
+  return path;
+}
+
 // Warm: the steady state of an editor re-rendering, the pool already holding the working
 // planes. Cold: a first render, every buffer fresh.
 void runEffect(benchmark::State& state, Pool pool, const std::string& id,
                const std::vector<float>& values) {
   auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
   for (std::size_t i = 0; i < values.size(); ++i) effect->parameters()[i].setValue(values[i]);
+  if (id == "VORNLUTMappingEffect") effect->parameters()[0].setOptionalData(benchCubeFile());
   std::shared_ptr<RGBf> warmDestination;
   timeAgainstFloor(
       state, pool, "copy", [pool] { return copyFloor(pool); },
@@ -186,6 +208,7 @@ const bool kRegistered = [] {
       {"VORNBrillianceWarmthEffect", {50, 40}},
       {"VORNHueShiftEffect", {40}},
       {"VORNBiColorEffect", {60, 210, 30, 0, 50}},
+      {"VORNLUTMappingEffect", {80}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

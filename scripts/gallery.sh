@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Renders every detail, creative and colour effect at a strong setting on the sample photo and writes a
-# labelled contact sheet and an HTML page, so a person sees at a glance what each one does.
+# Renders every detail, creative, colour and LUT effect at a strong setting on the sample photo
+# and writes a labelled contact sheet and an HTML page, so a person sees at a glance what each one
+# does.
 #   scripts/gallery.sh [OUTPUT_DIR]   (default build/gallery)
 # Settings below are "Name=value,Name=value"; an identifier without one gets its first parameter
 # at 80 % of its range.
@@ -67,6 +68,7 @@ declare -A strong=(
   [VORNBrillianceWarmthEffect]="Brilliance=80,Warmth=60"
   [VORNHueShiftEffect]="Hue=60"
   [VORNBiColorEffect]="Amount=90"
+  [VORNLUTMappingEffect]="Amount=100,Amount.data=warm_film.cube"
 )
 
 # The first parameter of an identifier at 80 % of its range, from `vorn effects ID`.
@@ -79,7 +81,10 @@ default_setting() {
 }
 
 ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
-        include/vorn/effects/creative_effects.h include/vorn/effects/color_effects.h | sed 's/.*"\(.*\)"/\1/')
+        include/vorn/effects/creative_effects.h include/vorn/effects/color_effects.h \
+        include/vorn/effects/lut_effects.h | sed 's/.*"\(.*\)"/\1/')
+# The LUT effect finds the tables our script makes in the data folder.
+python3 scripts/make-luts.py "$VORN_DATA_DIR/LUTs"
 
 # Pixel-scale effects (sharpening, fine detail) vanish when the frame is shrunk to a tile: they
 # are shown as a centre crop at full resolution, next to the same crop of the original.
