@@ -3,6 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -28,12 +30,32 @@ void BM_ExposureCurveFill(benchmark::State& state) {
   }
 }
 
+/// A 33^3 .cube table (a gamma per channel and a little crosstalk) in the temporary folder,
+/// written once: the LUT effect's work does not depend on the entries.
+const std::string& benchCubeFile() {
+  static const std::string path = [] {
+    const auto file = std::filesystem::temp_directory_path() / "vorn_bench_33.cube";
+    std::ofstream out(file);
+    constexpr int kSide = 33;
+    out << "LUT_3D_SIZE " << kSide << "\n";
+    for (int b = 0; b < kSide; ++b)
+      for (int g = 0; g < kSide; ++g)
+        for (int r = 0; r < kSide; ++r) {
+          const double x = r / 32.0, y = g / 32.0, z = b / 32.0;
+          out << std::pow(x, 0.8) << ' ' << 0.9 * y + 0.1 * x << ' ' << z * z << "\n";
+        }
+    return file.string();
+  }();
+  return path;
+}
+
 // Warm: the steady state of an editor re-rendering, the pool already holding the working
 // planes. Cold: a first render, every buffer fresh.
 void runEffect(benchmark::State& state, Pool pool, const std::string& id,
                const std::vector<float>& values) {
   auto effect = EffectFactory::instance().makeEffectWithID(id, nullptr);
   for (std::size_t i = 0; i < values.size(); ++i) effect->parameters()[i].setValue(values[i]);
+  if (id == "VORNLUTMappingEffect") effect->parameters()[0].setOptionalData(benchCubeFile());
   std::shared_ptr<RGBf> warmDestination;
   timeAgainstFloor(
       state, pool, "copy", [pool] { return copyFloor(pool); },
@@ -161,6 +183,32 @@ const bool kRegistered = [] {
       {"VORNDenoiseDetailsEffect", {100}},
       {"VORNDenoiseLaplacianEffect", {100, 50}},
       {"VORNDenoiseLaplacianNLBEffect", {100, 10, 50}},
+      // Point-wise colour effects at strong settings.
+      {"VORNSaturationEffect", {60}},
+      {"VORNVibranceEffect", {60}},
+      {"VORNRamixSaturationEffect", {60}},
+      {"VORNRamixVibranceEffect", {60}},
+      {"VORNPolarizeEffect", {70}},
+      {"VORNWhiteBalanceEffect", {40, 20}},
+      {"VORNFoliageEnhanceEffect", {70}},
+      {"VORNBWChannelsEffect", {100, 40, 20, -30, 0, -20, 10}},
+      {"VORNSplitToningEffect", {45, 60, 220, 60, 10}},
+      {"VORNColorContrastEffect", {60}},
+      {"VORNChannelsEffect", {30, -20, 10}},
+      {"VORNSplitWarmthEffect", {50, -50}},
+      {"VORNPhotoFilterEffect", {60, 30, 1}},
+      {"VORNContrastColorRangeEffect", {60, 210, 40}},
+      {"VORNColorsTintEffect", {50, 30}},
+      {"VORNRemoveColorCastEffect", {80}},
+      {"VORNCrossProcessingEffect", {70}},
+      {"VORNChannelMixerEffect", {80, 20, 0, 10, 90, 0, 0, 20, 80}},
+      {"VORNColorBalanceEffect", {20, -10, 30, 10, 0, -20, 0, 10, 20}},
+      {"VORNComplexBleachEffect", {70, -20}},
+      {"VORNWarmSkylightEffect", {70, 20}},
+      {"VORNBrillianceWarmthEffect", {50, 40}},
+      {"VORNHueShiftEffect", {40}},
+      {"VORNBiColorEffect", {60, 210, 30, 0, 50}},
+      {"VORNLUTMappingEffect", {80}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -1,5 +1,5 @@
 // Writes valid starting inputs for the fuzz targets: make_seeds <folder> fills
-// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory,apply_args}/.
+// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory,apply_args,cube_parse}/.
 #include <zlib.h>
 
 #include <cmath>
@@ -108,5 +108,15 @@ int main(int argc, char** argv) {
     }
     save(root / "apply_args", "command_" + std::to_string(i), joined);
   }
+  // .cube tables: a 1D curve with an input range, a 3D lattice with a title, comments and domain.
+  const std::string curve = "LUT_1D_SIZE 3\nLUT_1D_INPUT_RANGE 0 2\n0 0 0\n0.4 0.5 0.6\n1 1 1\n";
+  std::string lattice =
+      "# seed\nTITLE \"look\"\nLUT_3D_SIZE 3\nDOMAIN_MIN 0 0 0\nDOMAIN_MAX 1 1 1\n";
+  for (int i = 0; i < 27; ++i)
+    lattice += std::to_string(i % 3 * 0.5) + " " + std::to_string(i / 3 % 3 * 0.4) + " " +
+               std::to_string(i / 9 * 0.5) + "\r\n";
+  for (const auto& [name, text] :
+       {std::pair<std::string, std::string>{"curve", curve}, {"lattice", lattice}})
+    save(root / "cube_parse", name, Bytes(text.begin(), text.end()));
   return 0;
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Renders every detail, creative and face effect at a strong setting on a sample photo and writes
-# a labelled contact sheet and an HTML page, so a person sees at a glance what each one does.
+# Renders every detail, creative, colour, LUT and face effect at a strong setting on a sample
+# photo and writes a labelled contact sheet and an HTML page, so a person sees at a glance what
+# each one does.
 #   scripts/gallery.sh [OUTPUT_DIR]   (default build/gallery)
 # Settings below are "Name=value,Name=value"; an identifier without one gets its first parameter
 # at 80 % of its range.
@@ -45,6 +46,31 @@ declare -A strong=(
   [VORNStructureEffect]="Amount=80"
   [VORNStructureHDREffect]="Amount=80,Boost=80"
   [VORNDenoiseLaplacianNLBEffect]="Amount=100,Denoise=60"
+  [VORNSaturationEffect]="Saturation=70"
+  [VORNVibranceEffect]="Vibrance=90"
+  [VORNRamixSaturationEffect]="Saturation=-70"
+  [VORNRamixVibranceEffect]="Vibrance=90"
+  [VORNPolarizeEffect]="Amount=100"
+  [VORNWhiteBalanceEffect]="Temperature=60,Tint=20"
+  [VORNFoliageEnhanceEffect]="Amount=100"
+  [VORNBWChannelsEffect]="Amount=100,Red=60,Yellow=40,Blue=-50"
+  [VORNSplitToningEffect]="Highlights Saturation=80,Shadows Saturation=80"
+  [VORNColorContrastEffect]="Amount=90"
+  [VORNChannelsEffect]="Red=50,Blue=-40"
+  [VORNSplitWarmthEffect]="Highlights Warmth=80,Shadows Warmth=-80"
+  [VORNPhotoFilterEffect]="Amount=80,Hue=30"
+  [VORNContrastColorRangeEffect]="Amount=100,Hue=30,Range=50"
+  [VORNColorsTintEffect]="Amount=70,Hue=200"
+  [VORNRemoveColorCastEffect]="Amount=100"
+  [VORNCrossProcessingEffect]="Amount=90"
+  [VORNChannelMixerEffect]="Red from Red=60,Red from Green=40,Blue from Blue=70,Blue from Red=30"
+  [VORNColorBalanceEffect]="Cyan Red=40,Shadows Yellow Blue=60,Highlights Yellow Blue=-50"
+  [VORNComplexBleachEffect]="Amount=90,Saturation=-30"
+  [VORNWarmSkylightEffect]="Amount=100,Color correction=40"
+  [VORNBrillianceWarmthEffect]="Brilliance=80,Warmth=60"
+  [VORNHueShiftEffect]="Hue=60"
+  [VORNBiColorEffect]="Amount=90"
+  [VORNLUTMappingEffect]="Amount=100,Amount.data=warm_film.cube"
   [VORNFaceEffect]="Face Light=60,Skin Smoothing=100,Eye Enhancement=80"
   [VORNFaceSkinSoftenerEffect]="Amount=100"
 )
@@ -59,7 +85,11 @@ default_setting() {
 }
 
 ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
-        include/vorn/effects/creative_effects.h include/vorn/effects/face_effects.h | sed 's/.*"\(.*\)"/\1/')
+        include/vorn/effects/creative_effects.h include/vorn/effects/color_effects.h \
+        include/vorn/effects/lut_effects.h include/vorn/effects/face_effects.h |
+        sed 's/.*"\(.*\)"/\1/')
+# The LUT effect finds the tables our script makes in the data folder.
+python3 scripts/make-luts.py "$VORN_DATA_DIR/LUTs"
 
 # Pixel-scale effects (sharpening, fine detail) vanish when the frame is shrunk to a tile: they
 # are shown as a centre crop at full resolution, next to the same crop of the original.

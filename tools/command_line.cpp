@@ -16,7 +16,10 @@ void printHelp(std::ostream& out) {
       << "             [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
       << "             [--fail-on none|truncated|error]\n"
       << "                                       run effects in order and write JPEG or TIFF\n\n"
-      << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n";
+      << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n"
+      << "Name.data=TEXT gives a parameter its optional data, e.g. a LUT file (a bare name is\n"
+      << "looked for in the data folder's LUTs): "
+         "\"VORNLUTMappingEffect:Amount.data=warm_film.cube\"\n";
 }
 
 }  // namespace

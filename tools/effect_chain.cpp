@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <sstream>
+#include <string_view>
 
 #include "vorn/effects/effect_chain.h"
 #include "vorn/effects/effect_factory.h"
@@ -86,7 +87,13 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
   std::shared_ptr<Effect> effect = factory.makeEffectWithID(request.id);
   // Named, not a structured binding: clang before 16 cannot capture those in the lambda below.
   for (const auto& assignment : request.values) {
-    const std::string& name = assignment.first;
+    // "Name.data=TEXT" hands TEXT (a LUT file, say) to the parameter's optional data.
+    constexpr std::string_view kDataSuffix = ".data";
+    const bool isData =
+        assignment.first.size() > kDataSuffix.size() && assignment.first.ends_with(kDataSuffix);
+    const std::string name =
+        isData ? assignment.first.substr(0, assignment.first.size() - kDataSuffix.size())
+               : assignment.first;
     const std::string& text = assignment.second;
     auto& parameters = effect->parameters();
     const auto parameter = std::find_if(parameters.begin(), parameters.end(), [&](const auto& p) {
@@ -96,6 +103,10 @@ std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::s
       error = "effect \"" + request.id + "\" has no parameter \"" + name +
               "\"; its parameters: " + parameterNames(*effect);
       return nullptr;
+    }
+    if (isData) {
+      parameter->setOptionalData(text);
+      continue;
     }
     float value = 0.0f;
     if (!parseFloat(text, value)) {

@@ -20,7 +20,8 @@ struct EffectRequest {
 bool parseEffectRequest(const std::string& text, EffectRequest& request, std::string& error);
 
 /// Makes the effect and sets its values. Names match without regard to case; a value outside
-/// the parameter's range is clamped and reported in `warnings`. Empty and `error` set on failure.
+/// the parameter's range is clamped and reported in `warnings`; "Name.data=TEXT" sets the
+/// parameter's optional data to TEXT. Empty and `error` set on failure.
 std::shared_ptr<Effect> makeRequestedEffect(const EffectRequest& request, std::string& error,
                                             std::vector<std::string>& warnings);
 

@@ -96,6 +96,19 @@ TEST(CliEffectRequest, NamesIgnoreCaseAndOutOfRangeValuesAreClampedWithAWarning)
   EXPECT_TRUE(warnings.empty());
 }
 
+TEST(CliEffectRequest, DataSuffixSetsAParametersOptionalText) {
+  std::string error;
+  auto effect = make("VORNLUTMappingEffect:amount.data=looks/warm film.cube,Amount=40", error);
+  ASSERT_NE(effect, nullptr) << error;
+  const ParameterOptionalData data = effect->parameters()[0].optionalData();
+  const auto* text = boost::get<std::string>(&data);
+  ASSERT_NE(text, nullptr);
+  EXPECT_EQ(*text, "looks/warm film.cube");
+  EXPECT_FLOAT_EQ(effect->parameters()[0].value(), 40.0f);
+  EXPECT_EQ(make("VORNLUTMappingEffect:File.data=a.cube", error), nullptr);
+  EXPECT_NE(error.find("no parameter \"File\""), std::string::npos);
+}
+
 TEST(CliEffectChain, AppliesNonDefaultEffectsInPlaceOverTheWholeFrame) {
   const auto source = test::makeTestImage(64, 48);
   std::string error;

@@ -4,17 +4,19 @@
 
 #include "vorn/effects/declared_effect.h"
 
-// LUT mapping: parameters are final, processing arrives later (pixels pass through).
+// LUT mapping: colour lookup tables read from .cube files.
 namespace vorn {
 
+using detail::DeclaredEffect;
 using detail::DeclaredParameter;
-using detail::PassThroughEffect;
 
-/// The LUT file name travels in the optional data of "Amount"; without one nothing changes.
-class LUTMappingEffect final : public PassThroughEffect<LUTMappingEffect> {
+/// A .cube table (1D or 3D) named in the optional data of "Amount", mixed with the input by
+/// Amount; without a usable file (the reason is logged once) nothing changes.
+class LUTMappingEffect final : public DeclaredEffect<LUTMappingEffect, PointEffect> {
  public:
   static constexpr std::string_view kId = "VORNLUTMappingEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Amount", 0, 100, 100}};
+  Kernel prepare(const Setup& setup) const override;
 };
 
 }  // namespace vorn

@@ -1,0 +1,122 @@
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "effects/color/color_kernels.h"
+#include "effects/kernels/luminance.h"
+#include "vorn/effects/color_effects.h"
+
+// Effects that change how colourful a picture is, without regard to which colours: chroma in
+// Oklab for the editor's sliders, chroma around luminance in linear light for the mixer's.
+namespace vorn {
+
+using detail::Oklab;
+
+namespace {
+
+/// Oklab chroma of the most colourful sRGB colours; vibrance leaves colours this strong alone.
+constexpr float kStrongChroma = 0.25f;
+
+/// How much vibrance may act on a colour of chroma c: fully on grey-ish colours, not at all on
+/// strong ones, and less on skin so faces do not turn orange.
+struct VibranceWeight {
+  detail::HueWindow skin{detail::wheelHue(25.0f), 35.0f};
+  float operator()(float a, float b, float c) const {
+    float room = 1.0f - c * (1.0f / kStrongChroma);
+    room = room > 0.0f ? room : 0.0f;
+    return room * room * (1.0f - 0.7f * skin.weight(a, b, c));
+  }
+};
+
+}  // namespace
+
+// Saturation: Oklab chroma times 1 + s, so lightness and hue stay as they are.
+PointEffect::Kernel SaturationEffect::prepare(const Setup&) const {
+  const float k = 1.0f + mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (k == 1.0f) return nullptr;
+  return detail::oklabKernel([k](Oklab& lab) { detail::scaleChroma(lab, k); });
+}
+
+// Vibrance: Oklab chroma gain falling to 1 with the colour's own chroma and on skin hues.
+PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
+  const float v = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (v == 0.0f) return nullptr;
+  return detail::oklabKernel([v, weight = VibranceWeight{}](Oklab& lab) {
+    detail::scaleChroma(lab, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)));
+  });
+}
+
+namespace {
+
+/// Linear light pulled from (k < 1) or pushed away from (k > 1) its luminance, which stays.
+inline void saturateAroundLuminance(float& r, float& g, float& b, float k) {
+  const float y = detail::luminance(r, g, b);
+  r = std::max(y + (r - y) * k, 0.0f);
+  g = std::max(y + (g - y) * k, 0.0f);
+  b = std::max(y + (b - y) * k, 0.0f);
+}
+
+}  // namespace
+
+// Mixer saturation: linear-light channels scaled around their luminance, which is kept exactly
+// and may lie above 1; cheaper than Oklab and neutral for scene-referred data.
+PointEffect::Kernel RamixSaturationEffect::prepare(const Setup&) const {
+  const float k = 1.0f + mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (k == 1.0f) return nullptr;
+  return detail::linearKernel(
+      [k](float& r, float& g, float& b) { saturateAroundLuminance(r, g, b, k); });
+}
+
+// Mixer vibrance: the same, with the gain falling with the channel spread (max - min) / max.
+PointEffect::Kernel RamixVibranceEffect::prepare(const Setup&) const {
+  const float v = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  if (v == 0.0f) return nullptr;
+  return detail::linearKernel([v](float& r, float& g, float& b) {
+    const float high = std::max({r, g, b});
+    const float low = std::min({r, g, b});
+    const float spread = high > 1e-6f ? std::clamp((high - low) / high, 0.0f, 1.0f) : 0.0f;
+    saturateAroundLuminance(r, g, b, 1.0f + v * (1.0f - spread) * (1.0f - spread));
+  });
+}
+
+// Hue shift: rotation of the Oklab a-b plane, lightness and chroma kept.
+PointEffect::Kernel HueShiftEffect::prepare(const Setup&) const {
+  const float degrees = mappedValue(0, -180.0f, 0.0f, 180.0f);
+  if (degrees == 0.0f) return nullptr;
+  const detail::HueDirection turn = detail::HueDirection::ofAngle(degrees);
+  return detail::oklabKernel([turn](Oklab& lab) {
+    const float a = lab.a * turn.cosine - lab.b * turn.sine;
+    lab.b = lab.a * turn.sine + lab.b * turn.cosine;
+    lab.a = a;
+  });
+}
+
+// Colour contrast: each opponent axis (a, b) through a rational curve with slope 1 + k at grey
+// that meets the identity at the gamut's edge, so muted colours separate and strong ones hold.
+PointEffect::Kernel ColorContrastEffect::prepare(const Setup&) const {
+  const float k = mappedValue(0, -0.8f, 0.0f, 1.5f);
+  if (k == 0.0f) return nullptr;
+  constexpr float kEdge = 0.3f;
+  return detail::oklabKernel([k](Oklab& lab) {
+    lab.a = lab.a * (1.0f + k) / (1.0f + k * std::fabs(lab.a) * (1.0f / kEdge));
+    lab.b = lab.b * (1.0f + k) / (1.0f + k * std::fabs(lab.b) * (1.0f / kEdge));
+  });
+}
+
+// Brilliance and warmth: vibrance with a midtone lightness lift, after a Bradford adaptation of
+// up to 40 mired for warmth.
+PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
+  const float brilliance = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  const float warmth = mappedValue(1, -1.0f, 0.0f, 1.0f);
+  if (brilliance == 0.0f && warmth == 0.0f) return nullptr;
+  const detail::Matrix3 warm =
+      warmth == 0.0f ? detail::Matrix3{}
+                     : detail::adaptationToD65(detail::shiftedWhite(-40.0f * warmth, 0.0f));
+  return detail::oklabKernel(warm, [brilliance, weight = VibranceWeight{}](Oklab& lab) {
+    detail::scaleChroma(lab, 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab)));
+    const float L = std::clamp(lab.L, 0.0f, 1.0f);
+    lab.L += 0.25f * brilliance * L * (1.0f - L);
+  });
+}
+
+}  // namespace vorn

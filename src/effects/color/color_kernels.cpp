@@ -1,0 +1,90 @@
+#include "effects/color/color_kernels.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vorn::detail {
+
+std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix) {
+  return linearKernel([matrix](float& r, float& g, float& b) {
+    const float x = matrix.m[0] * r + matrix.m[1] * g + matrix.m[2] * b;
+    const float y = matrix.m[3] * r + matrix.m[4] * g + matrix.m[5] * b;
+    const float z = matrix.m[6] * r + matrix.m[7] * g + matrix.m[8] * b;
+    r = x;
+    g = y;
+    b = z;
+  });
+}
+
+std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves) {
+  return rowKernel([curves = std::move(curves)](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                                std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i)
+      out[i] = PixelRGB<float>(curves[0](in[i].r), curves[1](in[i].g), curves[2](in[i].b));
+  });
+}
+
+std::array<float, 3> glassTransmission(float degrees, float density) {
+  const std::array<float, 3> glass = wheelColor(degrees);
+  std::array<float, 3> t{};
+  for (std::size_t c = 0; c < 3; ++c) t[c] = 1.0f - density * (1.0f - srgbToLinearExact(glass[c]));
+  return t;
+}
+
+namespace {
+
+/// CIE daylight locus chromaticity at correlated colour temperature kelvin (4000 ... 25000 K).
+std::array<double, 2> daylight(double kelvin) {
+  const double t = std::clamp(kelvin, 4000.0, 25000.0);
+  const double t2 = t * t;
+  const double x = t <= 7000.0 ? -4.6070e9 / (t2 * t) + 2.9678e6 / t2 + 0.09911e3 / t + 0.244063
+                               : -2.0064e9 / (t2 * t) + 1.9018e6 / t2 + 0.24748e3 / t + 0.237040;
+  return {x, -3.0 * x * x + 2.87 * x - 0.275};
+}
+
+/// CIE 1960 (u, v) of xy and back.
+std::array<double, 2> toUv(std::array<double, 2> xy) {
+  const double d = -2.0 * xy[0] + 12.0 * xy[1] + 3.0;
+  return {4.0 * xy[0] / d, 6.0 * xy[1] / d};
+}
+std::array<double, 2> fromUv(std::array<double, 2> uv) {
+  const double d = 2.0 * uv[0] - 8.0 * uv[1] + 4.0;
+  return {3.0 * uv[0] / d, 2.0 * uv[1] / d};
+}
+
+constexpr double kD65Kelvin = 6504.0;
+constexpr std::array<double, 2> kD65{0.3127, 0.3290};
+
+}  // namespace
+
+std::array<float, 2> shiftedWhite(float miredShift, float duv) {
+  // Mired (1e6 / K) steps are even steps of perceived warmth; the shift is limited to the
+  // locus' valid span. The offset along the locus is taken relative to D65's own point on it.
+  const double mired =
+      std::clamp(1.0e6 / kD65Kelvin + static_cast<double>(miredShift), 40.0, 250.0);
+  const auto along = toUv(daylight(1.0e6 / mired));
+  const auto atD65 = toUv(daylight(kD65Kelvin));
+  const auto d65 = toUv(kD65);
+  const auto xy = fromUv({d65[0] + along[0] - atD65[0], d65[1] + along[1] - atD65[1] + duv});
+  return {static_cast<float>(xy[0]), static_cast<float>(xy[1])};
+}
+
+Matrix3 adaptationToD65(std::array<float, 2> white) {
+  static const Matrix3 bradford{
+      {0.8951f, 0.2664f, -0.1614f, -0.7502f, 1.7135f, 0.0367f, 0.0389f, -0.0685f, 1.0296f}};
+  const auto lms = [](std::array<float, 2> xy) {
+    const float X = xy[0] / xy[1];
+    const float Z = (1.0f - xy[0] - xy[1]) / xy[1];
+    return std::array<float, 3>{bradford.m[0] * X + bradford.m[1] + bradford.m[2] * Z,
+                                bradford.m[3] * X + bradford.m[4] + bradford.m[5] * Z,
+                                bradford.m[6] * X + bradford.m[7] + bradford.m[8] * Z};
+  };
+  const auto source = lms(white);
+  const auto target = lms({static_cast<float>(kD65[0]), static_cast<float>(kD65[1])});
+  const Matrix3 scale =
+      Matrix3::diagonal(target[0] / source[0], target[1] / source[1], target[2] / source[2]);
+  const Matrix3& toXyz = linearSrgbToXyz();
+  return inverse(toXyz) * inverse(bradford) * scale * bradford * toXyz;
+}
+
+}  // namespace vorn::detail

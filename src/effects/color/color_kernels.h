@@ -1,0 +1,143 @@
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include "core/dispatch.h"
+#include "effects/kernels/color_space.h"
+#include "effects/kernels/mix.h"
+#include "effects/kernels/sampled_curve.h"
+#include "effects/render.h"
+
+// The row kernels the point-wise colour effects are made of: every one decodes to linear light
+// (or to Oklab) with the shared tables, changes the colour and encodes again.
+namespace vorn::detail {
+
+/// adjust over channel planes, cloned for the wider vector units (the loops vectorise).
+template <typename Adjust>
+VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
+                                std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i]);
+}
+
+/// adjust(r, g, b) on the linear-light values of every pixel; Cloned runs it through the
+/// wide-vector clones, which a per-pixel table lookup (gathers) makes slower. Pixels go in blocks:
+/// the transfer curves run over the block's values, adjust over its channel planes, so both loops
+/// vectorise.
+template <bool Cloned = true, typename Adjust>
+std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
+  const SrgbTransfer& transfer = srgbTransfer();
+  return rowKernel(
+      [adjust, &transfer](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        constexpr std::size_t kBlock = 256;
+        alignas(64) float values[3 * kBlock];
+        alignas(64) float r[kBlock];
+        alignas(64) float g[kBlock];
+        alignas(64) float b[kBlock];
+        for (std::size_t done = 0; done < count; done += kBlock) {
+          const std::size_t n = count - done < kBlock ? count - done : kBlock;
+          transfer.decode.apply(&in[done].r, values, 3 * n);
+          for (std::size_t i = 0; i < n; ++i) {
+            r[i] = values[3 * i];
+            g[i] = values[3 * i + 1];
+            b[i] = values[3 * i + 2];
+          }
+          if constexpr (Cloned) {
+            adjustPlanes(adjust, r, g, b, n);
+          } else {
+            for (std::size_t i = 0; i < n; ++i) adjust(r[i], g[i], b[i]);
+          }
+          for (std::size_t i = 0; i < n; ++i) {
+            values[3 * i] = r[i];
+            values[3 * i + 1] = g[i];
+            values[3 * i + 2] = b[i];
+          }
+          transfer.encode.apply(values, &out[done].r, 3 * n);
+        }
+      });
+}
+
+/// A 3 x 3 matrix on linear light (white balance, channel mixing).
+std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
+
+/// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
+template <bool Cloned = true, typename Adjust>
+std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
+  return linearKernel<Cloned>([adjust, linear](float& r, float& g, float& b) {
+    const float x = linear.m[0] * r + linear.m[1] * g + linear.m[2] * b;
+    const float y = linear.m[3] * r + linear.m[4] * g + linear.m[5] * b;
+    const float z = linear.m[6] * r + linear.m[7] * g + linear.m[8] * b;
+    Oklab lab = linearToOklab(x, y, z);
+    adjust(lab);
+    oklabToLinear(lab, r, g, b);
+    // Colours pushed outside the gamut are clipped at black rather than left negative.
+    r = r > 0.0f ? r : 0.0f;
+    g = g > 0.0f ? g : 0.0f;
+    b = b > 0.0f ? b : 0.0f;
+  });
+}
+
+template <bool Cloned = true, typename Adjust>
+std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
+  return oklabKernel<Cloned>(Matrix3{}, adjust);
+}
+
+/// Oklab chroma of (a, b).
+inline float chroma(const Oklab& lab) {
+  return std::sqrt(lab.a * lab.a + lab.b * lab.b);
+}
+
+/// (a, b) scaled by k, never below 0.
+inline void scaleChroma(Oklab& lab, float k) {
+  k = k > 0.0f ? k : 0.0f;
+  lab.a *= k;
+  lab.b *= k;
+}
+
+/// A per-value curve on [0, 1] for one channel, continued above 1 along its end slope.
+class ChannelCurve {
+ public:
+  template <typename Function>
+  explicit ChannelCurve(Function f)
+      : curve_(0.0f, 1.0f, kSteps, f),
+        atOne_(f(1.0f)),
+        slope_((f(1.0f) - f(1.0f - 1.0f / static_cast<float>(kSteps))) *
+               static_cast<float>(kSteps)) {}
+  float operator()(float x) const { return x > 1.0f ? atOne_ + (x - 1.0f) * slope_ : curve_.at(x); }
+
+ private:
+  static constexpr std::size_t kSteps = 1024;
+  SampledCurve curve_;
+  float atOne_;
+  float slope_;
+};
+
+/// One curve per channel on the encoded values.
+std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves);
+
+/// Per-channel transmission of a coloured glass of the wheel hue `degrees` at `density` (0 is
+/// clear glass, 1 passes only the hue's own colour), for linear light.
+std::array<float, 3> glassTransmission(float degrees, float density);
+
+/// A white point shifted from D65 by `miredShift` along the daylight locus (positive is
+/// warmer light) and by `duv` across it (positive is greener), as CIE xy.
+std::array<float, 2> shiftedWhite(float miredShift, float duv);
+
+/// The Bradford chromatic adaptation, in linear sRGB, from a scene lit by `white` (CIE xy) to
+/// D65: a picture taken under that light then looks as if lit by daylight.
+Matrix3 adaptationToD65(std::array<float, 2> white);
+
+/// The weights of shadows and highlights over Oklab lightness; `balance` in [-1, 1] moves their
+/// border up (more shadows) or down. Black and white themselves get no tint.
+struct ToneRanges {
+  explicit ToneRanges(float balance) : pivot(0.55f + 0.25f * balance) {}
+  float highlights(float L) const {
+    return smoothStep(pivot - 0.2f, pivot + 0.25f, L) * (1.0f - smoothStep(0.97f, 1.0f, L));
+  }
+  float shadows(float L) const {
+    return smoothStep(0.02f, 0.2f, L) * (1.0f - smoothStep(pivot - 0.25f, pivot + 0.2f, L));
+  }
+  float pivot;
+};
+
+}  // namespace vorn::detail

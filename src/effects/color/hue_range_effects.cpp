@@ -1,0 +1,112 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numbers>
+
+#include "effects/color/color_kernels.h"
+#include "vorn/effects/color_effects.h"
+
+// Effects keyed to a range of hues: smooth Oklab hue weights that fade out towards grey, so
+// neighbouring hues blend without bands and neutral areas are left alone.
+namespace vorn {
+
+using detail::HueWindow;
+using detail::Oklab;
+
+namespace {
+
+/// The Oklab lightness change a hue-keyed effect makes at full weight, by contrast about the
+/// middle of the range; k in [-0.5, 0.5] keeps the curve rising and 0 and 1 fixed.
+inline float lightnessContrast(float L, float k) {
+  const float x = std::clamp(L, 0.0f, 1.0f);
+  return 4.0f * k * x * (1.0f - x) * (x - 0.5f);
+}
+
+}  // namespace
+
+// Polarizer: blue sky darkened and deepened in proportion to its hue weight and brightness,
+// and every colour a little richer as glare goes.
+PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  if (amount == 0.0f) return nullptr;
+  return detail::oklabKernel(
+      [amount, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](Oklab& lab) {
+        const float c = detail::chroma(lab);
+        const float w = amount * sky.weight(lab.a, lab.b, c);
+        lab.L *= 1.0f - 0.3f * w * detail::smoothStep(0.3f, 0.85f, lab.L);
+        detail::scaleChroma(lab, 1.0f + 0.6f * w + 0.15f * amount);
+      });
+}
+
+// Foliage: chroma and a little lightness for yellow-green to green hues.
+PointEffect::Kernel FoliageEnhanceEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  if (amount == 0.0f) return nullptr;
+  return detail::oklabKernel(
+      [amount, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](Oklab& lab) {
+        const float w = amount * leaves.weight(lab.a, lab.b, detail::chroma(lab));
+        detail::scaleChroma(lab, 1.0f + 0.7f * w);
+        lab.L *= 1.0f + 0.06f * w;
+      });
+}
+
+// Contrast in a colour range: an S-curve on the lightness of the hues inside the window.
+PointEffect::Kernel ContrastColorRangeEffect::prepare(const Setup&) const {
+  const float k = mappedValue(0, -0.5f, 0.0f, 0.5f);
+  if (k == 0.0f) return nullptr;
+  const float hue = mappedValue(1, 0.0f, 180.0f, 360.0f);
+  const float halfWidth = mappedValue(2, 10.0f, 65.0f, 120.0f);
+  return detail::oklabKernel([k, range = HueWindow(detail::wheelHue(hue), halfWidth)](Oklab& lab) {
+    lab.L += range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k);
+  });
+}
+
+namespace {
+
+/// Oklab chroma at which a colour's slider acts fully in the black-and-white mix.
+constexpr float kFullMixChroma = 0.2f;
+
+/// The black-and-white lightness gain by hue: each of the six wheel colours has its slider,
+/// hues between two of them ease from one to the other. Tabulated over [-pi, pi].
+detail::SampledCurve hueGains(const std::array<float, 6>& sliders) {
+  std::array<float, 6> angles{};
+  for (std::size_t k = 0; k < 6; ++k)
+    angles[k] = detail::wheelHueAngle(60.0f * static_cast<float>(k));
+  constexpr float kTurn = 2.0f * std::numbers::pi_v<float>;
+  const auto gain = [&](float h) {
+    for (std::size_t k = 0; k < 6; ++k) {
+      const std::size_t next = (k + 1) % 6;
+      const float span = std::fmod(angles[next] - angles[k] + 2.0f * kTurn, kTurn);
+      const float offset = std::fmod(h - angles[k] + 2.0f * kTurn, kTurn);
+      if (offset > span) continue;
+      const float t = 0.5f - 0.5f * std::cos(std::numbers::pi_v<float> * offset / span);
+      const float v = sliders[k] + (sliders[next] - sliders[k]) * t;
+      // At most half as light again or 40 % darker: a strong filter, short of clipping.
+      return v > 0.0f ? 0.5f * v : 0.4f * v;
+    }
+    return 0.0f;
+  };
+  return detail::SampledCurve(-std::numbers::pi_v<float>, std::numbers::pi_v<float>, 720, gain);
+}
+
+}  // namespace
+
+// Black and white mix: Oklab lightness scaled by the hue's slider in proportion to chroma, then
+// all chroma removed; "Amount" blends from the colour picture to that grey.
+PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  if (amount == 0.0f) return nullptr;
+  std::array<float, 6> sliders{};
+  for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
+  // The hue table is read per pixel: plain vector code gathers it faster than the wide clones.
+  return detail::oklabKernel<false>([amount, gains = hueGains(sliders)](Oklab& lab) {
+    const float c = detail::chroma(lab);
+    const float strength = std::min(c * (1.0f / kFullMixChroma), 1.0f);
+    const float grey = lab.L * (1.0f + strength * gains.at(detail::fastAtan2(lab.b, lab.a)));
+    lab.L += amount * (grey - lab.L);
+    lab.a *= 1.0f - amount;
+    lab.b *= 1.0f - amount;
+  });
+}
+
+}  // namespace vorn

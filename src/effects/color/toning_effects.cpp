@@ -1,0 +1,153 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "effects/color/color_kernels.h"
+#include "effects/kernels/mix.h"
+#include "vorn/effects/color_effects.h"
+
+// Toning: colour added by tonal range (Oklab offsets weighted over lightness) and the film looks
+// made of per-channel curves.
+namespace vorn {
+
+using detail::Oklab;
+
+namespace {
+
+/// Oklab chroma a toning slider at 100 adds: a clear but not garish tint.
+constexpr float kToneChroma = 0.07f;
+
+/// An Oklab (a, b) offset of `chroma` towards the wheel hue `degrees`.
+std::array<float, 2> toneOffset(float degrees, float chroma) {
+  const detail::HueDirection d = detail::wheelHue(degrees);
+  return {chroma * d.cosine, chroma * d.sine};
+}
+
+/// Split toning: highlights and shadows each shifted by their own offset; black and white stay.
+std::unique_ptr<detail::RowKernel> splitToneKernel(std::array<float, 2> highlights,
+                                                   std::array<float, 2> shadows, float balance) {
+  return detail::oklabKernel([=, ranges = detail::ToneRanges(balance)](Oklab& lab) {
+    const float h = ranges.highlights(lab.L);
+    const float s = ranges.shadows(lab.L);
+    lab.a += h * highlights[0] + s * shadows[0];
+    lab.b += h * highlights[1] + s * shadows[1];
+  });
+}
+
+/// The wheel hue of warm light; cool is its opposite.
+constexpr float kWarmHue = 35.0f;
+
+}  // namespace
+
+// Split toning: Oklab chroma offsets towards each range's hue, weighted over lightness.
+PointEffect::Kernel SplitToningEffect::prepare(const Setup&) const {
+  const float highlights = mappedValue(1, 0.0f, 0.5f, 1.0f);
+  const float shadows = mappedValue(3, 0.0f, 0.5f, 1.0f);
+  if (highlights == 0.0f && shadows == 0.0f) return nullptr;
+  return splitToneKernel(toneOffset(mappedValue(0, 0.0f, 180.0f, 360.0f), kToneChroma * highlights),
+                         toneOffset(mappedValue(2, 0.0f, 180.0f, 360.0f), kToneChroma * shadows),
+                         mappedValue(4, -1.0f, 0.0f, 1.0f));
+}
+
+// Split warmth: split toning along the warm-cool axis, negative values cooling.
+PointEffect::Kernel SplitWarmthEffect::prepare(const Setup&) const {
+  const float highlights = mappedValue(0, -1.0f, 0.0f, 1.0f);
+  const float shadows = mappedValue(1, -1.0f, 0.0f, 1.0f);
+  if (highlights == 0.0f && shadows == 0.0f) return nullptr;
+  // Warmth reads as a smaller shift than a free tint.
+  constexpr float kWarmChroma = 0.6f * kToneChroma;
+  return splitToneKernel(toneOffset(kWarmHue, kWarmChroma * highlights),
+                         toneOffset(kWarmHue, kWarmChroma * shadows), 0.0f);
+}
+
+// Colour tint: every hue pulled towards the tint hue with its chroma kept, and near-greys given
+// a little of it, weighted to the midtones; a duotone at 100.
+PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  if (amount == 0.0f) return nullptr;
+  const detail::HueDirection tint = detail::wheelHue(mappedValue(1, 0.0f, 180.0f, 360.0f));
+  return detail::oklabKernel([amount, tint](Oklab& lab) {
+    const float L = std::clamp(lab.L, 0.0f, 1.0f);
+    const float c = std::max(detail::chroma(lab), 0.5f * kToneChroma * 4.0f * L * (1.0f - L));
+    lab.a += amount * (c * tint.cosine - lab.a);
+    lab.b += amount * (c * tint.sine - lab.b);
+  });
+}
+
+namespace {
+
+/// The three channel curves of a look, each blended with the identity by amount.
+template <typename Red, typename Green, typename Blue>
+std::unique_ptr<detail::RowKernel> lookCurves(float amount, Red red, Green green, Blue blue) {
+  const auto blended = [amount](auto curve) {
+    return detail::ChannelCurve([amount, curve](float x) { return x + amount * (curve(x) - x); });
+  };
+  return detail::channelCurvesKernel({blended(red), blended(green), blended(blue)});
+}
+
+/// An S-curve: the identity mixed with a cubic step by `strength`.
+inline float sCurve(float x, float strength) {
+  return x + strength * (detail::smoothStep(0.0f, 1.0f, x) - x);
+}
+
+}  // namespace
+
+// Cross processing (slide film in negative chemistry): hard red and green contrast, blue
+// flattened with lifted blacks, so shadows go blue and highlights yellow.
+PointEffect::Kernel CrossProcessingEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  if (amount == 0.0f) return nullptr;
+  return lookCurves(
+      amount, [](float x) { return sCurve(x, 0.8f); }, [](float x) { return sCurve(x, 0.4f); },
+      [](float x) { return 0.14f + 0.72f * x; });
+}
+
+// Colour balance: lift (shadows), gamma (midtones) and gain (highlights) per channel; each
+// slider raises its colour's channel and lowers the two others by half as much.
+PointEffect::Kernel ColorBalanceEffect::prepare(const Setup&) const {
+  // [range][channel]: midtones, shadows, highlights.
+  std::array<std::array<float, 3>, 3> shift{};
+  bool any = false;
+  for (std::size_t range = 0; range < 3; ++range) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+      const float v = mappedValue(3 * range + axis, -1.0f, 0.0f, 1.0f);
+      any = any || v != 0.0f;
+      for (std::size_t channel = 0; channel < 3; ++channel)
+        shift[range][channel] += channel == axis ? v : -0.5f * v;
+    }
+  }
+  if (!any) return nullptr;
+  const auto curve = [&](std::size_t c) {
+    const float inverseGamma = std::exp2(-0.6f * shift[0][c]);
+    const float lift = 0.12f * shift[1][c];
+    const float gain = 1.0f + 0.3f * shift[2][c];
+    return detail::ChannelCurve([=](float x) {
+      const float lifted = std::max(x + lift * (1.0f - x), 0.0f);
+      return gain * std::pow(lifted, inverseGamma);
+    });
+  };
+  return detail::channelCurvesKernel({curve(0), curve(1), curve(2)});
+}
+
+// Bleach bypass: the silver left in the print as an overlay of luminance on the colour (the
+// multiply or screen half chosen by the pixel's luminance, so hues hold), blended by amount;
+// then saturation around luminance.
+PointEffect::Kernel ComplexBleachEffect::prepare(const Setup&) const {
+  const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
+  const float saturation = 1.0f + mappedValue(1, -1.0f, 0.0f, 1.0f);
+  if (amount == 0.0f && saturation == 1.0f) return nullptr;
+  return detail::pixelKernel([amount, saturation](const PixelRGB<float>& p) {
+    const float y = detail::unitClamp(detail::luminance(p));
+    const float screenWeight = detail::smoothStep(0.45f, 0.55f, y);
+    const auto overlay = [y, screenWeight](float c) {
+      const float u = detail::unitClamp(c);
+      const float multiplied = 2.0f * u * y;
+      const float screened = 1.0f - 2.0f * (1.0f - u) * (1.0f - y);
+      return c + (detail::mix(multiplied, screened, screenWeight) - u);
+    };
+    const PixelRGB<float> bleached(overlay(p.r), overlay(p.g), overlay(p.b));
+    return detail::saturated(detail::mix(p, bleached, amount), saturation);
+  });
+}
+
+}  // namespace vorn

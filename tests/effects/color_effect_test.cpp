@@ -1,0 +1,273 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "effects/color/color_kernels.h"
+#include "effects/effect_test_support.h"
+#include "effects/kernels/color_space.h"
+#include "effects/kernels/luminance.h"
+
+namespace vorn {
+namespace {
+
+using test::ImageRGBf;
+
+/// One row of the given encoded colours.
+std::shared_ptr<ImageRGBf> rowOf(const std::vector<PixelRGB<float>>& pixels) {
+  auto image = std::make_shared<ImageRGBf>(_Size<int>(static_cast<int>(pixels.size()), 1));
+  for (std::size_t i = 0; i < pixels.size(); ++i) image->at(static_cast<int>(i), 0) = pixels[i];
+  return image;
+}
+
+std::shared_ptr<ImageRGBf> greys() {
+  return rowOf({PixelRGB<float>(0.02f), PixelRGB<float>(0.2f), PixelRGB<float>(0.5f),
+                PixelRGB<float>(0.8f), PixelRGB<float>(1.0f), PixelRGB<float>(1.7f)});
+}
+
+std::shared_ptr<ImageRGBf> renderWith(const std::string& id, std::initializer_list<float> values,
+                                      std::shared_ptr<const ImageRGBf> source) {
+  auto effect = test::makeEffect(id, values);
+  return test::renderOrFail(*effect, std::move(source));
+}
+
+float spread(const PixelRGB<float>& p) {
+  return std::max({p.r, p.g, p.b}) - std::min({p.r, p.g, p.b});
+}
+
+float linearLuminance(const PixelRGB<float>& p) {
+  return detail::luminance(detail::srgbToLinearExact(p.r), detail::srgbToLinearExact(p.g),
+                           detail::srgbToLinearExact(p.b));
+}
+
+TEST(ColorSpaceTest, OklabAndTransferMatchReferenceAndRoundTrip) {
+  // Published Oklab of linear sRGB red and of white.
+  const detail::Oklab red = detail::linearToOklab(1.0f, 0.0f, 0.0f);
+  EXPECT_NEAR(red.L, 0.62796f, 1e-4f);
+  EXPECT_NEAR(red.a, 0.22486f, 1e-4f);
+  EXPECT_NEAR(red.b, 0.12585f, 1e-4f);
+  const detail::Oklab white = detail::linearToOklab(1.0f, 1.0f, 1.0f);
+  EXPECT_NEAR(white.L, 1.0f, 1e-4f);
+  EXPECT_NEAR(detail::chroma(white), 0.0f, 1e-4f);
+  const detail::SrgbTransfer& transfer = detail::srgbTransfer();
+  for (float v = -0.5f; v < 3.0f; v += 0.0173f) {
+    if (v >= 0.0f && v <= 1.0f) {
+      EXPECT_NEAR(transfer.toLinear(v), detail::srgbToLinearExact(v), 1e-5f) << v;
+    }
+    EXPECT_NEAR(transfer.toEncoded(transfer.toLinear(v)), v, 2e-5f * std::max(1.0f, v)) << v;
+    float r = 0.0f, g = 0.0f, b = 0.0f;
+    detail::oklabToLinear(detail::linearToOklab(v, 0.5f * v, 0.2f), r, g, b);
+    EXPECT_NEAR(r, v, 1e-4f);
+    EXPECT_NEAR(g, 0.5f * v, 1e-4f);
+  }
+  // The vectorised pass agrees with the per-value one, NaN and over-range values included.
+  std::vector<float> values;
+  for (float v = -2.0f; v < 4.0f; v += 0.0037f) values.push_back(v);
+  values.insert(values.end(), {std::nanf(""), INFINITY, -INFINITY, 0.0f, 1.0f});
+  std::vector<float> decoded(values.size());
+  transfer.decode.apply(values.data(), decoded.data(), values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const float expected = transfer.toLinear(values[i]);
+    if (!std::isfinite(expected)) {
+      EXPECT_EQ(decoded[i], expected);
+      continue;
+    }
+    EXPECT_NEAR(decoded[i], expected, 1e-6f * std::max(1.0f, std::fabs(expected))) << values[i];
+  }
+  for (float angle = -3.14f; angle < 3.14f; angle += 0.01f) {
+    EXPECT_NEAR(detail::fastAtan2(2.0f * std::sin(angle), 2.0f * std::cos(angle)), angle, 3e-4f);
+  }
+}
+
+TEST(ColorEffectTest, SaturationRemovesAndGreysStayNeutral) {
+  auto colours = test::makeTestImage(24, 8);
+  for (const char* id : {"VORNSaturationEffect", "VORNRamixSaturationEffect"}) {
+    auto grey = renderWith(id, {-100}, colours);
+    for (int x = 0; x < grey->width; ++x) EXPECT_LT(spread(grey->at(x, 3)), 2e-4f) << id << x;
+  }
+  struct Case {
+    const char* id;
+    std::initializer_list<float> values;
+  };
+  const Case cases[] = {{"VORNSaturationEffect", {80}},
+                        {"VORNVibranceEffect", {100}},
+                        {"VORNVibranceEffect", {-100}},
+                        {"VORNRamixSaturationEffect", {80}},
+                        {"VORNRamixVibranceEffect", {100}},
+                        {"VORNPolarizeEffect", {100}},
+                        {"VORNFoliageEnhanceEffect", {100}},
+                        {"VORNHueShiftEffect", {90}},
+                        {"VORNColorContrastEffect", {100}},
+                        {"VORNBrillianceWarmthEffect", {100}},
+                        {"VORNContrastColorRangeEffect", {100, 0, 100}},
+                        {"VORNBWChannelsEffect", {100, 100, -100, 50, 0, 0, 0}}};
+  auto neutral = greys();
+  for (const Case& c : cases) {
+    auto out = renderWith(c.id, c.values, neutral);
+    for (int x = 0; x < out->width; ++x) EXPECT_LT(spread(out->at(x, 0)), 3e-4f) << c.id << x;
+  }
+}
+
+TEST(ColorEffectTest, VibranceFavoursMutedColoursOverStrongOnes) {
+  auto source = rowOf({PixelRGB<float>(0.5f, 0.45f, 0.4f), PixelRGB<float>(0.9f, 0.1f, 0.1f)});
+  auto out = renderWith("VORNVibranceEffect", {100}, source);
+  const float mutedGain = spread(out->at(0, 0)) / spread(source->at(0, 0));
+  const float strongGain = spread(out->at(1, 0)) / spread(source->at(1, 0));
+  EXPECT_GT(mutedGain, 1.3f);
+  EXPECT_LT(strongGain, 1.05f);
+}
+
+TEST(ColorEffectTest, WhiteBalanceAdaptsGreysByTemperatureAndTint) {
+  auto neutral = greys();
+  auto same = renderWith("VORNWhiteBalanceEffect", {0, 0}, neutral);
+  EXPECT_EQ(test::maxDifference(*same, *neutral), 0.0f);
+  auto warm = renderWith("VORNWhiteBalanceEffect", {60, 0}, neutral);
+  auto cool = renderWith("VORNWhiteBalanceEffect", {-60, 0}, neutral);
+  auto magenta = renderWith("VORNWhiteBalanceEffect", {0, 60}, neutral);
+  for (int x = 1; x < 4; ++x) {
+    const PixelRGB<float>& w = warm->at(x, 0);
+    EXPECT_GT(w.r / w.b, 1.05f) << x;
+    EXPECT_LT(cool->at(x, 0).r / cool->at(x, 0).b, 0.95f) << x;
+    const PixelRGB<float>& m = magenta->at(x, 0);
+    EXPECT_GT(0.5f * (m.r + m.b), 1.02f * m.g) << x;
+    // An adaptation keeps the white's luminance, so greys keep theirs.
+    EXPECT_NEAR(linearLuminance(w), linearLuminance(neutral->at(x, 0)), 0.02f) << x;
+  }
+}
+
+TEST(ColorEffectTest, RemoveColorCastNeutralisesGreyWorldIgnoringClippedPixels) {
+  // Grey patches under a warm light, plus blown highlights that must not steer the estimate.
+  std::vector<PixelRGB<float>> pixels;
+  for (int i = 0; i < 64; ++i) {
+    const float v = 0.05f + 0.4f * static_cast<float>(i % 8) / 7.0f;
+    const auto encode = detail::linearToSrgbExact;
+    pixels.emplace_back(encode(1.3f * v), encode(v), encode(0.6f * v));
+  }
+  for (int i = 0; i < 32; ++i) pixels.emplace_back(1.0f, 1.0f, 0.3f);
+  auto out = renderWith("VORNRemoveColorCastEffect", {100}, rowOf(pixels));
+  for (int x = 0; x < 64; ++x) EXPECT_LT(spread(out->at(x, 0)), 0.01f) << x;
+}
+
+TEST(ColorEffectTest, HueKeyedEffectsActOnTheirHuesOnly) {
+  const PixelRGB<float> red(0.8f, 0.15f, 0.1f), green(0.2f, 0.6f, 0.15f), sky(0.35f, 0.6f, 0.9f);
+  auto source = rowOf({red, green, sky});
+  auto bw = renderWith("VORNBWChannelsEffect", {100, 100, 0, 0, 0, 0, 0}, source);
+  auto flat = renderWith("VORNBWChannelsEffect", {100, 0, 0, 0, 0, 0, 0}, source);
+  EXPECT_LT(spread(bw->at(0, 0)), 2e-4f);
+  EXPECT_GT(bw->at(0, 0).g, flat->at(0, 0).g + 0.05f);
+  EXPECT_NEAR(bw->at(1, 0).g, flat->at(1, 0).g, 1e-3f);
+
+  auto polarized = renderWith("VORNPolarizeEffect", {100}, source);
+  EXPECT_LT(linearLuminance(polarized->at(2, 0)), 0.9f * linearLuminance(sky));
+  EXPECT_NEAR(linearLuminance(polarized->at(0, 0)), linearLuminance(red), 0.02f);
+
+  auto foliage = renderWith("VORNFoliageEnhanceEffect", {100}, source);
+  EXPECT_GT(spread(foliage->at(1, 0)), 1.15f * spread(green));
+  EXPECT_LT(test::maxDifference(*foliage, *source, {0, 0, 1, 1}), 1e-3f);
+
+  // Muted colours, so that the rotation stays inside the gamut and can be undone.
+  auto muted = rowOf({PixelRGB<float>(0.6f, 0.45f, 0.4f), PixelRGB<float>(0.45f, 0.5f, 0.6f)});
+  auto there = renderWith("VORNHueShiftEffect", {40}, muted);
+  auto back = renderWith("VORNHueShiftEffect", {-40}, there);
+  EXPECT_GT(test::maxDifference(*there, *muted), 0.05f);
+  EXPECT_LT(test::maxDifference(*back, *muted), 1e-3f);
+}
+
+TEST(ColorEffectTest, TonalEffectsTintTheirRangeAndKeepBlackAndWhite) {
+  auto source = rowOf({PixelRGB<float>(0.0f), PixelRGB<float>(0.15f), PixelRGB<float>(0.85f),
+                       PixelRGB<float>(1.0f)});
+  auto split = renderWith("VORNSplitToningEffect", {45, 100, 220, 100, 0}, source);
+  EXPECT_GT(split->at(2, 0).r, split->at(2, 0).b + 0.03f);
+  EXPECT_GT(split->at(1, 0).b, split->at(1, 0).r + 0.02f);
+  auto balance = renderWith("VORNColorBalanceEffect", {0, 0, 0, 0, 0, 100}, source);
+  EXPECT_GT(balance->at(1, 0).b, balance->at(1, 0).r + 0.03f);
+  auto cross = renderWith("VORNCrossProcessingEffect", {100}, source);
+  EXPECT_GT(cross->at(1, 0).b, cross->at(1, 0).r);
+  EXPECT_GT(cross->at(2, 0).r, cross->at(2, 0).b);
+  EXPECT_LT(test::maxDifference(*split, *source, {0, 0, 1, 1}), 1e-3f);
+  EXPECT_LT(test::maxDifference(*split, *source, {3, 0, 1, 1}), 1e-3f);
+  // Lift moves black by design but leaves white where it is.
+  EXPECT_LT(test::maxDifference(*balance, *source, {3, 0, 1, 1}), 1e-3f);
+}
+
+TEST(ColorEffectTest, FiltersAndMixersFollowTheirDefinitions) {
+  auto source = test::makeTestImage(16, 4);
+  auto swapped = renderWith("VORNChannelMixerEffect", {0, 0, 100, 0, 100, 0, 100, 0, 0}, source);
+  for (int x = 0; x < 16; ++x) {
+    EXPECT_NEAR(swapped->at(x, 2).r, source->at(x, 2).b, 1e-4f);
+    EXPECT_NEAR(swapped->at(x, 2).b, source->at(x, 2).r, 1e-4f);
+  }
+  auto filtered = renderWith("VORNPhotoFilterEffect", {100, 30, 1}, source);
+  auto dimmed = renderWith("VORNPhotoFilterEffect", {100, 30, 0}, source);
+  // Blue glass over the top, orange over the bottom; a grey keeps its luminance under both.
+  auto grey = std::make_shared<ImageRGBf>(_Size<int>(8, 32), PixelRGB<float>(0.5f));
+  auto bicolor = renderWith("VORNBiColorEffect", {100, 210, 30, 0, 20}, grey);
+  EXPECT_GT(bicolor->at(4, 1).b, bicolor->at(4, 1).r + 0.05f);
+  EXPECT_GT(bicolor->at(4, 30).r, bicolor->at(4, 30).b + 0.05f);
+  EXPECT_NEAR(linearLuminance(bicolor->at(4, 1)), linearLuminance(grey->at(4, 1)), 2e-3f);
+  for (int x = 0; x < 16; ++x) {
+    EXPECT_NEAR(linearLuminance(filtered->at(x, 1)), linearLuminance(source->at(x, 1)), 1e-3f);
+    EXPECT_GT(filtered->at(x, 1).r - filtered->at(x, 1).b, source->at(x, 1).r - source->at(x, 1).b);
+    EXPECT_LT(linearLuminance(dimmed->at(x, 1)), linearLuminance(source->at(x, 1)));
+  }
+}
+
+TEST(ColorEffectTest, WarmingEffectsRaiseRedOverBlueOfAGrey) {
+  // The adaptation from D65's own white is the identity.
+  const detail::Matrix3 none = detail::adaptationToD65(detail::shiftedWhite(0.0f, 0.0f));
+  for (std::size_t i = 0; i < 9; ++i) EXPECT_NEAR(none.m[i], i % 4 == 0 ? 1.0f : 0.0f, 1e-4f);
+  const auto grey = rowOf({PixelRGB<float>(0.45f)});
+  for (const auto& [id, values] : std::vector<std::pair<std::string, std::vector<float>>>{
+           {"VORNWarmSkylightEffect", {100, 0}},
+           {"VORNBrillianceWarmthEffect", {0, 100}},
+           {"VORNSplitWarmthEffect", {100, 100}}}) {
+    auto effect = test::makeEffect(id, {});
+    for (std::size_t i = 0; i < values.size(); ++i) effect->parameters().at(i).setValue(values[i]);
+    auto out = test::renderOrFail(*effect, grey);
+    EXPECT_GT(out->at(0, 0).r, out->at(0, 0).b + 0.02f) << id;
+  }
+}
+
+TEST(ColorEffectTest, ChannelToolsMoveTheChannelsTheyName) {
+  auto source = rowOf({PixelRGB<float>(0.3f, 0.5f, 0.7f), PixelRGB<float>(0.8f, 0.2f, 0.4f)});
+  auto stop = renderWith("VORNChannelsEffect", {100, 0, 0}, source);
+  for (int x = 0; x < 2; ++x) {
+    const detail::SrgbTransfer& transfer = detail::srgbTransfer();
+    EXPECT_NEAR(transfer.toLinear(stop->at(x, 0).r), 2.0f * transfer.toLinear(source->at(x, 0).r),
+                1e-4f);
+    EXPECT_NEAR(stop->at(x, 0).g, source->at(x, 0).g, 1e-5f);
+  }
+  // A full tint gives every coloured pixel the tint's hue (muted ones, so it stays in gamut).
+  auto muted = rowOf({PixelRGB<float>(0.6f, 0.4f, 0.5f), PixelRGB<float>(0.4f, 0.5f, 0.45f)});
+  auto tinted = renderWith("VORNColorsTintEffect", {100, 200}, muted);
+  const detail::HueDirection tint = detail::wheelHue(200.0f);
+  for (int x = 0; x < 2; ++x) {
+    const PixelRGB<float>& p = tinted->at(x, 0);
+    const detail::Oklab lab =
+        detail::linearToOklab(detail::srgbToLinearExact(p.r), detail::srgbToLinearExact(p.g),
+                              detail::srgbToLinearExact(p.b));
+    EXPECT_GT((lab.a * tint.cosine + lab.b * tint.sine) / detail::chroma(lab), 0.999f) << x;
+  }
+  // Bleach bypass: more contrast, a dark colour's channel ratios kept; its saturation slider
+  // takes the colour out.
+  auto ramp =
+      rowOf({PixelRGB<float>(0.25f), PixelRGB<float>(0.75f), PixelRGB<float>(0.4f, 0.2f, 0.1f)});
+  auto bleached = renderWith("VORNComplexBleachEffect", {100, 0}, ramp);
+  EXPECT_LT(bleached->at(0, 0).g, 0.2f);
+  EXPECT_GT(bleached->at(1, 0).g, 0.8f);
+  EXPECT_NEAR(bleached->at(2, 0).r / bleached->at(2, 0).g, 2.0f, 1e-3f);
+  auto grey = renderWith("VORNComplexBleachEffect", {100, -100}, ramp);
+  EXPECT_LT(spread(grey->at(2, 0)), 1e-5f);
+}
+
+TEST(ColorEffectTest, ContrastColorRangeLeavesOtherHuesAlone) {
+  auto source = rowOf({PixelRGB<float>(0.85f, 0.55f, 0.3f), PixelRGB<float>(0.3f, 0.45f, 0.8f)});
+  auto out = renderWith("VORNContrastColorRangeEffect", {100, 30, 20}, source);
+  EXPECT_GT(test::maxDifference(*out, *source, {0, 0, 1, 1}), 0.01f);
+  EXPECT_LT(test::maxDifference(*out, *source, {1, 0, 1, 1}), 1e-4f);
+}
+
+}  // namespace
+}  // namespace vorn
