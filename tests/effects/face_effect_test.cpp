@@ -67,6 +67,17 @@ double meanLuma(const ImageRGBf& image, _Rect<int> rect) {
   return sum / (rect.width * rect.height);
 }
 
+double meanDifferenceIn(const ImageRGBf& a, const ImageRGBf& b, _Rect<int> rect) {
+  double sum = 0.0;
+  for (int y = rect.y; y < rect.y + rect.height; ++y)
+    for (int x = rect.x; x < rect.x + rect.width; ++x) {
+      const PixelRGB<float>& p = a.at(x, y);
+      const PixelRGB<float>& q = b.at(x, y);
+      sum += std::fabs(p.r - q.r) + std::fabs(p.g - q.g) + std::fabs(p.b - q.b);
+    }
+  return sum / (3.0 * rect.width * rect.height);
+}
+
 /// Sets (or with nullopt, unsets) an environment variable for the scope.
 class ScopedEnvironment {
  public:
@@ -229,6 +240,30 @@ TEST_F(FaceEffects, RegionThroughTheFaceEqualsTheWholeRender) {
   EXPECT_GT(test::maxDifference(*whole, *photo_, region), 0.01f) << "the region was retouched";
 }
 
+// The conformance suite's scene has no face, so the half-size check runs here: a preview of the
+// portrait at half size looks like the full render shrunk.
+TEST_F(FaceEffects, HalfSizeRenderLooksLikeTheFullRenderShrunk) {
+  auto effect = test::makeEffect("VORNFaceEffect", {60, 100, 80});
+  const auto small = photo_->resize(_Size<int>(photo_->width / 2, photo_->height / 2));
+  ASSERT_TRUE(small);
+  const auto renderAs = [&](const std::shared_ptr<const ImageRGBf>& image) {
+    auto context = std::make_shared<EffectContext>();
+    context->imageSize = image->size();
+    effect->setContext(context);
+    return test::render(*effect, image);
+  };
+  const auto full = renderAs(photo_);
+  const auto half = renderAs(small);
+  ASSERT_TRUE(full && half);
+  const auto shrunk = full->resize(small->size());
+  ASSERT_TRUE(shrunk);
+  const _Rect<int> face(kFaceArea.x / 2, kFaceArea.y / 2, kFaceArea.width / 2,
+                        kFaceArea.height / 2);
+  const double change = meanDifferenceIn(*half, *small, face);
+  EXPECT_GT(change, 0.01) << "the face was retouched";
+  EXPECT_LT(meanDifferenceIn(*shrunk, *half, face), 0.3 * change);
+}
+
 TEST_F(FaceEffects, NoFaceNoChange) {
   const ImageResult landscape =
       ImageReader::readNonRaw(VORN_SOURCE_DIR "/tests/data/coldripple_olympus_em1.jpg");
@@ -283,10 +318,15 @@ TEST_F(FaceEffects, HostFacesReplaceDetection) {
   ASSERT_TRUE(output);
   EXPECT_GT(meanLuma(*output, box), meanLuma(*scene, box) + 0.01);
   EXPECT_EQ(test::maxDifference(*output, *scene, _Rect<int>(0, 0, 200, 320)), 0.0f);
-  retouch->setKnownFaces({});
+  retouch->forgetKnownFaces();
   const auto detected = test::render(*effect, scene);
   ASSERT_TRUE(detected);
   EXPECT_EQ(test::maxDifference(*detected, *scene), 0.0f) << "the scene has no face of its own";
+  // The host saying "no faces" wins over a face the picture has.
+  retouch->setKnownFaces({});
+  const auto told = test::render(*effect, photo_);
+  ASSERT_TRUE(told);
+  EXPECT_EQ(test::maxDifference(*told, *photo_), 0.0f);
 }
 
 }  // namespace

@@ -29,8 +29,16 @@ class FaceRetouchEffect : public StencilEffect {
 
   bool needFaces() override { return true; }
   /// Faces the host already knows, in pixels of the whole image at the render scale (the frame
-  /// of EffectContext::imageSize and origin); an empty list returns to detection.
-  void setKnownFaces(std::vector<_Rect<int>> faces) { knownFaces_ = std::move(faces); }
+  /// of EffectContext::imageSize and origin); an empty list means the picture has none.
+  void setKnownFaces(std::vector<_Rect<int>> faces) {
+    knownFaces_ = std::move(faces);
+    hasKnownFaces_ = true;
+  }
+  /// Back to finding the faces in each render's picture.
+  void forgetKnownFaces() {
+    knownFaces_.clear();
+    hasKnownFaces_ = false;
+  }
 
  protected:
   int reach(float spatialScale) const override;
@@ -40,6 +48,7 @@ class FaceRetouchEffect : public StencilEffect {
 
  private:
   std::vector<_Rect<int>> knownFaces_;
+  bool hasKnownFaces_ = false;
 };
 
 }  // namespace detail

@@ -52,7 +52,7 @@ class AdjustmentLayer : public BaseLayer {
   /// The image layer this one adjusts; held weakly, so that an image layer may own its
   /// lens-correction layer without a cycle.
   std::shared_ptr<ImageLayer> getBaseImageLayer() const { return baseImageLayer_.lock(); }
-  void setBaseImageLayer(std::shared_ptr<ImageLayer> layer) { baseImageLayer_ = layer; }
+  void setBaseImageLayer(std::shared_ptr<ImageLayer> layer);
   /// Whether the first effect is the lens correction.
   bool isLensCorrectionLayer() const;
 

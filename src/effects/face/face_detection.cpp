@@ -237,9 +237,45 @@ std::vector<DetectedFace> detectFaces(const ImageRGBf& picture, _Rect<int> rect,
   return faces;
 }
 
+namespace {
+
+struct FrameFaces {
+  std::weak_ptr<const ImageRGBf> frame;
+  std::vector<_Rect<int>> faces;
+};
+
+std::deque<FrameFaces>& frameFaces() {
+  static std::deque<FrameFaces> entries;
+  return entries;
+}
+
+}  // namespace
+
+std::vector<_Rect<int>> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame) {
+  if (!frame || frame->empty()) return {};
+  {
+    // A weak pointer that still locks to this frame is this frame: a freed one never matches.
+    const std::lock_guard<std::mutex> lock(rememberedMutex());
+    for (const FrameFaces& entry : frameFaces())
+      if (entry.frame.lock() == frame) return entry.faces;
+  }
+  std::vector<_Rect<int>> boxes;
+  for (const DetectedFace& face : detectFaces(*frame, frame->rect(), RenderControl(nullptr))) {
+    boxes.emplace_back(static_cast<int>(std::lround(face.box.x)),
+                       static_cast<int>(std::lround(face.box.y)),
+                       static_cast<int>(std::lround(face.box.width)),
+                       static_cast<int>(std::lround(face.box.height)));
+  }
+  const std::lock_guard<std::mutex> lock(rememberedMutex());
+  frameFaces().push_front({frame, boxes});
+  if (frameFaces().size() > kRememberedPictures) frameFaces().pop_back();
+  return boxes;
+}
+
 void clearDetectedFaces() {
   const std::lock_guard<std::mutex> lock(rememberedMutex());
   remembered().clear();
+  frameFaces().clear();
 }
 
 }  // namespace vorn::detail

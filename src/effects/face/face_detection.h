@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,10 @@ std::string cascadeDirectory();
 /// one log line per missing file) when the frontal-face cascade cannot be loaded.
 std::vector<DetectedFace> detectFaces(const ImageRGBf& picture, _Rect<int> rect,
                                       const RenderControl& control);
+
+/// The face boxes of a whole frame in its pixels, remembered for the frame object (an editor's
+/// source photo) so that each later call costs nothing.
+std::vector<_Rect<int>> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame);
 
 /// Forgets the faces remembered for recently seen pictures.
 void clearDetectedFaces();

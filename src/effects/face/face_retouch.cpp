@@ -67,10 +67,10 @@ struct FaceDelta {
 /// The faces of the render in source pixels: the host's, else those found on the statistics
 /// picture (the whole picture when the call has a reference, so that every region agrees).
 std::vector<FaceShape> facesInSource(const StencilWindow& window,
-                                     const std::vector<_Rect<int>>& knownFaces) {
+                                     const std::vector<_Rect<int>>* knownFaces) {
   std::vector<FaceShape> faces;
-  if (!knownFaces.empty()) {
-    for (const _Rect<int>& box : knownFaces) {
+  if (knownFaces) {
+    for (const _Rect<int>& box : *knownFaces) {
       faces.push_back(
           faceShape(_Rect<float>(static_cast<float>(box.x + window.frame.x),
                                  static_cast<float>(box.y + window.frame.y),
@@ -202,7 +202,7 @@ int FaceRetouchEffect::reach(float spatialScale) const {
 
 void FaceRetouchEffect::render(const Window& window) const {
   const Retouch settings = retouch();
-  std::vector<FaceShape> faces = facesInSource(window, knownFaces_);
+  std::vector<FaceShape> faces = facesInSource(window, hasKnownFaces_ ? &knownFaces_ : nullptr);
   if (settings.faceIndex >= 0) {
     const auto index = static_cast<std::size_t>(settings.faceIndex);
     faces = index < faces.size() ? std::vector<FaceShape>{faces[index]} : std::vector<FaceShape>{};

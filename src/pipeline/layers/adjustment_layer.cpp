@@ -5,6 +5,8 @@
 #include <string>
 
 #include "core/log_failure.h"
+#include "effects/face/face_detection.h"
+#include "vorn/effects/face_effects.h"
 #include "vorn/effects/lens_effects.h"
 #include "vorn/pipeline/image_layer.h"
 
@@ -42,6 +44,33 @@ AdjustmentLayer::~AdjustmentLayer() = default;
 
 void AdjustmentLayer::adopt(Effect& effect) const {
   if (context_) effect.setContext(context_);
+  auto* face = dynamic_cast<detail::FaceRetouchEffect*>(&effect);
+  if (!face) return;
+  // Faces are found once on the photo under the layer, so that every region and preview size of
+  // the document retouches the same faces; without that photo each render finds its own.
+  const std::shared_ptr<ImageLayer> base = baseImageLayer_.lock();
+  const ImageLayer::Frame working = context_ && base ? base->getWorkingImage() : nullptr;
+  if (!working || working->empty() || context_->imageSize.width <= 0 ||
+      context_->imageSize.height <= 0) {
+    face->forgetKnownFaces();
+    return;
+  }
+  const double sx = static_cast<double>(context_->imageSize.width) / working->width;
+  const double sy = static_cast<double>(context_->imageSize.height) / working->height;
+  std::vector<_Rect<int>> faces;
+  for (const _Rect<int>& box : detail::facesOfFrame(working)) {
+    faces.emplace_back(static_cast<int>(std::lround(box.x * sx)),
+                       static_cast<int>(std::lround(box.y * sy)),
+                       static_cast<int>(std::lround(box.width * sx)),
+                       static_cast<int>(std::lround(box.height * sy)));
+  }
+  face->setKnownFaces(std::move(faces));
+}
+
+void AdjustmentLayer::setBaseImageLayer(std::shared_ptr<ImageLayer> layer) {
+  baseImageLayer_ = layer;
+  // Face effects take their faces from this photo.
+  for (const std::shared_ptr<Effect>& effect : effects_) adopt(*effect);
 }
 
 void AdjustmentLayer::setTransform(const ImageTransformSettings& settings) {
