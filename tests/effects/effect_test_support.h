@@ -105,17 +105,18 @@ inline float maxDifference(const ImageRGBf& a, const ImageRGBf& b, _Rect<int> re
   return worst;
 }
 
-/// Mean absolute channel difference of two same-sized images.
-inline float meanDifference(const ImageRGBf& a, const ImageRGBf& b) {
+/// Mean absolute channel difference of two same-sized images, inside rect (all-zero: all).
+inline float meanDifference(const ImageRGBf& a, const ImageRGBf& b, _Rect<int> rect = {}) {
+  if (rect.isZero()) rect = a.rect();
   double sum = 0.0;
-  for (int y = 0; y < a.height; ++y) {
-    for (int x = 0; x < a.width; ++x) {
+  for (int y = rect.y; y < rect.y + rect.height; ++y) {
+    for (int x = rect.x; x < rect.x + rect.width; ++x) {
       const PixelRGB<float>& p = a.at(x, y);
       const PixelRGB<float>& q = b.at(x, y);
       sum += std::fabs(p.r - q.r) + std::fabs(p.g - q.g) + std::fabs(p.b - q.b);
     }
   }
-  return static_cast<float>(sum / (3.0 * static_cast<double>(a.area())));
+  return static_cast<float>(sum / (3.0 * static_cast<double>(rect.width) * rect.height));
 }
 
 /// Every parameter set to the value `at` of its range (0 = min, 1 = max).

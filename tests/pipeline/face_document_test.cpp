@@ -4,8 +4,11 @@
 
 #include <cmath>
 
-#include "pipeline/processor_test_support.h"
+#include "effects/effect_test_support.h"
 #include "vorn/io/image_reader.h"
+#include "vorn/pipeline/adjustment_layer.h"
+#include "vorn/pipeline/image_layer.h"
+#include "vorn/pipeline/image_processor.h"
 
 namespace vorn {
 namespace {
@@ -13,30 +16,6 @@ namespace {
 /// The portrait's face (brows to chin, ear to ear) and a part of it far from the face.
 constexpr _Rect<int> kFaceArea(108, 40, 66, 78);
 constexpr _Rect<int> kFarAway(0, 200, 60, 120);
-
-float largestDifference(const ImageDataRGBf& a, const ImageDataRGBf& b, _Rect<int> rect, int bx,
-                        int by) {
-  float worst = 0.0f;
-  for (int y = 0; y < rect.height; ++y)
-    for (int x = 0; x < rect.width; ++x) {
-      const PixelRGB<float>& p = a.at(rect.x + x, rect.y + y);
-      const PixelRGB<float>& q = b.at(bx + x, by + y);
-      for (const float d : {p.r - q.r, p.g - q.g, p.b - q.b})
-        worst = std::max(worst, std::isnan(d) ? INFINITY : std::fabs(d));
-    }
-  return worst;
-}
-
-double meanDifferenceIn(const ImageDataRGBf& a, const ImageDataRGBf& b, _Rect<int> rect) {
-  double sum = 0.0;
-  for (int y = rect.y; y < rect.y + rect.height; ++y)
-    for (int x = rect.x; x < rect.x + rect.width; ++x) {
-      const PixelRGB<float>& p = a.at(x, y);
-      const PixelRGB<float>& q = b.at(x, y);
-      sum += std::fabs(p.r - q.r) + std::fabs(p.g - q.g) + std::fabs(p.b - q.b);
-    }
-  return sum / (3.0 * rect.width * rect.height);
-}
 
 TEST(FaceDocument, RegionsAndPreviewsRetouchTheSameFace) {
   const ImageResult opened =
@@ -59,8 +38,8 @@ TEST(FaceDocument, RegionsAndPreviewsRetouchTheSameFace) {
   const auto full = processor.getLastResult();
   ASSERT_TRUE(full);
   ASSERT_EQ(full->size(), photo->size());
-  EXPECT_GT(largestDifference(*full, *photo, kFaceArea, kFaceArea.x, kFaceArea.y), 0.02f);
-  EXPECT_EQ(largestDifference(*full, *photo, kFarAway, kFarAway.x, kFarAway.y), 0.0f);
+  EXPECT_GT(test::maxDifference(*full, *photo, kFaceArea), 0.02f);
+  EXPECT_EQ(test::maxDifference(*full, *photo, kFarAway), 0.0f);
 
   ImageProcessorSettings region;
   const _Rect<int> cut(130, 60, 80, 70);
@@ -70,7 +49,7 @@ TEST(FaceDocument, RegionsAndPreviewsRetouchTheSameFace) {
   const auto part = processor.getLastResult();
   ASSERT_TRUE(part);
   ASSERT_EQ(part->size(), cut.size());
-  EXPECT_LE(largestDifference(*full, *part, cut, 0, 0), 1e-5f);
+  EXPECT_LE(test::maxDifference(*full, *part, cut, 0, 0), 1e-5f);
 
   ImageProcessorSettings preview;
   preview.processingSize = _Size<int>(160, 160);
@@ -81,8 +60,8 @@ TEST(FaceDocument, RegionsAndPreviewsRetouchTheSameFace) {
   ASSERT_TRUE(small && shrunk && original);
   const _Rect<int> face(kFaceArea.x / 2, kFaceArea.y / 2, kFaceArea.width / 2,
                         kFaceArea.height / 2);
-  EXPECT_LT(meanDifferenceIn(*small, *shrunk, face),
-            0.3 * meanDifferenceIn(*small, *original, face));
+  EXPECT_LT(test::meanDifference(*small, *shrunk, face),
+            0.3f * test::meanDifference(*small, *original, face));
 }
 
 }  // namespace
