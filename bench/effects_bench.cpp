@@ -74,7 +74,7 @@ void runEffect(benchmark::State& state, Pool pool, const std::string& id,
   for (std::size_t i = 0; i < values.size(); ++i) effect->parameters()[i].setValue(values[i]);
   if (id == "VORNLUTMappingEffect") effect->parameters()[0].setOptionalData(benchCubeFile());
   if (auto* face = dynamic_cast<detail::FaceRetouchEffect*>(effect.get()))
-    face->setKnownFaces({kBenchFace});
+    face->setKnownFaces({{kBenchFace, {}}});
   std::shared_ptr<RGBf> warmDestination;
   timeAgainstFloor(
       state, pool, "copy", [pool] { return copyFloor(pool); },

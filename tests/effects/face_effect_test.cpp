@@ -181,7 +181,7 @@ TEST_F(FaceEffects, SmoothingSparesWhatIsNotSkin) {
   auto effect = test::makeEffect("VORNFaceSkinSoftenerEffect", {100}, 1.0f);
   auto* retouch = dynamic_cast<detail::FaceRetouchEffect*>(effect.get());
   ASSERT_TRUE(retouch);
-  retouch->setKnownFaces({_Rect<int>(40, 30, 120, 120)});
+  retouch->setKnownFaces({{_Rect<int>(40, 30, 120, 120), {}}});
   const auto output = test::render(*effect, patch);
   ASSERT_TRUE(output);
   const _Rect<int> skinSide(70, 80, 20, 20);
@@ -302,7 +302,7 @@ TEST_F(FaceEffects, HostFacesReplaceDetection) {
   auto* retouch = dynamic_cast<detail::FaceRetouchEffect*>(effect.get());
   ASSERT_TRUE(retouch);
   const _Rect<int> box(300, 100, 80, 90);
-  retouch->setKnownFaces({box});
+  retouch->setKnownFaces({{box, {}}});
   const auto output = test::render(*effect, scene);
   ASSERT_TRUE(output);
   EXPECT_GT(meanLuma(*output, box), meanLuma(*scene, box) + 0.01);
@@ -311,6 +311,17 @@ TEST_F(FaceEffects, HostFacesReplaceDetection) {
   const auto detected = test::render(*effect, scene);
   ASSERT_TRUE(detected);
   EXPECT_EQ(test::maxDifference(*detected, *scene), 0.0f) << "the scene has no face of its own";
+  // Eyes the host gives are where the eye retouch goes, not where a face box puts them.
+  auto eyes = test::makeEffect("VORNFaceEffect", {0, 0, 100});
+  auto* eyeRetouch = dynamic_cast<detail::FaceRetouchEffect*>(eyes.get());
+  ASSERT_TRUE(eyeRetouch);
+  const _Rect<int> leftEye(310, 160, 16, 16);
+  eyeRetouch->setKnownFaces({{box, {leftEye, _Rect<int>(350, 160, 16, 16)}}});
+  const auto lookedAt = test::render(*eyes, scene);
+  ASSERT_TRUE(lookedAt);
+  EXPECT_GT(test::maxDifference(*lookedAt, *scene, leftEye), 0.005f);
+  const _Rect<int> boxEye(box.x + 20, box.y + 32, 8, 8);  // 0.3 w, 0.4 h: the default place
+  EXPECT_EQ(test::maxDifference(*lookedAt, *scene, boxEye), 0.0f);
   // The host saying "no faces" wins over a face the picture has.
   retouch->setKnownFaces({});
   const auto told = test::render(*effect, photo_);

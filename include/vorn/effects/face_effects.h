@@ -28,9 +28,14 @@ class FaceRetouchEffect : public StencilEffect {
   };
 
   bool needFaces() override { return true; }
-  /// Faces the host already knows, in pixels of the whole image at the render scale (the frame
-  /// of EffectContext::imageSize and origin); an empty list means the picture has none.
-  void setKnownFaces(std::vector<_Rect<int>> faces) {
+  /// A face the host already knows, in pixels of the whole image at the render scale (the frame
+  /// of EffectContext::imageSize and origin); eyes holds none or two boxes, left first.
+  struct KnownFace {
+    _Rect<int> box;
+    std::vector<_Rect<int>> eyes;
+  };
+  /// Uses these faces instead of finding them; an empty list means the picture has none.
+  void setKnownFaces(std::vector<KnownFace> faces) {
     knownFaces_ = std::move(faces);
     hasKnownFaces_ = true;
   }
@@ -47,7 +52,7 @@ class FaceRetouchEffect : public StencilEffect {
   virtual Retouch retouch() const = 0;
 
  private:
-  std::vector<_Rect<int>> knownFaces_;
+  std::vector<KnownFace> knownFaces_;
   bool hasKnownFaces_ = false;
 };
 

@@ -241,7 +241,7 @@ namespace {
 
 struct FrameFaces {
   std::weak_ptr<const ImageRGBf> frame;
-  std::vector<_Rect<int>> faces;
+  std::vector<DetectedFace> faces;
 };
 
 std::deque<FrameFaces>& frameFaces() {
@@ -251,7 +251,7 @@ std::deque<FrameFaces>& frameFaces() {
 
 }  // namespace
 
-std::vector<_Rect<int>> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame) {
+std::vector<DetectedFace> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame) {
   if (!frame || frame->empty()) return {};
   {
     // A weak pointer that still locks to this frame is this frame: a freed one never matches.
@@ -259,17 +259,11 @@ std::vector<_Rect<int>> facesOfFrame(const std::shared_ptr<const ImageRGBf>& fra
     for (const FrameFaces& entry : frameFaces())
       if (entry.frame.lock() == frame) return entry.faces;
   }
-  std::vector<_Rect<int>> boxes;
-  for (const DetectedFace& face : detectFaces(*frame, frame->rect(), RenderControl(nullptr))) {
-    boxes.emplace_back(static_cast<int>(std::lround(face.box.x)),
-                       static_cast<int>(std::lround(face.box.y)),
-                       static_cast<int>(std::lround(face.box.width)),
-                       static_cast<int>(std::lround(face.box.height)));
-  }
+  std::vector<DetectedFace> faces = detectFaces(*frame, frame->rect(), RenderControl(nullptr));
   const std::lock_guard<std::mutex> lock(rememberedMutex());
-  frameFaces().push_front({frame, boxes});
+  frameFaces().push_front({frame, faces});
   if (frameFaces().size() > kRememberedPictures) frameFaces().pop_back();
-  return boxes;
+  return faces;
 }
 
 void clearDetectedFaces() {

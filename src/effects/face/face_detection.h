@@ -27,9 +27,9 @@ std::string cascadeDirectory();
 std::vector<DetectedFace> detectFaces(const ImageRGBf& picture, _Rect<int> rect,
                                       const RenderControl& control);
 
-/// The face boxes of a whole frame in its pixels, remembered for the frame object (an editor's
+/// The faces of a whole frame in its pixels, remembered for the frame object (an editor's
 /// source photo) so that each later call costs nothing.
-std::vector<_Rect<int>> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame);
+std::vector<DetectedFace> facesOfFrame(const std::shared_ptr<const ImageRGBf>& frame);
 
 /// Forgets the faces remembered for recently seen pictures.
 void clearDetectedFaces();

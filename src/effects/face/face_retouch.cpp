@@ -67,15 +67,18 @@ struct FaceDelta {
 /// The faces of the render in source pixels: the host's, else those found on the statistics
 /// picture (the whole picture when the call has a reference, so that every region agrees).
 std::vector<FaceShape> facesInSource(const StencilWindow& window,
-                                     const std::vector<_Rect<int>>* knownFaces) {
+                                     const std::vector<FaceRetouchEffect::KnownFace>* knownFaces) {
   std::vector<FaceShape> faces;
   if (knownFaces) {
-    for (const _Rect<int>& box : *knownFaces) {
-      faces.push_back(
-          faceShape(_Rect<float>(static_cast<float>(box.x + window.frame.x),
-                                 static_cast<float>(box.y + window.frame.y),
-                                 static_cast<float>(box.width), static_cast<float>(box.height)),
-                    {}));
+    const auto place = [&](const _Rect<int>& box) {
+      return _Rect<float>(static_cast<float>(box.x + window.frame.x),
+                          static_cast<float>(box.y + window.frame.y), static_cast<float>(box.width),
+                          static_cast<float>(box.height));
+    };
+    for (const FaceRetouchEffect::KnownFace& face : *knownFaces) {
+      std::vector<_Rect<float>> eyes;
+      for (const _Rect<int>& eye : face.eyes) eyes.push_back(place(eye));
+      faces.push_back(faceShape(place(face.box), eyes));
     }
     std::sort(faces.begin(), faces.end(), [](const FaceShape& a, const FaceShape& b) {
       return std::tie(a.box.x, a.box.y) < std::tie(b.box.x, b.box.y);

@@ -57,12 +57,17 @@ void AdjustmentLayer::adopt(Effect& effect) const {
   }
   const double sx = static_cast<double>(context_->imageSize.width) / working->width;
   const double sy = static_cast<double>(context_->imageSize.height) / working->height;
-  std::vector<_Rect<int>> faces;
-  for (const _Rect<int>& box : detail::facesOfFrame(working)) {
-    faces.emplace_back(static_cast<int>(std::lround(box.x * sx)),
-                       static_cast<int>(std::lround(box.y * sy)),
-                       static_cast<int>(std::lround(box.width * sx)),
-                       static_cast<int>(std::lround(box.height * sy)));
+  const auto scaled = [sx, sy](const _Rect<float>& box) {
+    return _Rect<int>(static_cast<int>(std::lround(box.x * sx)),
+                      static_cast<int>(std::lround(box.y * sy)),
+                      static_cast<int>(std::lround(box.width * sx)),
+                      static_cast<int>(std::lround(box.height * sy)));
+  };
+  std::vector<detail::FaceRetouchEffect::KnownFace> faces;
+  for (const detail::DetectedFace& found : detail::facesOfFrame(working)) {
+    detail::FaceRetouchEffect::KnownFace& known = faces.emplace_back();
+    known.box = scaled(found.box);
+    for (const _Rect<float>& eye : found.eyes) known.eyes.push_back(scaled(eye));
   }
   face->setKnownFaces(std::move(faces));
 }
