@@ -165,9 +165,11 @@ std::string fieldName(const std::string& pointer) {
   std::size_t at = 1;
   while (at <= pointer.size() && !pointer.empty()) {
     const std::size_t next = std::min(pointer.find('/', at), pointer.size());
-    std::string step = pointer.substr(at, next - at);
-    for (std::size_t i = 0; (i = step.find('~', i)) != std::string::npos; ++i)
-      step.replace(i, 2, step.compare(i, 2, "~1") == 0 ? "/" : "~");
+    std::string step;
+    for (std::size_t i = at; i < next; ++i) {
+      const bool escape = pointer[i] == '~' && i + 1 < next;
+      step.push_back(escape ? (pointer[++i] == '1' ? '/' : '~') : pointer[i]);
+    }
     const bool index = !step.empty() && std::all_of(step.begin(), step.end(), [](char c) {
       return std::isdigit(static_cast<unsigned char>(c));
     });
