@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -100,6 +101,17 @@ std::string documentText(const PresetDocument& document);
 /// Writes through a temporary file and a rename, so a failure never leaves half a file; throws
 /// PresetError naming the path.
 void writeTextFileAtomically(const std::string& path, const std::string& text);
+
+class ImageProcessor;
+class AdjustmentLayer;
+
+/// Adds the preset's layers on top of the processor's stack (which must hold a photo), with
+/// their effects, blend settings and masks; mask blob files are found relative to `folder`.
+/// Throws PresetError, before the processor is changed, for a mask blob that is missing or
+/// corrupt; returns the layers made, bottom first.
+std::vector<std::shared_ptr<AdjustmentLayer>> addPresetLayers(ImageProcessor& processor,
+                                                              const Preset& preset,
+                                                              const std::string& folder);
 
 /// The blend mode names files use ("Normal", "Multiply", ...), in the order of BlendModeType.
 const std::vector<std::string>& presetBlendModeNames();
