@@ -80,12 +80,11 @@ class Reader {
     if (const json* crop = optional(top, "crop")) {
       const json& c = object(*crop, "/crop");
       allowOnly(c, "/crop", {"x", "y", "width", "height", "angle"});
-      const auto field = [&](const char* key, double low) {
-        return static_cast<float>(
-            number(member(c, "/crop", key), std::string("/crop/") + key, low, 1e6));
+      const auto field = [&](const char* key, int low) {
+        return whole(member(c, "/crop", key), std::string("/crop/") + key, low, 1 << 20);
       };
       document.crop =
-          _Rect<float>(field("x", 0), field("y", 0), field("width", 1e-3), field("height", 1e-3));
+          _Rect<int>(field("x", 0), field("y", 0), field("width", 1), field("height", 1));
       if (const json* angle = optional(c, "angle"))
         document.cropAngle = static_cast<float>(number(*angle, "/crop/angle", -45, 45));
     }

@@ -129,11 +129,11 @@ std::string documentText(const PresetDocument& document) {
   o["source"] = document.source;
   o["preset"] = presetJson(document.preset);
   if (document.crop) {
-    const _Rect<float>& c = *document.crop;
-    o["crop"] = {{"x", number(c.x)},
-                 {"y", number(c.y)},
-                 {"width", number(c.width)},
-                 {"height", number(c.height)},
+    const _Rect<int>& c = *document.crop;
+    o["crop"] = {{"x", c.x},
+                 {"y", c.y},
+                 {"width", c.width},
+                 {"height", c.height},
                  {"angle", number(document.cropAngle)}};
   }
   o["orientation"] = document.orientation;

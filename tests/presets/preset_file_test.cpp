@@ -67,7 +67,7 @@ TEST(PresetFile, PresetsAndDocumentsSurviveARoundTripExactly) {
   PresetDocument document;
   document.source = "photo.jpg";
   document.preset = preset;
-  document.crop = _Rect<float>(10.5f, 20.0f, 300.0f, 200.0f);
+  document.crop = _Rect<int>(10, 20, 300, 200);
   document.cropAngle = -3.5f;
   document.orientation = 6;
   EXPECT_EQ(parseDocument(documentText(document), "d.json"), document);

@@ -73,9 +73,9 @@ struct Preset {
 struct PresetDocument {
   std::string source;  ///< relative to the document's folder, or absolute
   Preset preset;
-  std::optional<_Rect<float>> crop;  ///< in source pixels before orientation
-  float cropAngle = 0.0f;            ///< degrees
-  int orientation = 1;               ///< the EXIF orientation code, 1...8
+  std::optional<_Rect<int>> crop;  ///< in pixels of the upright photo (after orientation)
+  float cropAngle = 0.0f;          ///< degrees, turning the crop about its centre
+  int orientation = 1;             ///< the EXIF orientation code, 1...8
   bool operator==(const PresetDocument&) const = default;
 };
 
