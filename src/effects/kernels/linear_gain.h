@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cmath>
+
+#include "vorn/core/pixel.h"
+
+// A gain on light applied to sRGB-encoded values: vignettes, lens shading and exposure-like
+// falloffs multiply linear light, not the encoded numbers the frame holds.
+namespace vorn::detail {
+
+/// A linear-light gain g prepared for encoded values: on the curve's power segment the
+/// encoded result is exactly root * (v + 0.055) - 0.055 with root = g^(1/2.4).
+struct EncodedGain {
+  float gain;
+  float root;
+  static EncodedGain of(float gain) { return {gain, std::pow(gain, 1.0f / 2.4f)}; }
+};
+
+/// The encoded value whose light is g times that of v (v on the sRGB curve, extended above 1
+/// by its power segment and below 0 by its linear one); g must be finite and positive.
+inline float encodedTimesGain(float v, const EncodedGain& g) {
+  constexpr float kKnee = 0.04045f;
+  constexpr float kLinearKnee = 0.0031308f;
+  if (v > kKnee) {
+    const float t = g.root * (v + 0.055f) - 0.055f;
+    if (t > kKnee) return t;
+    return 12.92f * g.gain * std::pow((v + 0.055f) / 1.055f, 2.4f);
+  }
+  const float light = g.gain * v / 12.92f;
+  if (light <= kLinearKnee) return v * g.gain;
+  return 1.055f * std::pow(light, 1.0f / 2.4f) - 0.055f;
+}
+
+/// encodedTimesGain on the three channels.
+inline PixelRGB<float> encodedTimesGain(const PixelRGB<float>& p, const EncodedGain& g) {
+  return PixelRGB<float>(encodedTimesGain(p.r, g), encodedTimesGain(p.g, g),
+                         encodedTimesGain(p.b, g));
+}
+
+}  // namespace vorn::detail
