@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "effects/kernels/mix.h"
 #include "vorn/core/geometry.h"
 #include "vorn/core/image_data.h"
@@ -24,12 +26,6 @@ struct BilinearTap {
     tx = x - static_cast<float>(x0);
     ty = y - static_cast<float>(y0);
   }
-  /// The tap's value of one channel (0 red, 1 green, 2 blue).
-  template <typename Image>
-  float channel(const Image& image, int c) const {
-    const auto at = [&](int px, int py) { return (&image.row(py)[px].r)[c]; };
-    return mix(mix(at(x0, y0), at(x1, y0), tx), mix(at(x0, y1), at(x1, y1), tx), ty);
-  }
   /// The tap's pixel.
   template <typename Image>
   PixelRGB<float> pixel(const Image& image) const {
@@ -43,6 +39,47 @@ struct BilinearTap {
   int y1;
   float tx;
   float ty;
+};
+
+/// Bilinear reads of single channels from one picture, clamped to bounds: the warps' inner loop,
+/// with the bounds and the row pitch worked out once.
+class ChannelSampler {
+ public:
+  template <typename Image>
+  ChannelSampler(const Image& image, _Rect<int> bounds)
+      : base_(&image.row(0)[0].r),
+        pitch_(3 * static_cast<std::ptrdiff_t>(image.width)),
+        left_(static_cast<float>(bounds.x)),
+        top_(static_cast<float>(bounds.y)),
+        right_(static_cast<float>(bounds.x + bounds.width - 1)),
+        bottom_(static_cast<float>(bounds.y + bounds.height - 1)) {}
+
+  /// Channel c (0 red, 1 green, 2 blue) at (x, y); a NaN coordinate lands on the low edge.
+  float at(float x, float y, int c) const {
+    x = x > left_ ? x : left_;
+    x = x < right_ ? x : right_;
+    y = y > top_ ? y : top_;
+    y = y < bottom_ ? y : bottom_;
+    const int ix = static_cast<int>(x);
+    const int iy = static_cast<int>(y);
+    const float tx = x - static_cast<float>(ix);
+    const float ty = y - static_cast<float>(iy);
+    const float* p = base_ + static_cast<std::ptrdiff_t>(iy) * pitch_ + 3 * ix + c;
+    // At the far edges the neighbour is the pixel itself (its weight is then 0 anyway).
+    const std::ptrdiff_t dx = static_cast<float>(ix) < right_ ? 3 : 0;
+    const std::ptrdiff_t dy = static_cast<float>(iy) < bottom_ ? pitch_ : 0;
+    const float a = p[0] + (p[dx] - p[0]) * tx;
+    const float b = p[dy] + (p[dy + dx] - p[dy]) * tx;
+    return a + (b - a) * ty;
+  }
+
+ private:
+  const float* base_;
+  std::ptrdiff_t pitch_;
+  float left_;
+  float top_;
+  float right_;
+  float bottom_;
 };
 
 }  // namespace vorn::detail

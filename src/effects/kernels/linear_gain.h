@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
 
 #include "vorn/core/pixel.h"
 
@@ -35,6 +38,39 @@ inline float encodedTimesGain(float v, const EncodedGain& g) {
 inline PixelRGB<float> encodedTimesGain(const PixelRGB<float>& p, const EncodedGain& g) {
   return PixelRGB<float>(encodedTimesGain(p.r, g), encodedTimesGain(p.g, g),
                          encodedTimesGain(p.b, g));
+}
+
+/// out[i] = in[i] with its light times gain[i] (root[i] = gain[i]^(1/2.4)); in may equal out.
+/// The power segment's affine form runs first, branch-free; the few values near black are
+/// redone exactly after. A gain of exactly 1 keeps the pixel bit for bit.
+inline void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const float* gain,
+                              const float* root, std::size_t count) {
+  constexpr float kKnee = 0.04045f;
+  thread_local std::vector<std::uint8_t> slow;
+  slow.resize(count);
+  std::uint8_t any = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const float* v = &in[i].r;
+    float* o = &out[i].r;
+    const bool unit = gain[i] == 1.0f;
+    std::uint8_t flags = 0;
+    for (int c = 0; c < 3; ++c) {
+      const float t = root[i] * (v[c] + 0.055f) - 0.055f;
+      const bool fast = unit || (v[c] > kKnee && t > kKnee);
+      flags = static_cast<std::uint8_t>(flags | (fast ? 0 : 1 << c));
+      o[c] = fast && !unit ? t : v[c];
+    }
+    slow[i] = flags;
+    any = static_cast<std::uint8_t>(any | flags);
+  }
+  if (any == 0) return;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (slow[i] == 0) continue;
+    float* o = &out[i].r;
+    const EncodedGain g{gain[i], root[i]};
+    for (int c = 0; c < 3; ++c)
+      if (slow[i] & (1 << c)) o[c] = encodedTimesGain(o[c], g);
+  }
 }
 
 }  // namespace vorn::detail

@@ -132,11 +132,13 @@ void LensCorrectionEffect::render(const Window& window) const {
   // The encoded-value gain needs g^(1/2.4): tabulated once over the gains a lens can ask for.
   const detail::SampledCurve root(0.25f, 8.0f, 4096,
                                   [](float g) { return std::pow(g, 1.0f / 2.4f); });
-  const float fx = static_cast<float>(window.frame.x);
-  const float fy = static_cast<float>(window.frame.y);
+  const detail::ChannelSampler sampler(window.source, window.input);
+  const auto fx = static_cast<float>(window.frame.x);
+  const auto fy = static_cast<float>(window.frame.y);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
     thread_local std::vector<float> values;
+    thread_local std::vector<float> roots;
     values.resize(6 * count);
     const int n = static_cast<int>(count);
     const int frameX = x0 - window.frame.x;
@@ -146,22 +148,24 @@ void LensCorrectionEffect::render(const Window& window) const {
         const WarpedPixel warped(values.data() + 6 * i,
                                  static_cast<float>(frameX + static_cast<int>(i)),
                                  static_cast<float>(frameY), amounts);
-        float* channels = &out[i].r;
-        for (int c = 0; c < 3; ++c)
-          channels[c] = detail::BilinearTap(window.input, warped.x[c] + fx, warped.y[c] + fy)
-                            .channel(window.source, c);
+        out[i] = PixelRGB<float>(sampler.at(warped.x[0] + fx, warped.y[0] + fy, 0),
+                                 sampler.at(warped.x[1] + fx, warped.y[1] + fy, 1),
+                                 sampler.at(warped.x[2] + fx, warped.y[2] + fy, 2));
       }
     } else {
       std::copy(in, in + count, out);
     }
     if (shade && modifier.shadingGains(frameX, frameY, n, values.data())) {
+      roots.resize(count);
       for (std::size_t i = 0; i < count; ++i) {
         // Clamped to the table's span; a sane profile never leaves it.
         float gain = 1.0f + amounts.vignetting * (values[i] - 1.0f);
         gain = gain > 0.25f ? gain : 0.25f;
         gain = gain < 8.0f ? gain : 8.0f;
-        out[i] = detail::encodedTimesGain(out[i], detail::EncodedGain{gain, root.at(gain)});
+        values[i] = gain;
+        roots[i] = root.at(gain);
       }
+      detail::applyEncodedGains(out, out, values.data(), roots.data(), count);
     }
   });
 }

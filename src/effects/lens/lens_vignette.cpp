@@ -44,14 +44,18 @@ void LensVignetteEffect::render(const Window& window) const {
   }
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
+    thread_local std::vector<float> gains;
+    thread_local std::vector<float> roots;
+    gains.resize(count);
+    roots.resize(count);
     const float dy = centre.dy(y);
     const float row = dy * dy / diagonal2;
     for (std::size_t i = 0; i < count; ++i) {
-      const float r2 = columns[i] + row;
-      const float g = gain.at(r2);
-      // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
-      out[i] = g == 1.0f ? in[i] : detail::encodedTimesGain(in[i], {g, root.at(r2)});
+      gains[i] = gain.at(columns[i] + row);
+      roots[i] = root.at(columns[i] + row);
     }
+    // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
+    detail::applyEncodedGains(in, out, gains.data(), roots.data(), count);
   });
 }
 
