@@ -15,7 +15,7 @@ namespace vorn::detail {
 
 /// adjust over channel planes, cloned for the wider vector units (the loops vectorise).
 template <typename Adjust>
-VORN_DISPATCH void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
+VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
                                 std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i]);
 }
