@@ -306,5 +306,27 @@ TEST(LinearGain, EncodedGainMatchesDecodeMultiplyEncode) {
   }
 }
 
+TEST(LinearGain, RowOfGainsMatchesThePixelFormAndKeepsUnitGainsExact) {
+  constexpr std::size_t kCount = 257;
+  std::vector<PixelRGB<float>> in(kCount);
+  std::vector<float> gains(kCount);
+  std::vector<float> roots(kCount);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const auto u = static_cast<float>(i) / static_cast<float>(kCount);
+    in[i] = PixelRGB<float>(u * 1.2f - 0.1f, 0.03f * u, 1.0f - u);
+    gains[i] = i % 5 == 0 ? 1.0f : 0.3f + 3.0f * u;
+    roots[i] = std::pow(gains[i], 1.0f / 2.4f);
+  }
+  std::vector<PixelRGB<float>> out(in);
+  detail::applyEncodedGains(out.data(), out.data(), gains.data(), roots.data(), kCount);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const PixelRGB<float> expected =
+        gains[i] == 1.0f ? in[i] : detail::encodedTimesGain(in[i], {gains[i], roots[i]});
+    EXPECT_EQ(out[i].r, expected.r) << i;
+    EXPECT_EQ(out[i].g, expected.g) << i;
+    EXPECT_EQ(out[i].b, expected.b) << i;
+  }
+}
+
 }  // namespace
 }  // namespace vorn

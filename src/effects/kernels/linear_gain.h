@@ -41,36 +41,42 @@ inline PixelRGB<float> encodedTimesGain(const PixelRGB<float>& p, const EncodedG
 }
 
 /// out[i] = in[i] with its light times gain[i] (root[i] = gain[i]^(1/2.4)); in may equal out.
-/// The power segment's affine form runs first, branch-free; the few values near black are
-/// redone exactly after. A gain of exactly 1 keeps the pixel bit for bit.
+/// The power segment's affine form runs first over the row as flat floats, branch-free so that
+/// it vectorises; the few values near black are redone exactly after. A gain of exactly 1 keeps
+/// the pixel bit for bit.
 inline void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const float* gain,
                               const float* root, std::size_t count) {
   constexpr float kKnee = 0.04045f;
+  thread_local std::vector<float> roots;
   thread_local std::vector<std::uint8_t> slow;
-  slow.resize(count);
-  std::uint8_t any = 0;
+  const std::size_t n = 3 * count;
+  roots.resize(n);
+  slow.resize(n);
+  float* r = roots.data();
   for (std::size_t i = 0; i < count; ++i) {
-    const float* v = &in[i].r;
-    float* o = &out[i].r;
-    const bool unit = gain[i] == 1.0f;
-    std::uint8_t flags = 0;
-    for (int c = 0; c < 3; ++c) {
-      const float t = root[i] * (v[c] + 0.055f) - 0.055f;
-      const bool fast = unit || (v[c] > kKnee && t > kKnee);
-      flags = static_cast<std::uint8_t>(flags | (fast ? 0 : 1 << c));
-      o[c] = fast && !unit ? t : v[c];
-    }
-    slow[i] = flags;
-    any = static_cast<std::uint8_t>(any | flags);
+    // A unit gain is marked by a root of 0, which the loop below never computes with.
+    const float k = gain[i] == 1.0f ? 0.0f : root[i];
+    r[3 * i] = k;
+    r[3 * i + 1] = k;
+    r[3 * i + 2] = k;
+  }
+  const float* v = &in->r;
+  float* o = &out->r;
+  std::uint8_t* flags = slow.data();
+  unsigned any = 0;
+  for (std::size_t k = 0; k < n; ++k) {
+    const float x = v[k];
+    const float t = r[k] * (x + 0.055f) - 0.055f;
+    const bool unit = r[k] == 0.0f;
+    const bool fast = x > kKnee && t > kKnee;
+    o[k] = fast && !unit ? t : x;
+    const std::uint8_t redo = !fast && !unit ? 1 : 0;
+    flags[k] = redo;
+    any |= redo;
   }
   if (any == 0) return;
-  for (std::size_t i = 0; i < count; ++i) {
-    if (slow[i] == 0) continue;
-    float* o = &out[i].r;
-    const EncodedGain g{gain[i], root[i]};
-    for (int c = 0; c < 3; ++c)
-      if (slow[i] & (1 << c)) o[c] = encodedTimesGain(o[c], g);
-  }
+  for (std::size_t k = 0; k < n; ++k)
+    if (flags[k]) o[k] = encodedTimesGain(o[k], EncodedGain{gain[k / 3], root[k / 3]});
 }
 
 }  // namespace vorn::detail
