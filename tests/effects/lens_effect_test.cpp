@@ -13,6 +13,8 @@
 
 #include "effects/effect_test_support.h"
 #include "effects/kernels/linear_gain.h"
+#include "effects/lens/lens_database.h"
+#include "effects/lens/lens_field.h"
 #include "effects/tone/tone_tables.h"
 #include "vorn/effects/effect_factory.h"
 #include "vorn/effects/lens_effects.h"
@@ -273,6 +275,34 @@ TEST(LensCorrection, RegionRenderEqualsCropOfWhole) {
   ASSERT_TRUE(effect->processImage(call));
   EXPECT_EQ(test::maxDifference(*destination, *whole, region), 0.0f);
   EXPECT_GT(test::maxDifference(*whole, *source), 0.01f);
+}
+
+TEST(LensCorrection, GridOfTheModelsMatchesThemEverywhere) {
+  const auto profile = detail::findLensProfile(canonShot(kZoom, 24.0f, 4.0f));
+  ASSERT_TRUE(profile);
+  const _Size<int> frame(6000, 4000);
+  const detail::LensModifier modifier(*profile, frame, {true, true, true});
+  ASSERT_TRUE(modifier.movesPixels() && modifier.shadesPixels());
+  // A region away from the origin, so node positions and row starts are both exercised.
+  const _Rect<int> area(37, 11, 5963, 3989);
+  const detail::LensField field(modifier, frame, area);
+  std::vector<float> coordinates(6 * 5963);
+  std::vector<float> gains(5963);
+  float worstShift = 0.0f;
+  float worstGain = 0.0f;
+  for (const int y : {11, 12, 500, 1999, 3999}) {
+    field.row(area.x, y, area.width, coordinates.data(), gains.data());
+    for (int n = 0; n < area.width; n += 7) {
+      float exact[6];
+      ASSERT_TRUE(modifier.sourceAt(area.x + n, y, exact));
+      for (int c = 0; c < 6; ++c)
+        worstShift = std::max(worstShift, std::fabs(coordinates[6 * n + c] - exact[c]));
+      const float gain = modifier.shadingGainAt(area.x + n, y);
+      worstGain = std::max(worstGain, std::fabs(gains[n] / gain - 1.0f));
+    }
+  }
+  EXPECT_LT(worstShift, 2e-3f);
+  EXPECT_LT(worstGain, 1e-3f);
 }
 
 TEST(LensVignette, DarkensOrLightensCornersAndKeepsTheCentre) {

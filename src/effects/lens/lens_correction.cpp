@@ -10,6 +10,7 @@
 #include "effects/kernels/linear_gain.h"
 #include "effects/kernels/sampled_curve.h"
 #include "effects/lens/lens_database.h"
+#include "effects/lens/lens_field.h"
 #include "vorn/effects/lens_effects.h"
 
 namespace vorn {
@@ -74,7 +75,7 @@ float largestDisplacement(const detail::LensModifier& modifier, _Size<int> frame
     for (int i = 0; i <= kSteps; ++i) {
       const int x = (frame.width - 1) * i / kSteps;
       float* p = profile.data() + 6 * i;
-      if (!modifier.sourceCoordinates(x, y, 1, p)) return 0.0f;
+      if (!modifier.sourceAt(x, y, p)) return 0.0f;
       const WarpedPixel warped(p, static_cast<float>(x), static_cast<float>(y), amounts);
       for (int c = 0; c < 3; ++c)
         largest = std::max(largest, std::hypot(warped.x[c] - static_cast<float>(x),
@@ -120,8 +121,9 @@ bool LensCorrectionEffect::isIdentity() const {
   return !hasProfile();
 }
 
-// Profile correction: lensfun's inverse distortion and TCA models give each output pixel's
-// source per channel (bilinear read); its vignetting model's gain multiplies linear light.
+// Profile correction: lensfun's inverse distortion and TCA models (on a 16-pixel grid, bilinear
+// between) give each output pixel's source per channel, read bilinearly; its vignetting model's
+// gain multiplies linear light.
 void LensCorrectionEffect::render(const Window& window) const {
   const auto profile = detail::findLensProfile(*shot());
   const CorrectionAmounts amounts(*this);
@@ -129,6 +131,11 @@ void LensCorrectionEffect::render(const Window& window) const {
                                       amounts.corrections());
   const bool warp = modifier.movesPixels();
   const bool shade = modifier.shadesPixels();
+  const int frameX = window.output.x - window.frame.x;
+  const int frameY = window.output.y - window.frame.y;
+  const detail::LensField field(
+      modifier, _Size<int>(window.frame.width, window.frame.height),
+      _Rect<int>(frameX, frameY, window.output.width, window.output.height));
   // The encoded-value gain needs g^(1/2.4): tabulated once over the gains a lens can ask for.
   const detail::SampledCurve root(0.25f, 8.0f, 4096,
                                   [](float g) { return std::pow(g, 1.0f / 2.4f); });
@@ -136,18 +143,20 @@ void LensCorrectionEffect::render(const Window& window) const {
   const auto fx = static_cast<float>(window.frame.x);
   const auto fy = static_cast<float>(window.frame.y);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                    std::size_t count, std::size_t, int x0, int y) {
-    thread_local std::vector<float> values;
+                                    std::size_t count, std::size_t, int, int y) {
+    thread_local std::vector<float> coordinates;
+    thread_local std::vector<float> gains;
     thread_local std::vector<float> roots;
-    values.resize(6 * count);
-    const int n = static_cast<int>(count);
-    const int frameX = x0 - window.frame.x;
-    const int frameY = y - window.frame.y;
-    if (warp && modifier.sourceCoordinates(frameX, frameY, n, values.data())) {
+    coordinates.resize(warp ? 6 * count : 0);
+    gains.resize(shade ? count : 0);
+    const int rowY = y - window.frame.y;
+    field.row(frameX, rowY, static_cast<int>(count), warp ? coordinates.data() : nullptr,
+              shade ? gains.data() : nullptr);
+    if (warp) {
       for (std::size_t i = 0; i < count; ++i) {
-        const WarpedPixel warped(values.data() + 6 * i,
+        const WarpedPixel warped(coordinates.data() + 6 * i,
                                  static_cast<float>(frameX + static_cast<int>(i)),
-                                 static_cast<float>(frameY), amounts);
+                                 static_cast<float>(rowY), amounts);
         out[i] = PixelRGB<float>(sampler.at(warped.x[0] + fx, warped.y[0] + fy, 0),
                                  sampler.at(warped.x[1] + fx, warped.y[1] + fy, 1),
                                  sampler.at(warped.x[2] + fx, warped.y[2] + fy, 2));
@@ -155,17 +164,17 @@ void LensCorrectionEffect::render(const Window& window) const {
     } else {
       std::copy(in, in + count, out);
     }
-    if (shade && modifier.shadingGains(frameX, frameY, n, values.data())) {
+    if (shade) {
       roots.resize(count);
       for (std::size_t i = 0; i < count; ++i) {
         // Clamped to the table's span; a sane profile never leaves it.
-        float gain = 1.0f + amounts.vignetting * (values[i] - 1.0f);
+        float gain = 1.0f + amounts.vignetting * (gains[i] - 1.0f);
         gain = gain > 0.25f ? gain : 0.25f;
         gain = gain < 8.0f ? gain : 8.0f;
-        values[i] = gain;
+        gains[i] = gain;
         roots[i] = root.at(gain);
       }
-      detail::applyEncodedGains(out, out, values.data(), roots.data(), count);
+      detail::applyEncodedGains(out, out, gains.data(), roots.data(), count);
     }
   });
 }

@@ -4,7 +4,6 @@
 
 #include <lensfun/lensfun.h>
 
-#include <algorithm>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -112,52 +111,18 @@ LensModifier::LensModifier(const LensProfile& profile, _Size<int> frame,
 
 LensModifier::~LensModifier() = default;
 
-namespace {
-
-/// The models step along a row by adding increments, so a value depends on where the call
-/// started: blocks start at fixed columns of the frame, and a region render sees the same
-/// values as a whole one.
-constexpr int kBlock = 64;
-
-template <typename Fill>
-void inAlignedBlocks(int x, int count, int perPixel, float* out, Fill&& fill) {
-  thread_local std::vector<float> block;
-  block.resize(static_cast<std::size_t>(kBlock * perPixel));
-  const int end = x + count;
-  for (int start = x - ((x % kBlock) + kBlock) % kBlock; start < end; start += kBlock) {
-    fill(start, block.data());
-    const int from = std::max(start, x);
-    const int to = std::min(start + kBlock, end);
-    std::copy(block.begin() + (from - start) * perPixel, block.begin() + (to - start) * perPixel,
-              out + static_cast<std::ptrdiff_t>(from - x) * perPixel);
-  }
+bool LensModifier::sourceAt(int x, int y, float* out) const {
+  return geometry_ && modifier_->ApplySubpixelGeometryDistortion(static_cast<float>(x),
+                                                                 static_cast<float>(y), 1, 1, out);
 }
 
-}  // namespace
-
-bool LensModifier::sourceCoordinates(int x, int y, int count, float* out) const {
-  if (!geometry_) return false;
-  bool filled = true;
-  inAlignedBlocks(x, count, 6, out, [&](int start, float* block) {
-    filled = modifier_->ApplySubpixelGeometryDistortion(static_cast<float>(start),
-                                                        static_cast<float>(y), kBlock, 1, block) &&
-             filled;
-  });
-  return filled;
-}
-
-bool LensModifier::shadingGains(int x, int y, int count, float* out) const {
-  if (!vignetting_) return false;
-  bool filled = true;
-  inAlignedBlocks(x, count, 1, out, [&](int start, float* block) {
-    // The correction multiplies light, so applied to ones it leaves the gain itself.
-    std::fill(block, block + kBlock, 1.0f);
-    filled =
-        modifier_->ApplyColorModification(block, static_cast<float>(start), static_cast<float>(y),
-                                          kBlock, 1, LF_CR_1(INTENSITY), kBlock * sizeof(float)) &&
-        filled;
-  });
-  return filled;
+float LensModifier::shadingGainAt(int x, int y) const {
+  // The correction multiplies light, so applied to a one it leaves the gain itself.
+  float gain = 1.0f;
+  if (vignetting_)
+    modifier_->ApplyColorModification(&gain, static_cast<float>(x), static_cast<float>(y), 1, 1,
+                                      LF_CR_1(INTENSITY), static_cast<int>(sizeof gain));
+  return gain;
 }
 
 }  // namespace vorn::detail

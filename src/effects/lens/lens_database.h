@@ -45,13 +45,12 @@ class LensModifier {
   bool movesPixels() const { return geometry_; }
   /// True when the profile has a vignetting model and it was asked for.
   bool shadesPixels() const { return vignetting_; }
-  /// Where count pixels of frame row y from column x are taken from: six floats per pixel
-  /// (red x, y, green x, y, blue x, y) in frame coordinates; false (out untouched) without
-  /// geometry.
-  bool sourceCoordinates(int x, int y, int count, float* out) const;
-  /// The linear-light gains that undo the lens's shading at count pixels of frame row y from
-  /// column x; false (out untouched) without a vignetting model.
-  bool shadingGains(int x, int y, int count, float* out) const;
+  /// Where pixel (x, y) of the frame is taken from: six floats (red x, y, green x, y, blue
+  /// x, y) in frame coordinates; false (out untouched) without geometry.
+  bool sourceAt(int x, int y, float* out) const;
+  /// The linear-light gain that undoes the lens's shading at pixel (x, y); 1 without a
+  /// vignetting model.
+  float shadingGainAt(int x, int y) const;
 
  private:
   std::unique_ptr<lfModifier> modifier_;
