@@ -254,7 +254,8 @@ TEST(LensCorrection, ShotTravelsAsTextAndFollowsClones) {
   EXPECT_EQ(back->cameraModel, "Model  with   separators");
   EXPECT_FLOAT_EQ(back->focalLength, 24.0f);
   EXPECT_FLOAT_EQ(back->cropFactor, 1.6f);
-  for (const char* bad : {"", "lens model", "colour=red", "aperture=-2", "distance=1e99"})
+  for (const char* bad : {"", "lens model", "colour=red", "aperture=-2", "distance=1e99",
+                          "crop factor=1000", "focal length=inf"})
     EXPECT_FALSE(LensShot::fromText(bad)) << bad;
 
   const auto effect = correction(canonShot(kZoom, 24.0f, 4.0f), 60.0f, 0.0f, 0.0f);

@@ -110,8 +110,11 @@ int LensCorrectionEffect::reach(float spatialScale) const {
   const CorrectionAmounts amounts(*this);
   const _Size<int> frame = assumedFrame(context_, spatialScale);
   const detail::LensModifier modifier(*profile, frame, amounts.corrections());
-  // The grid may miss the peak between its points, and the bilinear read takes one pixel more.
-  return static_cast<int>(std::ceil(1.1f * largestDisplacement(modifier, frame, amounts))) + 2;
+  // The grid may miss the peak between its points, and the bilinear read takes one pixel more;
+  // a profile gone wild (NaN, huge) reads the whole frame at most.
+  const float largest = largestDisplacement(modifier, frame, amounts);
+  const float whole = static_cast<float>(frame.width + frame.height);
+  return static_cast<int>(std::ceil(largest < whole ? 1.1f * largest : whole)) + 2;
 }
 
 bool LensCorrectionEffect::isIdentity() const {

@@ -1,7 +1,9 @@
 // The camera-and-lens record a lens correction carries in its parameters, and how a photo's
 // metadata fills it.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iterator>
 #include <sstream>
 
 #include "vorn/effects/lens_effects.h"
@@ -11,6 +13,11 @@ namespace vorn {
 namespace {
 
 constexpr char kSeparator = ';';
+// The most a real shot has: millimetres, f-number, metres and crop factor.
+constexpr float kLargestFocal = 5000.0f;
+constexpr float kLargestAperture = 256.0f;
+constexpr float kLargestDistance = 1e6f;
+constexpr float kLargestCrop = 100.0f;
 
 /// Names keep no separator, so that every field reads back as written.
 std::string cleaned(const std::string& text) {
@@ -20,10 +27,11 @@ std::string cleaned(const std::string& text) {
   return out;
 }
 
-bool parseNumber(const std::string& text, float& value) {
+/// A number in [0, largest]; the bounds keep the lens models inside what a lens can be.
+bool parseNumber(const std::string& text, float largest, float& value) {
   const char* end = text.data() + text.size();
   const auto [stop, status] = std::from_chars(text.data(), end, value);
-  return status == std::errc() && stop == end && std::isfinite(value) && value >= 0.0f;
+  return status == std::errc() && stop == end && value >= 0.0f && value <= largest;
 }
 
 }  // namespace
@@ -34,12 +42,15 @@ LensShot LensShot::fromMetadata(const ImageMetadata& metadata) {
   shot.cameraModel = metadata.cameraModel;
   shot.lensMaker = metadata.lensMaker;
   shot.lensModel = metadata.lensModel;
-  const auto known = [](float v) { return std::isfinite(v) && v > 0.0f ? v : 0.0f; };
-  shot.focalLength = known(metadata.focalLen);
-  shot.aperture = known(metadata.fNumber);
+  // Values a real shot cannot have are unknown (the text form would refuse them).
+  const auto known = [](float v, float largest) {
+    return std::isfinite(v) && v > 0.0f && v <= largest ? v : 0.0f;
+  };
+  shot.focalLength = known(metadata.focalLen, kLargestFocal);
+  shot.aperture = known(metadata.fNumber, kLargestAperture);
   // The 35 mm equivalent focal length gives the crop factor when the camera's entry is missing.
-  if (shot.focalLength > 0.0f && known(metadata.focalLen35mm) > 0.0f)
-    shot.cropFactor = metadata.focalLen35mm / shot.focalLength;
+  if (shot.focalLength > 0.0f)
+    shot.cropFactor = known(metadata.focalLen35mm / shot.focalLength, kLargestCrop);
   return shot;
 }
 
@@ -62,13 +73,18 @@ std::optional<LensShot> LensShot::fromText(const std::string& text) {
     if (equals == std::string::npos) return std::nullopt;
     const std::string key = field.substr(0, equals);
     const std::string value = field.substr(equals + 1);
-    float* number = key == "focal length"  ? &shot.focalLength
-                    : key == "aperture"    ? &shot.aperture
-                    : key == "distance"    ? &shot.distance
-                    : key == "crop factor" ? &shot.cropFactor
-                                           : nullptr;
-    if (number) {
-      if (!parseNumber(value, *number)) return std::nullopt;
+    const struct {
+      const char* key;
+      float* value;
+      float largest;
+    } numbers[] = {{"focal length", &shot.focalLength, kLargestFocal},
+                   {"aperture", &shot.aperture, kLargestAperture},
+                   {"distance", &shot.distance, kLargestDistance},
+                   {"crop factor", &shot.cropFactor, kLargestCrop}};
+    const auto number = std::find_if(std::begin(numbers), std::end(numbers),
+                                     [&](const auto& n) { return key == n.key; });
+    if (number != std::end(numbers)) {
+      if (!parseNumber(value, number->largest, *number->value)) return std::nullopt;
     } else if (key == "camera maker") {
       shot.cameraMaker = value;
     } else if (key == "camera model") {
