@@ -124,7 +124,7 @@ bool LensCorrectionEffect::isIdentity() const {
   return !hasProfile();
 }
 
-// Profile correction: lensfun's inverse distortion and TCA models (on a 16-pixel grid, bilinear
+// Profile correction: lensfun's inverse distortion and TCA models (on a node grid, bilinear
 // between) give each output pixel's source per channel, read bilinearly; its vignetting model's
 // gain multiplies linear light.
 void LensCorrectionEffect::render(const Window& window) const {
