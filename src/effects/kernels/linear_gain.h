@@ -48,7 +48,7 @@ inline void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, c
                               const float* root, std::size_t count) {
   constexpr float kKnee = 0.04045f;
   thread_local std::vector<float> roots;
-  thread_local std::vector<std::uint8_t> slow;
+  thread_local std::vector<std::int32_t> slow;
   const std::size_t n = 3 * count;
   roots.resize(n);
   slow.resize(n);
@@ -62,21 +62,21 @@ inline void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, c
   }
   const float* v = &in->r;
   float* o = &out->r;
-  std::uint8_t* flags = slow.data();
-  unsigned any = 0;
+  std::int32_t* redo = slow.data();
+  // Bitwise operators on the comparisons and 32-bit flags keep this loop free of branches.
   for (std::size_t k = 0; k < n; ++k) {
     const float x = v[k];
     const float t = r[k] * (x + 0.055f) - 0.055f;
-    const bool unit = r[k] == 0.0f;
-    const bool fast = x > kKnee && t > kKnee;
-    o[k] = fast && !unit ? t : x;
-    const std::uint8_t redo = !fast && !unit ? 1 : 0;
-    flags[k] = redo;
-    any |= redo;
+    const bool scaled = r[k] != 0.0f;
+    const bool fast = (x > kKnee) & (t > kKnee);
+    o[k] = fast & scaled ? t : x;
+    redo[k] = static_cast<std::int32_t>(!fast & scaled);
   }
+  std::int32_t any = 0;
+  for (std::size_t k = 0; k < n; ++k) any |= redo[k];
   if (any == 0) return;
   for (std::size_t k = 0; k < n; ++k)
-    if (flags[k]) o[k] = encodedTimesGain(o[k], EncodedGain{gain[k / 3], root[k / 3]});
+    if (redo[k] != 0) o[k] = encodedTimesGain(o[k], EncodedGain{gain[k / 3], root[k / 3]});
 }
 
 }  // namespace vorn::detail
