@@ -8,8 +8,10 @@
 #include "effect_chain.h"
 #include "layered_edit.h"
 #include "vorn/core/file_utils.h"
+#include "vorn/effects/lens_effects.h"
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_magick_reader.h"
+#include "vorn/io/image_metadata.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/streamed_export.h"
 
@@ -81,6 +83,19 @@ ExportParameters exportParameters(const ApplyOptions& options) {
   return exported;
 }
 
+/// A lens correction given no shot corrects for the camera and lens the input file names.
+void nameLensShots(const std::vector<std::shared_ptr<Effect>>& effects,
+                   const ImageFileClass& file) {
+  std::shared_ptr<const ImageMetadata> metadata;
+  for (const std::shared_ptr<Effect>& effect : effects) {
+    auto* lens = dynamic_cast<LensCorrectionEffect*>(effect.get());
+    if (!lens || lens->shot()) continue;
+    if (!metadata) metadata = ImageReader::readMetadata(file);
+    if (!metadata) return;
+    lens->setShot(LensShot::fromMetadata(*metadata));
+  }
+}
+
 }  // namespace
 
 int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -132,6 +147,7 @@ int applyToFile(const char* command, const ApplyOptions& options,
 
   ExportParameters exported = exportParameters(options);
   const ImageFileClass file = classifyImageFile(options.input);
+  nameLensShots(effects, file);
   const _Size<int> inputSize = ImageReader::getImageSize(file);
   // The output is checked before the (slow) decode: folder, permissions and the written size.
   if (std::string reason; !ImageMagickReader::checkExport(inputSize, exported, reason)) {

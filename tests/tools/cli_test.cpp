@@ -228,6 +228,32 @@ TEST(CliCommands, PerPixelChainsStreamToTheSameBytesAsTheWholeFrame) {
   }
 }
 
+TEST(CliCommands, LensCorrectionUsesTheInputsLensUnlessTold) {
+  test::TempDir folder("vorn_cli");
+  const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");
+  const auto bytes = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const auto apply = [&](const std::string& name, const std::string& effect) {
+    const std::string output = (folder.path() / name).string();
+    std::vector<std::string> args = {"apply", input, output, "--long-side", "320"};
+    if (!effect.empty()) args.insert(args.end(), {"--effect", effect});
+    const CommandRun ran = run(args);
+    EXPECT_EQ(ran.code, kExitOk) << ran.err;
+    return bytes(output);
+  };
+  const std::string plain = apply("plain.jpg", "");
+  ASSERT_FALSE(plain.empty());
+  // The photo's EF50mm f/1.8 II on an EOS 70D is in the lens database.
+  EXPECT_NE(apply("own.jpg", "VORNLensCorrectionEffect:Distortion=100"), plain);
+  EXPECT_EQ(
+      apply("unknown.jpg",
+            "VORNLensCorrectionEffect:Distortion=100,Distortion.data=lens model=No Such Lens"),
+      plain)
+      << "a shot given on the command line wins, and an unknown lens changes nothing";
+}
+
 TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors) {
   ApplyOptions options;
   std::string error;
