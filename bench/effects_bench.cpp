@@ -19,6 +19,7 @@
 #include "vorn/core/image_data.h"
 #include "vorn/effects/effect_factory.h"
 #include "vorn/effects/face_effects.h"
+#include "vorn/effects/lens_effects.h"
 
 namespace vorn::bench {
 namespace {
@@ -66,6 +67,18 @@ const std::string& benchCubeFile() {
   return path;
 }
 
+/// A shot whose lens the database profiles with every model (distortion, TCA, vignetting).
+LensShot benchShot() {
+  LensShot shot;
+  shot.cameraMaker = "Canon";
+  shot.cameraModel = "Canon EOS 5D Mark II";
+  shot.lensMaker = "Canon";
+  shot.lensModel = "Canon EF 24-105mm f/4L IS USM";
+  shot.focalLength = 24.0f;
+  shot.aperture = 4.0f;
+  return shot;
+}
+
 // Warm: the steady state of an editor re-rendering, the pool already holding the working
 // planes. Cold: a first render, every buffer fresh.
 void runEffect(benchmark::State& state, Pool pool, const std::string& id,
@@ -75,6 +88,7 @@ void runEffect(benchmark::State& state, Pool pool, const std::string& id,
   if (id == "VORNLUTMappingEffect") effect->parameters()[0].setOptionalData(benchCubeFile());
   if (auto* face = dynamic_cast<detail::FaceRetouchEffect*>(effect.get()))
     face->setKnownFaces({{kBenchFace, {}}});
+  if (auto* lens = dynamic_cast<LensCorrectionEffect*>(effect.get())) lens->setShot(benchShot());
   std::shared_ptr<RGBf> warmDestination;
   timeAgainstFloor(
       state, pool, "copy", [pool] { return copyFloor(pool); },
@@ -233,6 +247,8 @@ const bool kRegistered = [] {
       {"VORNLUTMappingEffect", {80}},
       {"VORNFaceEffect", {50, 70, 60}},
       {"VORNFaceSkinSoftenerEffect", {70}},
+      {"VORNLensCorrectionEffect", {100, 100, 100}},
+      {"VORNLensVignetteEffect", {-60, 20}},
   };
   // An identifier listed twice (two radii of a blur) is told apart by its values.
   std::map<std::string, int> listed;

@@ -36,7 +36,8 @@ ImageProcessor::ImageProcessor(const ImageProcessor& other)
       lastProcessingSeconds_(other.lastProcessingSeconds_),
       lastProcessingCpuSeconds_(other.lastProcessingCpuSeconds_),
       lastDebugLines_(other.lastDebugLines_),
-      lensPreviews_(other.lensPreviews_) {}
+      lensPreviews_(other.lensPreviews_),
+      lensCorrected_(other.lensCorrected_) {}
 
 ImageProcessor::~ImageProcessor() = default;
 

@@ -10,6 +10,7 @@
 #include "effects/effect_test_support.h"
 #include "vorn/core/processing_status.h"
 #include "vorn/effects/effect_factory.h"
+#include "vorn/effects/lens_effects.h"
 #include "vorn/effects/stencil_effect.h"
 
 namespace vorn {
@@ -31,6 +32,17 @@ class EffectConformanceTest : public testing::TestWithParam<std::string> {
   std::shared_ptr<Effect> makeActive() const {
     auto effect = make();
     test::setAllParameters(*effect, 0.75f);
+    // Lens correction works only for a lens the database knows; this one has every model.
+    if (auto* lens = dynamic_cast<LensCorrectionEffect*>(effect.get())) {
+      LensShot shot;
+      shot.cameraMaker = "Canon";
+      shot.cameraModel = "Canon EOS 5D Mark II";
+      shot.lensMaker = "Canon";
+      shot.lensModel = "Canon EF 24-105mm f/4L IS USM";
+      shot.focalLength = 24.0f;
+      shot.aperture = 4.0f;
+      lens->setShot(shot);
+    }
     return effect;
   }
 };

@@ -101,5 +101,42 @@ TEST(ImageProcessorSource, LensLayerGetsASmallRenderOfTheStackBeneath) {
       << "the image layer and the exposure layer beneath, nothing else";
 }
 
+TEST(ImageProcessorSource, LensLayerCorrectsForThePhotosLens) {
+  const _Size<int> size(1200, 800);
+  auto metadata = std::make_shared<ImageMetadata>();
+  metadata->cameraName = "Canon";
+  metadata->cameraModel = "Canon EOS 5D Mark II";
+  metadata->lensModel = "Canon EF 24-105mm f/4L IS USM";
+  metadata->focalLen = 24.0f;
+  metadata->fNumber = 4.0f;
+  auto frame = std::make_shared<ImageFrame>(size, PixelRGB<float>(0.5f));
+  auto layer = std::make_shared<ImageLayer>(
+      std::make_shared<Image>(std::make_shared<ImageSource>(frame, metadata)));
+  test::Document doc(size);
+  doc.processor.removeLayer(doc.imageLayer);
+  doc.processor.addLayer(layer, 0);
+  auto lens = std::make_shared<AdjustmentLayer>(0);
+  const auto correction = std::dynamic_pointer_cast<LensCorrectionEffect>(
+      test::makeEffect(std::string(LensCorrectionEffect::kId), 0.0f));
+  ASSERT_TRUE(correction);
+  correction->parameters().at(2).setValue(100.0f);
+  lens->pushBackEffect(correction);
+  doc.processor.addLayer(lens, 2);
+  const auto result = doc.render(_Size<int>(600, 400));
+  ASSERT_TRUE(result);
+  ASSERT_TRUE(correction->shot());
+  EXPECT_EQ(correction->shot()->lensModel, metadata->lensModel);
+  EXPECT_TRUE(correction->hasProfile());
+  const auto source = doc.processor.lensCorrectionPreviewSource(lens);
+  const auto preview = doc.processor.lensCorrectionPreview(lens);
+  ASSERT_TRUE(source && preview);
+  EXPECT_EQ(preview->size(), _Size<int>(1000, 667));
+  // Vignetting correction lifts the corners of the small render and leaves its centre.
+  EXPECT_GT(preview->at(0, 0).g, source->at(0, 0).g + 0.05f);
+  EXPECT_NEAR(preview->at(500, 333).g, source->at(500, 333).g, 0.005f);
+  // The main render corrects too.
+  EXPECT_GT(result->at(0, 0).g, result->at(300, 200).g + 0.05f);
+}
+
 }  // namespace
 }  // namespace vorn

@@ -7,6 +7,7 @@
 
 #include "apply_options.h"
 #include "cli.h"
+#include "cli_test_support.h"
 #include "effect_chain.h"
 #include "effects/effect_test_support.h"
 #include "error_echo.h"
@@ -21,19 +22,6 @@
 
 namespace vorn::cli {
 namespace {
-
-struct CommandRun {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-CommandRun run(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code = runCommandLine(args, out, err);
-  return {code, out.str(), err.str()};
-}
 
 std::shared_ptr<Effect> make(const std::string& text, std::string& error,
                              std::vector<std::string>* warnings = nullptr) {
@@ -238,6 +226,32 @@ TEST(CliCommands, PerPixelChainsStreamToTheSameBytesAsTheWholeFrame) {
     ASSERT_EQ(run(b).code, kExitOk);
     EXPECT_EQ(test::raster::readBytes(streamed), test::raster::readBytes(whole));
   }
+}
+
+TEST(CliCommands, LensCorrectionUsesTheInputsLensUnlessTold) {
+  test::TempDir folder("vorn_cli");
+  const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");
+  const auto bytes = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const auto apply = [&](const std::string& name, const std::string& effect) {
+    const std::string output = (folder.path() / name).string();
+    std::vector<std::string> args = {"apply", input, output, "--long-side", "320"};
+    if (!effect.empty()) args.insert(args.end(), {"--effect", effect});
+    const CommandRun ran = run(args);
+    EXPECT_EQ(ran.code, kExitOk) << ran.err;
+    return bytes(output);
+  };
+  const std::string plain = apply("plain.jpg", "");
+  ASSERT_FALSE(plain.empty());
+  // The photo's EF50mm f/1.8 II on an EOS 70D is in the lens database.
+  EXPECT_NE(apply("own.jpg", "VORNLensCorrectionEffect:Distortion=100"), plain);
+  EXPECT_EQ(
+      apply("unknown.jpg",
+            "VORNLensCorrectionEffect:Distortion=100,Distortion.data=lens model=No Such Lens"),
+      plain)
+      << "a shot given on the command line wins, and an unknown lens changes nothing";
 }
 
 TEST(CliApplyOptions, ExportOptionsParseAndImpossibleCombinationsAreUsageErrors) {

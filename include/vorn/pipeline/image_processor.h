@@ -162,6 +162,9 @@ class ImageProcessor {
   /// before each render until the lens effect takes such an input itself.
   std::shared_ptr<const ImageDataRGBf> lensCorrectionPreviewSource(
       const std::shared_ptr<const BaseLayer>& layer) const;
+  /// That small render corrected by the layer's lens effect (for the photo's camera and lens).
+  std::shared_ptr<const ImageDataRGBf> lensCorrectionPreview(
+      const std::shared_ptr<const BaseLayer>& layer) const;
   /// The most bytes the last render's step images held at once (shared buffers once).
   std::uint64_t renderPeakBytes() const;
   /// The lines the debug overlay drew over the last result.
@@ -208,6 +211,13 @@ class ImageProcessor {
   double lastProcessingCpuSeconds_ = 0.0;
   std::vector<std::string> lastDebugLines_;
   std::map<const BaseLayer*, std::shared_ptr<const ImageDataRGBf>> lensPreviews_;
+  /// A lens layer's corrected small render, with the effect key and source it was made from.
+  struct CorrectedPreview {
+    std::uint64_t key = 0;
+    std::shared_ptr<const ImageDataRGBf> from;
+    std::shared_ptr<const ImageDataRGBf> image;
+  };
+  std::map<const BaseLayer*, CorrectedPreview> lensCorrected_;
 };
 
 }  // namespace vorn

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/bilinear.h"
 #include "effects/kernels/decimate.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
@@ -29,16 +30,7 @@ constexpr int kPasses = 7;
 
 /// Bilinear sample of image at (x, y), clamped to its edges.
 PixelRGB<float> sample(const ImageRGBf& image, float x, float y) {
-  x = std::clamp(x, 0.0f, static_cast<float>(image.width - 1));
-  y = std::clamp(y, 0.0f, static_cast<float>(image.height - 1));
-  const int ix = std::min(static_cast<int>(x), image.width - 1);
-  const int iy = std::min(static_cast<int>(y), image.height - 1);
-  const int ix1 = std::min(ix + 1, image.width - 1);
-  const int iy1 = std::min(iy + 1, image.height - 1);
-  const float tx = x - static_cast<float>(ix);
-  const float ty = y - static_cast<float>(iy);
-  return detail::mix(detail::mix(image.at(ix, iy), image.at(ix1, iy), tx),
-                     detail::mix(image.at(ix, iy1), image.at(ix1, iy1), tx), ty);
+  return detail::BilinearTap(image.rect(), x, y).pixel(image);
 }
 
 /// Rays are soft along their length and a few pixels wide, so they are drawn on blocks of up to

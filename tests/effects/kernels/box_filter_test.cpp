@@ -4,17 +4,10 @@
 #include <random>
 
 #include "effects/kernels/guided_filter.h"
+#include "effects/kernels/plane_test_support.h"
 
 namespace vorn::detail {
 namespace {
-
-Plane noise(int width, int height, unsigned seed) {
-  Plane plane(width, height);
-  std::mt19937 random(seed);
-  std::uniform_real_distribution<float> value(0.0f, 1.0f);
-  for (std::size_t i = 0; i < plane.size(); ++i) plane.data()[i] = value(random);
-  return plane;
-}
 
 // Brute-force reference with the borders the filters promise: mirrored for the mean, the
 // window clipped to the plane for the minimum.
@@ -38,7 +31,7 @@ float referenceAt(const Plane& p, int x, int y, int radius, bool minimum) {
 // The filters work in bands of rows; a seam between bands would show as a mismatch on the
 // rows next to a band edge, so the plane spans several bands and the radius crosses them.
 TEST(BoxFilters, BandedResultsMatchAWholeFrameReference) {
-  const Plane input = noise(37, 200, 7);
+  const Plane input = test::noisePlane(37, 200, 7);
   for (const int radius : {1, 5, 30}) {
     Plane mean, least;
     boxMean(input, radius, mean);

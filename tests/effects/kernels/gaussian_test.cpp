@@ -1,4 +1,5 @@
 #include "effects/kernels/gaussian.h"
+#include "effects/kernels/plane_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -13,14 +14,6 @@ Plane impulse(int side) {
   Plane plane(side, side);
   std::fill(plane.data(), plane.data() + plane.size(), 0.0f);
   plane.row(side / 2)[side / 2] = 1.0f;
-  return plane;
-}
-
-Plane noise(int width, int height, unsigned seed) {
-  Plane plane(width, height);
-  std::mt19937 random(seed);
-  std::uniform_real_distribution<float> value(0.0f, 1.0f);
-  for (std::size_t i = 0; i < plane.size(); ++i) plane.data()[i] = value(random);
   return plane;
 }
 
@@ -56,7 +49,7 @@ TEST(GaussianBlur, FlatStaysFlatAndNegligibleSigmaCopies) {
   gaussianBlur(flat, 500.0f, out);  // far wider than the plane: mirrored again and again
   for (std::size_t i = 0; i < out.size(); ++i) ASSERT_NEAR(out.data()[i], 0.625f, 1e-6f);
 
-  const Plane in = noise(19, 11, 3);
+  const Plane in = test::noisePlane(19, 11, 3);
   for (const float sigma : {0.0f, -2.0f, std::numeric_limits<float>::quiet_NaN()}) {
     gaussianBlur(in, sigma, out);
     for (std::size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out.data()[i], in.data()[i]) << sigma;
@@ -65,7 +58,8 @@ TEST(GaussianBlur, FlatStaysFlatAndNegligibleSigmaCopies) {
 
 TEST(GaussianBlur, InPlaceAndRgbRegionAgreeWithThePlanePath) {
   const int w = 90, h = 70;
-  const Plane r = noise(w, h, 1), g = noise(w, h, 2), b = noise(w, h, 3);
+  const Plane r = test::noisePlane(w, h, 1), g = test::noisePlane(w, h, 2),
+              b = test::noisePlane(w, h, 3);
   ImageRGBf image(_Size<int>(w, h));
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) image.at(x, y) = {r.row(y)[x], g.row(y)[x], b.row(y)[x]};
@@ -107,7 +101,7 @@ TEST(GaussianBlur, InPlaceAndRgbRegionAgreeWithThePlanePath) {
 }
 
 TEST(GaussianBlur, CancelFlagStopsTheBlur) {
-  const Plane in = noise(64, 64, 9);
+  const Plane in = test::noisePlane(64, 64, 9);
   Plane out;
   bool cancel = true;
   const RenderControl control(&cancel);

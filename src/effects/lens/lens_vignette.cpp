@@ -1,0 +1,62 @@
+// A lens vignette placed on the whole frame: the natural cos^4 falloff of light, darkening or
+// compensated, so a region render agrees with the whole one.
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "effects/creative/slider.h"
+#include "effects/kernels/frame_geometry.h"
+#include "effects/kernels/linear_gain.h"
+#include "effects/kernels/sampled_curve.h"
+#include "vorn/effects/lens_effects.h"
+
+namespace vorn {
+
+int LensVignetteEffect::reach(float) const {
+  return 0;
+}
+
+bool LensVignetteEffect::isIdentity() const {
+  return detail::signedFraction(*this, 0) == 0.0f;
+}
+
+// cos^4 vignetting: light falls as cos^4(atan(rho)) = (1 + rho^2)^-2, rho the radius past the
+// midpoint over the half diagonal; Amount is its power (-1 the full falloff, 1 its inverse).
+void LensVignetteEffect::render(const Window& window) const {
+  const float amount = detail::signedFraction(*this, 0);
+  // Midpoint -100 ... 100 starts the falloff at 5 % ... 55 % of the half diagonal.
+  const float start = 0.3f + 0.25f * detail::signedFraction(*this, 1);
+  const detail::FrameCentre centre(window.frame);
+  const float diagonal2 =
+      centre.halfWidth * centre.halfWidth + centre.halfHeight * centre.halfHeight;
+  // Gain and its encoded-value root as functions of the squared radius (1 at the corners).
+  const auto gainAt = [amount, start](float r2) {
+    const float rho = std::max(0.0f, std::sqrt(r2) - start) / (1.0f - start);
+    return std::pow(1.0f + rho * rho, 2.0f * amount);
+  };
+  const detail::SampledCurve gain(0.0f, 1.0f, 2048, gainAt);
+  const detail::SampledCurve root(0.0f, 1.0f, 2048,
+                                  [&](float r2) { return std::pow(gainAt(r2), 1.0f / 2.4f); });
+  std::vector<float> columns(static_cast<std::size_t>(window.output.width));
+  for (std::size_t i = 0; i < columns.size(); ++i) {
+    const float dx = centre.dx(window.output.x + static_cast<int>(i));
+    columns[i] = dx * dx / diagonal2;
+  }
+  detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
+                                    std::size_t count, std::size_t, int, int y) {
+    thread_local std::vector<float> gains;
+    thread_local std::vector<float> roots;
+    gains.resize(count);
+    roots.resize(count);
+    const float dy = centre.dy(y);
+    const float row = dy * dy / diagonal2;
+    for (std::size_t i = 0; i < count; ++i) {
+      gains[i] = gain.at(columns[i] + row);
+      roots[i] = root.at(columns[i] + row);
+    }
+    // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
+    detail::applyEncodedGains(in, out, gains.data(), roots.data(), count);
+  });
+}
+
+}  // namespace vorn
