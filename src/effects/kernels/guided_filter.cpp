@@ -14,17 +14,17 @@ cv::Mat wrap(const Plane& plane) {
   return cv::Mat(plane.height(), plane.width(), CV_32FC1, const_cast<float*>(plane.data()));
 }
 
-}  // namespace
-
-void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control) {
+// Bands of rows so a stop is seen within one band; a band of a whole matrix reads its
+// neighbours' rows, so the bands join without seams.
+template <typename Filter>
+void filterInBands(const Plane& input, Plane& output, const RenderControl* control,
+                   const Filter& filter) {
   if (output.width() != input.width() || output.height() != input.height()) {
     output = Plane(input.width(), input.height());
   }
   if (input.size() == 0) return;
   const cv::Mat in = wrap(input);
   const cv::Mat out = wrap(output);
-  // Bands of rows so a stop is seen within one band; a band of a whole matrix reads its
-  // neighbours' rows, so the bands join without seams.
   constexpr int kBandRows = 64;
   const int bands = (input.height() + kBandRows - 1) / kBandRows;
   parallelRows(bands, [&](int first, int end) {
@@ -32,12 +32,27 @@ void boxMean(const Plane& input, int radius, Plane& output, const RenderControl*
       const int top = band * kBandRows;
       const int bottom = std::min(top + kBandRows, input.height());
       cv::Mat target = out.rowRange(top, bottom);
-      cv::boxFilter(in.rowRange(top, bottom), target, CV_32F,
-                    cv::Size(2 * radius + 1, 2 * radius + 1), cv::Point(-1, -1), true,
-                    cv::BORDER_REFLECT);
+      filter(in.rowRange(top, bottom), target);
     }
   });
   if (control) control->checkpoint();
+}
+
+}  // namespace
+
+void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control) {
+  filterInBands(input, output, control, [radius](const cv::Mat& in, cv::Mat& out) {
+    cv::boxFilter(in, out, CV_32F, cv::Size(2 * radius + 1, 2 * radius + 1), cv::Point(-1, -1),
+                  true, cv::BORDER_REFLECT);
+  });
+}
+
+void boxMinimum(const Plane& input, int radius, Plane& output, const RenderControl* control) {
+  const cv::Mat box =
+      cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * radius + 1, 2 * radius + 1));
+  filterInBands(input, output, control, [&box](const cv::Mat& in, cv::Mat& out) {
+    cv::erode(in, out, box, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+  });
 }
 
 // He, Sun and Tang's filter: per window, input ~ a * guide + b by least squares with the

@@ -10,6 +10,11 @@ class RenderControl;
 /// not be input. The control, when given, is polled between bands of rows.
 void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control = nullptr);
 
+/// Minimum over the (2 radius + 1)^2 box around each value, edges repeated; output must not be
+/// input. The control, when given, is polled between bands of rows.
+void boxMinimum(const Plane& input, int radius, Plane& output,
+                const RenderControl* control = nullptr);
+
 /// The guided filter: output follows `input` smoothed within radius, keeping the edges of
 /// `guide` whose local variance is well above eps. guide and input must be the same size; the
 /// control, when given, is polled between passes.

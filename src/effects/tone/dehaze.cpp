@@ -101,8 +101,6 @@ void DehazeEffect::render(const Window& window) const {
   const float strength = dehazeStrength(*this);
   const std::array<float, 3> light = airlight(window.statistics, window.statisticsRect);
   window.control.checkpoint();
-  const int width = window.input.width;
-  const int height = window.input.height;
   Plane dark = detail::planeOf(window.source, window.input, [&](const PixelRGB<float>& p) {
     return std::min(
         {finiteUnit(p.r) / light[0], finiteUnit(p.g) / light[1], finiteUnit(p.b) / light[2]});
@@ -111,10 +109,8 @@ void DehazeEffect::render(const Window& window) const {
     return detail::luminance(finiteUnit(p.r), finiteUnit(p.g), finiteUnit(p.b));
   });
   const int patch = window.pixels(kPatchRadius);
-  Plane rawTransmission(width, height);
-  cv::Mat patchMinimum(height, width, CV_32FC1, rawTransmission.data());
-  cv::erode(cv::Mat(height, width, CV_32FC1, dark.data()), patchMinimum,
-            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * patch + 1, 2 * patch + 1)));
+  Plane rawTransmission;
+  detail::boxMinimum(dark, patch, rawTransmission, &window.control);
   detail::parallelChunks(rawTransmission.size(), 1 << 16, [&](std::size_t first, std::size_t end) {
     for (std::size_t i = first; i < end; ++i)
       rawTransmission.data()[i] = 1.0f - strength * rawTransmission.data()[i];
