@@ -41,7 +41,8 @@ Bytes cameraProfile() {
     return b;
   };
   std::vector<std::uint32_t> map;
-  for (int i = 0; i < 4; ++i) map.insert(map.end(), {bits(5.0f * i), bits(1.0f), bits(1.0f)});
+  for (int i = 0; i < 4; ++i)
+    map.insert(map.end(), {bits(5.0f * static_cast<float>(i)), bits(1.0f), bits(1.0f)});
   const std::vector<Tag> tags{
       {50721, 10, identity},
       {50778, 3, {23}},
