@@ -223,6 +223,15 @@ TEST(DcpRenderTest, IdentityProfileChangesNothingAndMapsActAsTheyPromise) {
     }
   }
 
+  // Hostile pixels through the table stay finite.
+  auto hostile = std::make_shared<test::ImageRGBf>(_Size<int>(3, 1), PixelRGB<float>(0.5f));
+  hostile->at(0, 0) = PixelRGB<float>(INFINITY, 0.2f, 0.1f);
+  hostile->at(1, 0) = PixelRGB<float>(std::nanf(""), 0.4f, 0.3f);
+  hostile->at(2, 0) = PixelRGB<float>(-0.4f, 0.6f, 1.8f);
+  const auto safe = developWith(grey.path, 100, hostile);
+  for (int x = 0; x < 3; ++x)
+    EXPECT_TRUE(std::isfinite(safe->at(x, 0).r + safe->at(x, 0).g + safe->at(x, 0).b)) << x;
+
   // A forward matrix unlike the colour matrix changes colours but keeps greys grey.
   DcpWriter mixing;
   mixing.matrix(50721, kIdentity).tag(50778, 3, {23});

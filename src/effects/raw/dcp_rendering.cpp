@@ -51,7 +51,8 @@ HueSatLookup::HueSatLookup(const DcpHueSatMap& a, const DcpHueSatMap& b, float w
 void HueSatLookup::apply(float& r, float& g, float& b) const {
   const float high = std::max({r, g, b});
   const float low = std::min({r, g, b});
-  if (!(high > 0.0f)) return;
+  // Infinite or NaN light has no hue to look up.
+  if (!(high > 0.0f) || !std::isfinite(r + g + b)) return;
   const float chroma = high - low;
   float hue = 0.0f;  // in sixths of the circle
   if (chroma > 0.0f) {
@@ -70,7 +71,8 @@ void HueSatLookup::apply(float& r, float& g, float& b) const {
   const auto h0 = static_cast<std::size_t>(hp) % hues_;
   const std::size_t h1 = (h0 + 1) % hues_;
   const float hf = hp - std::floor(hp);
-  const float sp = saturation * static_cast<float>(saturations_ - 1);
+  // Negative channels (outside the gamut) read the table's saturated edge.
+  const float sp = std::min(saturation, 1.0f) * static_cast<float>(saturations_ - 1);
   const std::size_t s0 = std::min(static_cast<std::size_t>(sp), saturations_ - 2);
   const float sf = sp - static_cast<float>(s0);
   const float vp = values_ > 1 ? value * static_cast<float>(values_ - 1) : 0.0f;
