@@ -34,7 +34,6 @@ struct BenchDocument {
     adjustment = std::make_shared<AdjustmentLayer>(0);
     adjustment->pushBackEffect(effect("VORNExposureEffect", 40.0f));
     adjustment->pushBackEffect(effect("VORNContrastEffect", 30.0f));
-    // Saturation still passes its pixels through: its step is a copy.
     adjustment->pushBackEffect(effect("VORNSaturationEffect", 30.0f));
     adjustment->setOpacity(0.8f);
     processor.addLayer(imageLayer, 0);

@@ -57,6 +57,8 @@ bool parseValue(const std::string& option, const std::string& value, ApplyOption
   bool valid = true;
   if (option == "--effect") {
     options.effects.push_back(value);
+  } else if (option == "--preset") {
+    options.presets.push_back(value);
   } else if (option == "--quality") {
     valid = parseInt(value, 1, 100, options.quality);
   } else if (option == "--depth") {
@@ -97,13 +99,21 @@ bool checkOutputFormat(const ApplyOptions& options, bool jpegOnlyGiven, std::str
 }  // namespace
 
 const char* const kApplyUsage =
-    "usage: vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
-    "                 [--depth 8|16|32] [--long-side PIXELS]\n"
+    "usage: vorn apply IN OUT [--preset FILE.json]... [--effect ID[:Name=value,...]]...\n"
+    "                 [--quality 1-100] [--depth 8|16|32] [--long-side PIXELS]\n"
     "                 [--profile srgb|adobe|prophoto|working]\n"
     "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
     "                 [--fail-on none|truncated|error]\n"
     "  --fail-on: which damage in the input refuses it: error (the default: any the decoder\n"
     "             reports), truncated (only data that ends early) or none (keep what decodes)\n";
+
+const char* const kRenderUsage =
+    "usage: vorn render DOCUMENT.json OUT [--quality 1-100] [--depth 8|16|32] [--long-side "
+    "PIXELS]\n"
+    "                 [--profile srgb|adobe|prophoto|working]\n"
+    "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
+    "                 [--fail-on none|truncated|error]\n"
+    "  renders the document's photo with its layers, crop and orientation\n";
 
 bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,
                        std::string& error) {

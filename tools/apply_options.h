@@ -17,6 +17,7 @@ struct ApplyOptions {
   std::string input;
   std::string output;
   std::vector<std::string> effects;  ///< `--effect` texts, in order
+  std::vector<std::string> presets;  ///< `--preset` files, stacked in order below the effects
   int quality = 92;
   int depth = 8;  ///< 32 writes a float TIFF that keeps values above 1
   int longestSide = 0;
@@ -30,6 +31,9 @@ struct ApplyOptions {
 
 /// The usage lines of `vorn apply`.
 extern const char* const kApplyUsage;
+
+/// The usage lines of `vorn render`.
+extern const char* const kRenderUsage;
 
 /// Parses the words after `apply`; false and `error` naming the bad word or combination.
 bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,

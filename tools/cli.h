@@ -1,10 +1,18 @@
 #pragma once
 
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
+namespace vorn {
+class Effect;
+}
+
 namespace vorn::cli {
+
+struct ApplyOptions;
+struct LayeredEdit;
 
 /// Exit codes of the `vorn` command.
 enum ExitCode : int {
@@ -19,6 +27,14 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out, std::ostrea
 int runEffects(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `vorn apply IN OUT --effect ID[:Name=value,...]... [options]`.
 int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+/// `vorn render DOCUMENT.json OUT [options]`: the document's photo with its layers and crop.
+int runRender(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+/// The shared body of apply and render: decode, edit, write; messages start with `command`.
+int applyToFile(const char* command, const ApplyOptions& options,
+                const std::vector<std::shared_ptr<Effect>>& effects, const LayeredEdit& edit,
+                std::ostream& out, std::ostream& err);
 
 /// Dispatches argv to a command; the library must be started already.
 int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);

@@ -6,6 +6,7 @@
 #include "apply_options.h"
 #include "cli.h"
 #include "effect_chain.h"
+#include "layered_edit.h"
 #include "vorn/core/file_utils.h"
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_magick_reader.h"
@@ -27,8 +28,9 @@ _Size<int> coverFor(_Size<int> input, int longestSide) {
   return input.width >= input.height ? _Size<int>(longestSide, 0) : _Size<int>(0, longestSide);
 }
 
-void reportInputFailure(const std::string& path, ImageReaderErrorCode code, std::ostream& err) {
-  err << "vorn apply: " << path << ": ";
+void reportInputFailure(const char* command, const std::string& path, ImageReaderErrorCode code,
+                        std::ostream& err) {
+  err << command << ": " << path << ": ";
   switch (code) {
     case kImageReaderCorrupt:
       err << "the file's data is damaged or unreadable (code 6)\n";
@@ -42,16 +44,15 @@ void reportInputFailure(const std::string& path, ImageReaderErrorCode code, std:
 }
 
 // The command owns the decoded frame outright, so the effects can run on it in place.
-std::shared_ptr<ImageFrame> decodeOwnedFrame(const ImageFileClass& file,
-                                             const ApplyOptions& options, _Size<int> inputSize,
-                                             std::ostream& err) {
+OwnedFrame decodeOwnedFrame(const char* command, const ImageFileClass& file,
+                            const ApplyOptions& options, _Size<int> inputSize, std::ostream& err) {
   FrameRequest request;
   request.cover = coverFor(inputSize, options.longestSide);
   request.failOn = options.failOn;
   OwnedFrame decoded = ImageReader::decodeFrame(file, request);
-  if (decoded.frame && !decoded.frame->empty()) return std::move(decoded.frame);
-  reportInputFailure(file.path, decoded.errorCode, err);
-  return nullptr;
+  if (decoded.frame && !decoded.frame->empty()) return decoded;
+  reportInputFailure(command, file.path, decoded.errorCode, err);
+  return {};
 }
 
 ExportParameters exportParameters(const ApplyOptions& options) {
@@ -89,7 +90,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     err << "vorn apply: " << error << '\n' << kApplyUsage;
     return kExitUsage;
   }
-  // Every effect is checked before the (slow) decode so that a typo costs nothing.
+  // Every effect and preset is checked before the (slow) decode so that a typo costs nothing.
   std::vector<std::shared_ptr<Effect>> effects;
   for (const std::string& text : options.effects) {
     EffectRequest request;
@@ -104,16 +105,28 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
     for (const std::string& warning : warnings) err << "vorn apply: warning: " << warning << '\n';
     effects.push_back(std::move(effect));
   }
+  LayeredEdit edit;
+  if (!readPresets(options.presets, edit, error)) {
+    err << "vorn apply: " << error << '\n';
+    return kExitUsage;
+  }
+  return applyToFile("vorn apply", options, effects, edit, out, err);
+}
+
+int applyToFile(const char* command, const ApplyOptions& options,
+                const std::vector<std::shared_ptr<Effect>>& effects, const LayeredEdit& edit,
+                std::ostream& out, std::ostream& err) {
+  std::string error;
   if (!std::filesystem::is_regular_file(options.input)) {
-    err << "vorn apply: " << options.input << ": no such file\n";
+    err << command << ": " << options.input << ": no such file\n";
     return kExitFailed;
   }
   if (imageFileFormatOfExtension(getFileExtension(options.input)) == ImageFileFormat::Unknown) {
-    err << "vorn apply: " << options.input << ": not a supported image file (raw, JPEG or TIFF)\n";
+    err << command << ": " << options.input << ": not a supported image file (raw, JPEG or TIFF)\n";
     return kExitFailed;
   }
   if (samePath(options.input, options.output)) {
-    err << "vorn apply: the output would overwrite the input " << options.input << '\n';
+    err << command << ": the output would overwrite the input " << options.input << '\n';
     return kExitUsage;
   }
 
@@ -122,7 +135,7 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   const _Size<int> inputSize = ImageReader::getImageSize(file);
   // The output is checked before the (slow) decode: folder, permissions and the written size.
   if (std::string reason; !ImageMagickReader::checkExport(inputSize, exported, reason)) {
-    err << "vorn apply: " << options.output << ": " << reason << '\n';
+    err << command << ": " << options.output << ": " << reason << '\n';
     return kExitFailed;
   }
 
@@ -130,47 +143,58 @@ int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostre
   const auto report = [&](_Size<int> outputSize) {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", "
-        << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
+    std::size_t layers = 0;
+    for (const auto& preset : edit.presets) layers += preset.first.layers.size();
+    out << options.output << ": " << outputSize.width << " x " << outputSize.height << ", ";
+    if (layers > 0) out << layers << " preset layer" << (layers == 1 ? "" : "s") << ", ";
+    out << effects.size() << " effect" << (effects.size() == 1 ? "" : "s") << ", " << seconds
         << " s\n";
     return kExitOk;
   };
   // Per-pixel edits of an upright JPEG stream through in bands: no full frame is ever made.
   // "--profile working" names the decoded frame's profile, so it takes the whole-frame path.
-  if (options.profile != ProfileChoice::Working && effectsRunBandByBand(effects)) {
+  if (options.profile != ProfileChoice::Working && !edit.needsProcessor() &&
+      effectsRunBandByBand(effects)) {
     const StreamedExportResult streamed =
         exportStreamed(file, options.failOn, exported, effectsOnBands(effects, inputSize, error));
     switch (streamed.status) {
       case StreamedExportStatus::Written:
         return report(streamed.size);
       case StreamedExportStatus::InputFailed:
-        reportInputFailure(file.path, streamed.code, err);
+        reportInputFailure(command, file.path, streamed.code, err);
         return kExitFailed;
       case StreamedExportStatus::ProcessFailed:
-        err << "vorn apply: " << error << '\n';
+        err << command << ": " << error << '\n';
         return kExitFailed;
       case StreamedExportStatus::OutputFailed:
-        err << "vorn apply: " << options.output << ": could not be written (see the log)\n";
+        err << command << ": " << options.output << ": could not be written (see the log)\n";
         return kExitFailed;
       case StreamedExportStatus::NotStreamable:
         break;
     }
   }
 
-  const std::shared_ptr<ImageFrame> frame = decodeOwnedFrame(file, options, inputSize, err);
-  if (!frame) return kExitFailed;
-  if (!applyEffects(frame, effects, error)) {
-    err << "vorn apply: " << error << '\n';
+  const OwnedFrame decoded = decodeOwnedFrame(command, file, options, inputSize, err);
+  if (!decoded.frame) return kExitFailed;
+  std::shared_ptr<const ImageFrame> result = decoded.frame;
+  if (edit.needsProcessor()) {
+    // Layers, masks, blend modes and a crop need the image processor.
+    result = renderLayered(decoded, edit, effects, error);
+  } else if (!applyEffects(decoded.frame, effects, error)) {
+    result = nullptr;
+  }
+  if (!result) {
+    err << command << ": " << error << '\n';
     return kExitFailed;
   }
 
-  if (options.profile == ProfileChoice::Working) exported.colorProfile = frame->colorProfile;
-  const bool written = ImageMagickReader::writeImageToFile(*frame, exported);
+  if (options.profile == ProfileChoice::Working) exported.colorProfile = result->colorProfile;
+  const bool written = ImageMagickReader::writeImageToFile(*result, exported);
   if (!written) {
-    err << "vorn apply: " << options.output << ": could not be written (see the log)\n";
+    err << command << ": " << options.output << ": could not be written (see the log)\n";
     return kExitFailed;
   }
-  return report(ImageMagickReader::writtenSize(frame->size(), exported));
+  return report(ImageMagickReader::writtenSize(result->size(), exported));
 }
 
 }  // namespace vorn::cli

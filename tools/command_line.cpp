@@ -10,12 +10,15 @@ void printHelp(std::ostream& out) {
   out << "vorn " << vornVersionString() << " - the photo engine on the command line\n\n"
       << "  vorn info FILE                       size, bit depth and camera metadata\n"
       << "  vorn effects [ID...]                 effect identifiers and their parameters\n"
-      << "  vorn apply IN OUT [--effect ID[:Name=value,...]]... [--quality 1-100]\n"
-      << "             [--depth 8|16|32] [--long-side PIXELS]\n"
+      << "  vorn apply IN OUT [--preset FILE.json]... [--effect ID[:Name=value,...]]...\n"
+      << "             [--quality 1-100] [--depth 8|16|32] [--long-side PIXELS]\n"
       << "             [--profile srgb|adobe|prophoto|working]\n"
       << "             [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
       << "             [--fail-on none|truncated|error]\n"
-      << "                                       run effects in order and write JPEG or TIFF\n\n"
+      << "                                       run presets, then effects, and write JPEG or "
+         "TIFF\n"
+      << "  vorn render DOCUMENT.json OUT [output options as for apply]\n"
+      << "                                       a photo with its layers, crop and orientation\n\n"
       << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n"
       << "Name.data=TEXT gives a parameter its optional data, e.g. a LUT file (a bare name is\n"
       << "looked for in the data folder's LUTs): "
@@ -34,6 +37,7 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   if (command == "info") return runInfo(rest, out, err);
   if (command == "effects") return runEffects(rest, out, err);
   if (command == "apply") return runApply(rest, out, err);
+  if (command == "render") return runRender(rest, out, err);
   if (command == "help" || command == "--help" || command == "-h") {
     printHelp(out);
     return kExitOk;

@@ -7,6 +7,7 @@
 
 #include "apply_options.h"
 #include "cli.h"
+#include "cli_test_support.h"
 #include "effect_chain.h"
 #include "effects/effect_test_support.h"
 #include "error_echo.h"
@@ -21,19 +22,6 @@
 
 namespace vorn::cli {
 namespace {
-
-struct CommandRun {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-CommandRun run(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code = runCommandLine(args, out, err);
-  return {code, out.str(), err.str()};
-}
 
 std::shared_ptr<Effect> make(const std::string& text, std::string& error,
                              std::vector<std::string>* warnings = nullptr) {

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vorn/core/crop_description.h"
+#include "vorn/effects/effect.h"
+#include "vorn/io/image_reader.h"
+#include "vorn/presets/preset.h"
+
+namespace vorn::cli {
+
+/// What a render through the image processor adds to a photo: preset layers (each with the
+/// folder its mask blobs are found in), then the command line's effects as one more layer, and
+/// a document's crop and orientation.
+struct LayeredEdit {
+  std::vector<std::pair<Preset, std::string>> presets;
+  std::optional<CropDescription> crop;
+  int orientation = 1;
+  bool needsProcessor() const { return !presets.empty() || crop || orientation != 1; }
+};
+
+/// Reads `--preset` files; false and `error` naming the file, line and field on the first fault.
+bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::string& error);
+
+/// Renders the decoded photo through the image processor with the edit's layers on top and
+/// `effects` as the last layer; null and `error` on failure.
+std::shared_ptr<const ImageDataRGBf> renderLayered(
+    const OwnedFrame& decoded, const LayeredEdit& edit,
+    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
+
+}  // namespace vorn::cli
