@@ -226,6 +226,8 @@ const bool kRegistered = [] {
       {"VORNRamixVibranceEffect", {60}},
       {"VORNPolarizeEffect", {70}},
       {"VORNWhiteBalanceEffect", {40, 20}},
+      {"VORNRawWhiteBalanceEffect", {40, 20}},
+      {"VORNRawDevelopEffect", {80, 40, 100}},
       {"VORNFoliageEnhanceEffect", {70}},
       {"VORNBWChannelsEffect", {100, 40, 20, -30, 0, -20, 10}},
       {"VORNSplitToningEffect", {45, 60, 220, 60, 10}},

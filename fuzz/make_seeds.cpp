@@ -1,9 +1,11 @@
 // Writes valid starting inputs for the fuzz targets: make_seeds <folder> fills
-// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory,apply_args,cube_parse}/.
+// <folder>/{mask_blob,proxy_blob,zlib_stream,open_memory,apply_args,cube_parse,dcp_parse}/.
 #include <zlib.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -23,6 +25,53 @@ void save(const fs::path& folder, const std::string& name, const Bytes& bytes) {
   std::ofstream(folder / name, std::ios::binary)
       .write(reinterpret_cast<const char*>(bytes.data()),
              static_cast<std::streamsize>(bytes.size()));
+}
+
+/// A little-endian camera profile: identity colour and forward matrices, a 2 x 2 x 1 hue/saturation
+/// map and a three-point tone curve.
+Bytes cameraProfile() {
+  struct Tag {
+    std::uint16_t id, type;
+    std::vector<std::uint32_t> words;  // rationals as numerator, denominator pairs
+  };
+  const std::vector<std::uint32_t> identity{1, 1, 0, 1, 0, 1, 0, 1, 1, 1, 0, 1, 0, 1, 0, 1, 1, 1};
+  const auto bits = [](float f) {
+    std::uint32_t b;
+    std::memcpy(&b, &f, 4);
+    return b;
+  };
+  std::vector<std::uint32_t> map;
+  for (int i = 0; i < 4; ++i)
+    map.insert(map.end(), {bits(5.0f * static_cast<float>(i)), bits(1.0f), bits(1.0f)});
+  const std::vector<Tag> tags{
+      {50721, 10, identity},
+      {50778, 3, {23}},
+      {50937, 4, {2, 2, 1}},
+      {50938, 11, map},
+      {50940, 11, {bits(0), bits(0), bits(0.5f), bits(0.6f), bits(1), bits(1)}},
+      {50964, 10, identity}};
+  Bytes out{'I', 'I', 'R', 'C', 8, 0, 0, 0};
+  const auto put = [](Bytes& to, std::uint32_t v, int size) {
+    for (int i = 0; i < size; ++i) to.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+  };
+  put(out, static_cast<std::uint32_t>(tags.size()), 2);
+  Bytes data;
+  const std::size_t dataStart = out.size() + 12 * tags.size() + 4;
+  for (const Tag& t : tags) {
+    put(out, t.id, 2);
+    put(out, t.type, 2);
+    const std::size_t count = t.type == 10 ? t.words.size() / 2 : t.words.size();
+    put(out, static_cast<std::uint32_t>(count), 4);
+    if (t.type == 3) {
+      put(out, t.words[0], 4);
+      continue;
+    }
+    put(out, static_cast<std::uint32_t>(dataStart + data.size()), 4);
+    for (const std::uint32_t w : t.words) put(data, w, 4);
+  }
+  put(out, 0, 4);
+  out.insert(out.end(), data.begin(), data.end());
+  return out;
 }
 
 vorn::MaskImage disc(int w, int h) {
@@ -118,5 +167,6 @@ int main(int argc, char** argv) {
   for (const auto& [name, text] :
        {std::pair<std::string, std::string>{"curve", curve}, {"lattice", lattice}})
     save(root / "cube_parse", name, Bytes(text.begin(), text.end()));
+  save(root / "dcp_parse", "profile", cameraProfile());
   return 0;
 }

@@ -23,7 +23,7 @@ cp tests/data/truncated_iphone12promax_exiv2.dng "$runs/seeds/open_memory/"
 mkdir -p "$runs/seeds/preset_parse"
 cp presets/*.json "$runs/seeds/preset_parse/"
 
-for target in mask_blob proxy_blob zlib_stream open_memory decode_frame export apply_args cube_parse preset_parse; do
+for target in mask_blob proxy_blob zlib_stream open_memory decode_frame export apply_args cube_parse preset_parse dcp_parse; do
   corpus="$runs/corpus/$target"
   artifacts="$runs/artifacts/$target"
   log="$runs/$target.log"

@@ -52,6 +52,8 @@ declare -A strong=(
   [VORNRamixVibranceEffect]="Vibrance=90"
   [VORNPolarizeEffect]="Amount=100"
   [VORNWhiteBalanceEffect]="Temperature=60,Tint=20"
+  [VORNRawWhiteBalanceEffect]="Temperature=-40,Tint=10"
+  [VORNRawDevelopEffect]="Highlight Recovery=100,Black Level=60"
   [VORNFoliageEnhanceEffect]="Amount=100"
   [VORNBWChannelsEffect]="Amount=100,Red=60,Yellow=40,Blue=-50"
   [VORNSplitToningEffect]="Highlights Saturation=80,Shadows Saturation=80"

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -81,6 +82,14 @@ TEST(RawSourceLoad, QuarterFirstThenFullWithListeners) {
   EXPECT_EQ(result.image->metadata()->cameraName, "Blackmagic");
   EXPECT_EQ(result.image->metadata()->sizeRawMatrix, std::make_pair(4128, 2176));
   EXPECT_EQ(result.image->metadata()->shutterSpeed, 0.0f);  // the file's negative value
+  // The DNG's colour calibration reaches the metadata: a colour matrix and as-shot multipliers.
+  const ImageMetadata::CameraColor& color = result.image->metadata()->cameraColor;
+  const std::array<float, 9> absent{};
+  EXPECT_NE(color.colorMatrix1, absent);
+  EXPECT_GT(color.illuminant1, 0);
+  EXPECT_EQ(color.asShotMultipliers[1], 1.0f);
+  EXPECT_GT(color.asShotMultipliers[0], 0.0f);
+  EXPECT_GT(color.asShotMultipliers[2], 0.0f);
 
   source->waitForQuarterFrame();
   const ConstImageFrame first = source->getImageData();

@@ -5,7 +5,7 @@
 #include "vorn/effects/declared_effect.h"
 
 // Colour effects: point-wise, on sRGB-encoded pixels, judging colour in linear light or Oklab.
-// Raw white balance and raw develop still pass their input through.
+// Raw white balance and raw develop work on the developed raw frame's ProPhoto primaries.
 namespace vorn {
 
 using detail::DeclaredEffect;
@@ -91,12 +91,13 @@ class ColorContrastEffect final : public DeclaredEffect<ColorContrastEffect, Poi
   Kernel prepare(const Setup& setup) const override;
 };
 
-class RawWhiteBalanceEffect final : public PassThroughEffect<RawWhiteBalanceEffect> {
+class RawWhiteBalanceEffect final : public DeclaredEffect<RawWhiteBalanceEffect, PointEffect> {
  public:
   static constexpr std::string_view kId = "VORNRawWhiteBalanceEffect";
   // Relative to the camera's as-shot balance, so 0 is the camera's own rendering.
   static constexpr DeclaredParameter kParameters[] = {{"Temperature", -100, 100, 0},
                                                       {"Tint", -100, 100, 0}};
+  Kernel prepare(const Setup& setup) const override;
 };
 
 class ChannelsEffect final : public DeclaredEffect<ChannelsEffect, PointEffect> {
@@ -181,12 +182,13 @@ class ChannelMixerEffect final : public DeclaredEffect<ChannelMixerEffect, Point
   Kernel prepare(const Setup& setup) const override;
 };
 
-class RawDevelopEffect final : public PassThroughEffect<RawDevelopEffect> {
+class RawDevelopEffect final : public DeclaredEffect<RawDevelopEffect, PointEffect> {
  public:
   static constexpr std::string_view kId = "VORNRawDevelopEffect";
   static constexpr DeclaredParameter kParameters[] = {{"Highlight Recovery", 0, 100, 0},
                                                       {"Black Level", -100, 100, 0},
                                                       {"Profile Strength", 0, 100, 100}};
+  Kernel prepare(const Setup& setup) const override;
 };
 
 class ColorBalanceEffect final : public DeclaredEffect<ColorBalanceEffect, PointEffect> {

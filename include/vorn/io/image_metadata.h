@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
 #include <utility>
@@ -38,6 +39,19 @@ struct ImageMetadata {
   float focalPlaneXResolution = 0.0f;
   float focalPlaneYResolution = 0.0f;
   std::pair<int, int> sizeRawMatrix{0, 0};  ///< sensor matrix width and height
+
+  /// A raw file's colour calibration; matrices are row-major and all zero when absent.
+  struct CameraColor {
+    std::array<float, 9> colorMatrix1{};    ///< XYZ to camera under illuminant 1
+    std::array<float, 9> colorMatrix2{};    ///< XYZ to camera under illuminant 2
+    std::array<float, 9> forwardMatrix1{};  ///< white-balanced camera to XYZ (D50)
+    std::array<float, 9> forwardMatrix2{};
+    int illuminant1 = 0;  ///< EXIF light source codes of the calibrations
+    int illuminant2 = 0;
+    std::array<float, 3> asShotMultipliers{};  ///< camera white balance, green 1
+    bool operator==(const CameraColor&) const = default;
+  };
+  CameraColor cameraColor;
 
   /// The camera's DCP profile bytes, if any; copies share it until deepCopyDCP.
   std::shared_ptr<Blob> dcpProfile;

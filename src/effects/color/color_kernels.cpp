@@ -33,9 +33,10 @@ std::array<float, 3> glassTransmission(float degrees, float density) {
 
 namespace {
 
-/// CIE daylight locus chromaticity at correlated colour temperature kelvin (4000 ... 25000 K).
+/// CIE daylight locus chromaticity at correlated colour temperature kelvin (2500 ... 25000 K).
 std::array<double, 2> daylight(double kelvin) {
-  const double t = std::clamp(kelvin, 4000.0, 25000.0);
+  // Below 4000 K the polynomial is continued: it stays within 0.005 of the Planckian locus.
+  const double t = std::clamp(kelvin, 2500.0, 25000.0);
   const double t2 = t * t;
   const double x = t <= 7000.0 ? -4.6070e9 / (t2 * t) + 2.9678e6 / t2 + 0.09911e3 / t + 0.244063
                                : -2.0064e9 / (t2 * t) + 1.9018e6 / t2 + 0.24748e3 / t + 0.237040;
@@ -58,18 +59,30 @@ constexpr std::array<double, 2> kD65{0.3127, 0.3290};
 }  // namespace
 
 std::array<float, 2> shiftedWhite(float miredShift, float duv) {
+  return shiftedWhite(kD65, kD65Kelvin, miredShift, duv, 250.0);
+}
+
+std::array<float, 2> shiftedWhite(std::array<double, 2> base, double baseKelvin, float miredShift,
+                                  float duv, double maxMired) {
   // Mired (1e6 / K) steps are even steps of perceived warmth; the shift is limited to the
-  // locus' valid span. The offset along the locus is taken relative to D65's own point on it.
+  // locus' valid span. The offset along the locus is taken relative to the base's own point on it.
   const double mired =
-      std::clamp(1.0e6 / kD65Kelvin + static_cast<double>(miredShift), 40.0, 250.0);
+      std::clamp(1.0e6 / baseKelvin + static_cast<double>(miredShift), 40.0, maxMired);
   const auto along = toUv(daylight(1.0e6 / mired));
-  const auto atD65 = toUv(daylight(kD65Kelvin));
-  const auto d65 = toUv(kD65);
-  const auto xy = fromUv({d65[0] + along[0] - atD65[0], d65[1] + along[1] - atD65[1] + duv});
+  const auto atBase = toUv(daylight(baseKelvin));
+  const auto origin = toUv(base);
+  const auto xy =
+      fromUv({origin[0] + along[0] - atBase[0], origin[1] + along[1] - atBase[1] + duv});
   return {static_cast<float>(xy[0]), static_cast<float>(xy[1])};
 }
 
 Matrix3 adaptationToD65(std::array<float, 2> white) {
+  return bradfordAdaptation(linearSrgbToXyz(), white,
+                            {static_cast<float>(kD65[0]), static_cast<float>(kD65[1])});
+}
+
+Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
+                           std::array<float, 2> target) {
   static const Matrix3 bradford{
       {0.8951f, 0.2664f, -0.1614f, -0.7502f, 1.7135f, 0.0367f, 0.0389f, -0.0685f, 1.0296f}};
   const auto lms = [](std::array<float, 2> xy) {
@@ -80,10 +93,9 @@ Matrix3 adaptationToD65(std::array<float, 2> white) {
                                 bradford.m[6] * X + bradford.m[7] + bradford.m[8] * Z};
   };
   const auto source = lms(white);
-  const auto target = lms({static_cast<float>(kD65[0]), static_cast<float>(kD65[1])});
+  const auto goal = lms(target);
   const Matrix3 scale =
-      Matrix3::diagonal(target[0] / source[0], target[1] / source[1], target[2] / source[2]);
-  const Matrix3& toXyz = linearSrgbToXyz();
+      Matrix3::diagonal(goal[0] / source[0], goal[1] / source[1], goal[2] / source[2]);
   return inverse(toXyz) * inverse(bradford) * scale * bradford * toXyz;
 }
 

@@ -16,7 +16,7 @@ namespace vorn::detail {
 /// adjust over channel planes, cloned for the wider vector units (the loops vectorise).
 template <typename Adjust>
 VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
-                                std::size_t count) {
+                                         std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i]);
 }
 
@@ -122,10 +122,17 @@ std::array<float, 3> glassTransmission(float degrees, float density);
 /// A white point shifted from D65 by `miredShift` along the daylight locus (positive is
 /// warmer light) and by `duv` across it (positive is greener), as CIE xy.
 std::array<float, 2> shiftedWhite(float miredShift, float duv);
+/// The same from `base` (CIE xy near the daylight locus at baseKelvin), at most maxMired.
+std::array<float, 2> shiftedWhite(std::array<double, 2> base, double baseKelvin, float miredShift,
+                                  float duv, double maxMired);
 
 /// The Bradford chromatic adaptation, in linear sRGB, from a scene lit by `white` (CIE xy) to
 /// D65: a picture taken under that light then looks as if lit by daylight.
 Matrix3 adaptationToD65(std::array<float, 2> white);
+/// The Bradford adaptation from `white` to `target` (CIE xy) in the linear RGB whose matrix to
+/// XYZ is toXyz.
+Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
+                           std::array<float, 2> target);
 
 /// The weights of shadows and highlights over Oklab lightness; `balance` in [-1, 1] moves their
 /// border up (more shadows) or down. Black and white themselves get no tint.

@@ -137,6 +137,34 @@ float finiteOrZero(float v) {
   return std::isfinite(v) && v > 0.0f ? v : 0.0f;
 }
 
+/// The DNG calibration the decoder read (three-colour cameras only: the 3 x 3 part of each
+/// matrix) and the as-shot multipliers; a matrix with a non-finite entry stays absent.
+void fillCameraColor(const libraw_colordata_t& color, ImageMetadata::CameraColor& out) {
+  const auto take = [](std::array<float, 9>& to, auto at) {
+    std::array<float, 9> m{};
+    for (std::size_t i = 0; i < 9; ++i) {
+      m[i] = at(i / 3, i % 3);
+      if (!std::isfinite(m[i])) return;
+    }
+    to = m;
+  };
+  const libraw_dng_color_t* dng = color.dng_color;
+  // colormatrix is [camera colour][XYZ]; forwardmatrix is [XYZ][camera colour].
+  take(out.colorMatrix1, [&](std::size_t r, std::size_t c) { return dng[0].colormatrix[r][c]; });
+  take(out.colorMatrix2, [&](std::size_t r, std::size_t c) { return dng[1].colormatrix[r][c]; });
+  take(out.forwardMatrix1,
+       [&](std::size_t r, std::size_t c) { return dng[0].forwardmatrix[r][c]; });
+  take(out.forwardMatrix2,
+       [&](std::size_t r, std::size_t c) { return dng[1].forwardmatrix[r][c]; });
+  out.illuminant1 = dng[0].illuminant;
+  out.illuminant2 = dng[1].illuminant;
+  const float green = color.cam_mul[1];
+  if (std::isfinite(green) && green > 0.0f) {
+    for (std::size_t c = 0; c < 3; ++c)
+      out.asShotMultipliers[c] = finiteOrZero(color.cam_mul[c] / green);
+  }
+}
+
 void fillMetadata(const LibRaw& decoder, ImageMetadata& metadata) {
   const libraw_data_t& d = decoder.imgdata;
   metadata.cameraName = text(d.idata.make);
@@ -154,6 +182,7 @@ void fillMetadata(const LibRaw& decoder, ImageMetadata& metadata) {
   if (d.lens.makernotes.LensID != 0) metadata.lensId = std::to_string(d.lens.makernotes.LensID);
   metadata.sizeRawMatrix = {d.sizes.raw_width, d.sizes.raw_height};
   metadata.mutableParameters.orientation = orientationFromFlip(d.sizes.flip);
+  fillCameraColor(d.color, metadata.cameraColor);
 }
 
 struct ProgressContext {

@@ -46,6 +46,7 @@ std::shared_ptr<const ImageMetadata> mergeMetadata(std::shared_ptr<const ImageMe
   fill(merged->lensId, decoder.lensId);
   // The decoder's own view of the sensor and of the orientation it applied wins.
   merged->sizeRawMatrix = decoder.sizeRawMatrix;
+  merged->cameraColor = decoder.cameraColor;
   merged->mutableParameters.orientation = decoder.mutableParameters.orientation;
   return merged;
 }
