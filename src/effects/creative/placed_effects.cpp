@@ -220,18 +220,23 @@ void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
     std::copy(in, in + first, out);
     std::copy(in + end, in + count, out + end);
     if (first == end) return;
-    thread_local std::vector<PixelRGB<float>> adjusted;
-    adjusted.resize(end - first);
-    for (std::size_t i = first; i < end; ++i) {
-      const PixelRGB<float> p = detail::spreadable(in[i]);
-      adjusted[i - first] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
-    }
-    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), end - first);
-    for (std::size_t i = first; i < end; ++i) {
-      const PixelRGB<float> a = detail::saturated(adjusted[i - first], saturation);
-      out[i] = detail::mix(
-          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
-          covered(i));
+    // Blocks small enough that the adjusted pixels stay in the first-level cache between passes.
+    constexpr std::size_t kBlock = 256;
+    std::array<PixelRGB<float>, kBlock> adjusted;
+    for (std::size_t start = first; start < end; start += kBlock) {
+      const std::size_t block = std::min(kBlock, end - start);
+      for (std::size_t i = 0; i < block; ++i) {
+        const PixelRGB<float> p = detail::spreadable(in[start + i]);
+        adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+      }
+      detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), block);
+      for (std::size_t i = 0; i < block; ++i) {
+        const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+        out[start + i] = detail::mix(
+            in[start + i],
+            PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
+            covered(start + i));
+      }
     }
   });
 }
