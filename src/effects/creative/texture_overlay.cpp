@@ -29,7 +29,9 @@ constexpr std::uint32_t kPaperSeed = 0x5eedu;
 
 /// Overlay of blend b over base a: multiply below mid-grey, screen above.
 inline float overlay(float a, float b) {
-  const float u = detail::unitClamp(a);
+  // Clamped by selects (std::clamp's reference returns branch), so the blend loop vectorises.
+  float u = a < 0.0f ? 0.0f : a;
+  u = u > 1.0f ? 1.0f : u;
   const float blended = u < 0.5f ? 2.0f * u * b : 1.0f - 2.0f * (1.0f - u) * (1.0f - b);
   return a + (blended - u);
 }
@@ -136,7 +138,7 @@ void TextureOverlayEffect::render(const Window& window) const {
     // The texture of the row first, then the blend in a loop of its own that has no table reads
     // and vectorises.
     thread_local std::vector<float> texture;
-    texture.resize(count);
+    texture.resize(3 * count);
     for (std::size_t i = 0; i < count; ++i) {
       const double u = wrappedSum(columnU[i], rowU);
       const double v = wrappedSum(columnV[i], rowV);
@@ -148,14 +150,17 @@ void TextureOverlayEffect::render(const Window& window) const {
       const int v1 = v0 + 1 == kTileTexels ? 0 : v0 + 1;
       const auto du = static_cast<float>(u - u0);
       const auto dv = static_cast<float>(v - v0);
-      texture[i] = detail::mix(detail::mix(texel(u0, v0), texel(u1, v0), du),
-                               detail::mix(texel(u0, v1), texel(u1, v1), du), dv);
+      const float t = detail::mix(detail::mix(texel(u0, v0), texel(u1, v0), du),
+                                  detail::mix(texel(u0, v1), texel(u1, v1), du), dv);
+      // One value per channel, so the blend runs over the row as a flat array of floats.
+      texture[3 * i] = t;
+      texture[3 * i + 1] = t;
+      texture[3 * i + 2] = t;
     }
-    for (std::size_t i = 0; i < count; ++i) {
-      const float t = texture[i];
-      const PixelRGB<float> textured(overlay(in[i].r, t), overlay(in[i].g, t), overlay(in[i].b, t));
-      out[i] = detail::mix(in[i], textured, opacity);
-    }
+    const float* source = &in->r;
+    float* target = &out->r;
+    for (std::size_t n = 0; n < 3 * count; ++n)
+      target[n] = detail::mix(source[n], overlay(source[n], texture[n]), opacity);
   });
 }
 
