@@ -72,7 +72,11 @@ void GrainNewEffect::render(const Window& window) const {
     coarse.accumulate(fy, coarseAmplitude, noise.data(), lattice);
     fine.accumulate(fy, fineAmplitude, noise.data(), lattice);
     for (std::size_t i = 0; i < count; ++i) {
-      const float l = detail::unitClamp(detail::luminance(in[i]));
+      // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
+      // passes through as it did.
+      float l = detail::luminance(in[i]);
+      l = l < 0.0f ? 0.0f : l;
+      l = l > 1.0f ? 1.0f : l;
       const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
       const float g = noise[i] * strength;
       // Grain never pushes a channel below black (selects, so NaN reads as black as before).

@@ -33,6 +33,14 @@ FrameGradient gradientOf(const Effect& effect, _Rect<int> frame, std::size_t rot
                        kNarrowest + (2.0f - kNarrowest) * fraction(effect, rotation + 2));
 }
 
+/// The cubic Hermite step of t clamped to 0 ... 1, by selects so NaN lands on 0 and loops
+/// vectorise.
+inline float unitStep(float t) {
+  t = t > 0.0f ? t : 0.0f;
+  t = t < 1.0f ? t : 1.0f;
+  return t * t * (3.0f - 2.0f * t);
+}
+
 /// The shape of a vignette: where it is half-strength, how wide its falloff and how round.
 struct VignetteShape {
   float start;
@@ -52,6 +60,7 @@ struct VignetteShape {
     axisX = detail::mix(centre.halfWidth, shortHalf, circle);
     axisY = detail::mix(centre.halfHeight, shortHalf, circle);
     exponent = 2.0f + 6.0f * std::max(-roundness, 0.0f);
+    inverseWidth = 1.0f / (end - start);
   }
   /// The superellipse's term of one axis, |offset / axis|^exponent: the falloff is a function of
   /// the sum of a column's and a row's term.
@@ -63,8 +72,10 @@ struct VignetteShape {
   /// far out.
   float mask(float terms) const {
     const float d = exponent == 2.0f ? std::sqrt(terms) : std::pow(terms, 1.0f / exponent);
-    return d <= start ? 0.0f : smoothStep(start, end, d);
+    // A product rather than smoothStep's division, which would not pipeline in the pixel loop.
+    return unitStep((d - start) * inverseWidth);
   }
+  float inverseWidth;
 };
 
 }  // namespace
@@ -94,21 +105,29 @@ void VignetteEffect::render(const Window& window) const {
     columns[i] = shape.term(centre.dx(window.output.x + static_cast<int>(i)), shape.axisX);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
-    thread_local std::vector<float> mask;
-    mask.resize(count);
+    // Blocks of a row: the mask stays in the first-level cache between its two loops.
+    constexpr std::size_t kBlock = 256;
+    std::array<float, kBlock> mask;
     const float row = shape.term(centre.dy(y), shape.axisY);
-    for (std::size_t i = 0; i < count; ++i) mask[i] = shape.mask(columns[i] + row);
-    if (amount < 0.0f) {
-      for (std::size_t i = 0; i < count; ++i) {
-        const PixelRGB<float>& p = in[i];
-        const float keep = kProtection * smoothStep(0.7f, 1.0f, detail::luminance(p));
-        out[i] = detail::scaled(p, gain.at(mask[i] * (1.0f - keep)));
-      }
-    } else {
-      for (std::size_t i = 0; i < count; ++i) {
-        const float light = amount * mask[i];
-        out[i] = detail::perChannel(in[i], in[i],
-                                    [light](float a, float) { return detail::screen(a, light); });
+    for (std::size_t start = 0; start < count; start += kBlock) {
+      const std::size_t block = std::min(kBlock, count - start);
+      const float* column = columns.data() + start;
+      for (std::size_t i = 0; i < block; ++i) mask[i] = shape.mask(column[i] + row);
+      const PixelRGB<float>* source = in + start;
+      PixelRGB<float>* target = out + start;
+      if (amount < 0.0f) {
+        for (std::size_t i = 0; i < block; ++i) {
+          const PixelRGB<float>& p = source[i];
+          // Highlights keep up to kProtection of their level: a step from 0.7 to 1 of luminance.
+          const float keep = kProtection * unitStep((detail::luminance(p) - 0.7f) * (1.0f / 0.3f));
+          target[i] = detail::scaled(p, gain.at(mask[i] * (1.0f - keep)));
+        }
+      } else {
+        for (std::size_t i = 0; i < block; ++i) {
+          const float light = amount * mask[i];
+          target[i] = detail::perChannel(
+              source[i], source[i], [light](float a, float) { return detail::screen(a, light); });
+        }
       }
     }
   });
@@ -220,18 +239,23 @@ void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
     std::copy(in, in + first, out);
     std::copy(in + end, in + count, out + end);
     if (first == end) return;
-    thread_local std::vector<PixelRGB<float>> adjusted;
-    adjusted.resize(end - first);
-    for (std::size_t i = first; i < end; ++i) {
-      const PixelRGB<float> p = detail::spreadable(in[i]);
-      adjusted[i - first] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
-    }
-    detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), end - first);
-    for (std::size_t i = first; i < end; ++i) {
-      const PixelRGB<float> a = detail::saturated(adjusted[i - first], saturation);
-      out[i] = detail::mix(
-          in[i], PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
-          covered(i));
+    // Blocks small enough that the adjusted pixels stay in the first-level cache between passes.
+    constexpr std::size_t kBlock = 256;
+    std::array<PixelRGB<float>, kBlock> adjusted;
+    for (std::size_t start = first; start < end; start += kBlock) {
+      const std::size_t block = std::min(kBlock, end - start);
+      for (std::size_t i = 0; i < block; ++i) {
+        const PixelRGB<float> p = detail::spreadable(in[start + i]);
+        adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+      }
+      detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), block);
+      for (std::size_t i = 0; i < block; ++i) {
+        const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
+        out[start + i] = detail::mix(
+            in[start + i],
+            PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
+            covered(start + i));
+      }
     }
   });
 }

@@ -29,7 +29,9 @@ constexpr std::uint32_t kPaperSeed = 0x5eedu;
 
 /// Overlay of blend b over base a: multiply below mid-grey, screen above.
 inline float overlay(float a, float b) {
-  const float u = detail::unitClamp(a);
+  // Clamped by selects (std::clamp's reference returns branch), so the blend loop vectorises.
+  float u = a < 0.0f ? 0.0f : a;
+  u = u > 1.0f ? 1.0f : u;
   const float blended = u < 0.5f ? 2.0f * u * b : 1.0f - 2.0f * (1.0f - u) * (1.0f - b);
   return a + (blended - u);
 }
@@ -37,9 +39,15 @@ inline float overlay(float a, float b) {
 /// t reduced to [0, kTileTexels): std::floor is a library call on the baseline instruction set,
 /// and this truncation gives the same value for every finite t the texture reaches.
 inline double wrapped(double t) {
-  const double q = t / kTileTexels;
+  const double q = t * (1.0 / kTileTexels);
   const auto whole = static_cast<std::int64_t>(q);
   return t - kTileTexels * static_cast<double>(whole - (q < static_cast<double>(whole) ? 1 : 0));
+}
+
+/// The sum of two coordinates already in [0, kTileTexels), reduced to it again by one select.
+inline double wrappedSum(double a, double b) {
+  const double t = a + b;
+  return t >= kTileTexels ? t - kTileTexels : t;
 }
 
 /// The amplitude left of a wave of the given period (pixels) averaged over one pixel, sin(pi f) /
@@ -111,35 +119,48 @@ void TextureOverlayEffect::render(const Window& window) const {
   // Texels of the tile per pixel along the frame's axes.
   const double c = kTexelsPerThread * std::cos(radians) / spacing;
   const double s = kTexelsPerThread * std::sin(radians) / spacing;
-  // Each column's share of both tile coordinates, worked out once for all rows.
+  // Each column's and each row's share of both tile coordinates, wrapped once, so a pixel adds
+  // two of them: both depend only on the place, so a region reads the texture as the whole does.
   const auto width = static_cast<std::size_t>(window.output.width);
   std::vector<double> columnU(width);
   std::vector<double> columnV(width);
   for (std::size_t i = 0; i < width; ++i) {
     const double fx =
         static_cast<double>(window.output.x + static_cast<int>(i) - window.frame.x) + 0.5;
-    columnU[i] = c * fx;
-    columnV[i] = s * fx;
+    columnU[i] = wrapped(c * fx);
+    columnV[i] = wrapped(-s * fx);
   }
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
-    const double rowU = s * fy;
-    const double rowV = c * fy;
+    const double rowU = wrapped(s * fy);
+    const double rowV = wrapped(c * fy);
+    // The texture of the row first, then the blend in a loop of its own that has no table reads
+    // and vectorises.
+    thread_local std::vector<float> texture;
+    texture.resize(3 * count);
     for (std::size_t i = 0; i < count; ++i) {
-      const double u = wrapped(columnU[i] + rowU);
-      const double v = wrapped(rowV - columnV[i]);
-      const int u0 = std::min(static_cast<int>(u), kTileTexels - 1);
-      const int v0 = std::min(static_cast<int>(v), kTileTexels - 1);
+      const double u = wrappedSum(columnU[i], rowU);
+      const double v = wrappedSum(columnV[i], rowV);
+      int u0 = static_cast<int>(u);
+      int v0 = static_cast<int>(v);
+      u0 = u0 < kTileTexels - 1 ? u0 : kTileTexels - 1;
+      v0 = v0 < kTileTexels - 1 ? v0 : kTileTexels - 1;
       const int u1 = u0 + 1 == kTileTexels ? 0 : u0 + 1;
       const int v1 = v0 + 1 == kTileTexels ? 0 : v0 + 1;
       const auto du = static_cast<float>(u - u0);
       const auto dv = static_cast<float>(v - v0);
       const float t = detail::mix(detail::mix(texel(u0, v0), texel(u1, v0), du),
                                   detail::mix(texel(u0, v1), texel(u1, v1), du), dv);
-      const PixelRGB<float> textured(overlay(in[i].r, t), overlay(in[i].g, t), overlay(in[i].b, t));
-      out[i] = detail::mix(in[i], textured, opacity);
+      // One value per channel, so the blend runs over the row as a flat array of floats.
+      texture[3 * i] = t;
+      texture[3 * i + 1] = t;
+      texture[3 * i + 2] = t;
     }
+    const float* source = &in->r;
+    float* target = &out->r;
+    for (std::size_t n = 0; n < 3 * count; ++n)
+      target[n] = detail::mix(source[n], overlay(source[n], texture[n]), opacity);
   });
 }
 

@@ -117,63 +117,68 @@ void accumulate(const float* band, const float* residual, bool first, int width,
     for (int x = 0; x < width; ++x) sum[x] += residual[x];
 }
 
-}  // namespace
-
-Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
-                    const RenderControl* control) {
+/// The frame both reshaping decompositions share: levels clamped, an empty input answered with
+/// an empty output, and body(level, last, smoothings, poll, output) run once per level before
+/// the smoothings step on.
+template <typename Body>
+Plane forEachAtrousLevel(const Plane& input, int levels, const RenderControl* control,
+                         Body&& body) {
   levels = std::clamp(levels, 1, kMaxAtrousLevels);
   const RenderControl never;
   const RenderControl& poll = control ? *control : never;
-  const int width = input.width();
-  const int height = input.height();
-  Plane output(width, height);
-  if (width < 1 || height < 1) return output;
+  Plane output(input.width(), input.height());
+  if (input.width() < 1 || input.height() < 1) return output;
   Smoothings smoothings(input, levels);
-  Plane band(width, height);
   for (int level = 0; level < levels; ++level) {
-    parallelRowsCancellable(height, poll, [&](int first, int end) {
-      std::vector<float> column(static_cast<std::size_t>(width));
-      for (int y = first; y < end; ++y)
-        smoothings.smooth(y, 1 << level, column.data(), band.row(y));
-    });
-    if (reshape) reshape(level, band);
-    poll.checkpoint();
-    const bool last = level + 1 == levels;
-    parallelRows(height, [&](int first, int end) {
-      for (int y = first; y < end; ++y)
-        accumulate(band.row(y), last ? smoothings.next().row(y) : nullptr, level == 0, width,
-                   output.row(y));
-    });
+    body(level, level + 1 == levels, smoothings, poll, output);
     smoothings.advance();
   }
   return output;
 }
 
-Plane atrousReshapeRows(const Plane& input, int levels, const BandRowReshape& reshape,
-                        const RenderControl* control) {
-  levels = std::clamp(levels, 1, kMaxAtrousLevels);
-  const RenderControl never;
-  const RenderControl& poll = control ? *control : never;
+}  // namespace
+
+Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
+                    const RenderControl* control) {
   const int width = input.width();
   const int height = input.height();
-  Plane output(width, height);
-  if (width < 1 || height < 1) return output;
-  Smoothings smoothings(input, levels);
-  for (int level = 0; level < levels; ++level) {
-    const bool last = level + 1 == levels;
-    parallelRowsCancellable(height, poll, [&](int first, int end) {
-      std::vector<float> column(static_cast<std::size_t>(width));
-      std::vector<float> band(static_cast<std::size_t>(width));
-      for (int y = first; y < end; ++y) {
-        smoothings.smooth(y, 1 << level, column.data(), band.data());
-        if (reshape) reshape(level, band.data(), width);
-        accumulate(band.data(), last ? smoothings.next().row(y) : nullptr, level == 0, width,
-                   output.row(y));
-      }
-    });
-    smoothings.advance();
-  }
-  return output;
+  Plane band(width, height);
+  return forEachAtrousLevel(
+      input, levels, control,
+      [&](int level, bool last, Smoothings& smoothings, const RenderControl& poll, Plane& output) {
+        parallelRowsCancellable(height, poll, [&](int first, int end) {
+          std::vector<float> column(static_cast<std::size_t>(width));
+          for (int y = first; y < end; ++y)
+            smoothings.smooth(y, 1 << level, column.data(), band.row(y));
+        });
+        if (reshape) reshape(level, band);
+        poll.checkpoint();
+        parallelRows(height, [&](int first, int end) {
+          for (int y = first; y < end; ++y)
+            accumulate(band.row(y), last ? smoothings.next().row(y) : nullptr, level == 0, width,
+                       output.row(y));
+        });
+      });
+}
+
+Plane atrousReshapeRows(const Plane& input, int levels, const BandRowReshape& reshape,
+                        const RenderControl* control) {
+  const int width = input.width();
+  const int height = input.height();
+  return forEachAtrousLevel(
+      input, levels, control,
+      [&](int level, bool last, Smoothings& smoothings, const RenderControl& poll, Plane& output) {
+        parallelRowsCancellable(height, poll, [&](int first, int end) {
+          std::vector<float> column(static_cast<std::size_t>(width));
+          std::vector<float> band(static_cast<std::size_t>(width));
+          for (int y = first; y < end; ++y) {
+            smoothings.smooth(y, 1 << level, column.data(), band.data());
+            if (reshape) reshape(level, band.data(), width);
+            accumulate(band.data(), last ? smoothings.next().row(y) : nullptr, level == 0, width,
+                       output.row(y));
+          }
+        });
+      });
 }
 
 }  // namespace vorn::detail
