@@ -108,7 +108,7 @@ TEST(RawDevelopTest, BlackLevelMovesTheLinearBlackPointAndKeepsWhite) {
   EXPECT_NEAR(linearOf(lifted->at(2, 0))[1], 1.0f, 1e-4f);
 }
 
-TEST(RawDevelopTest, HighlightRecoveryNeutralisesClippedChannelsSmoothlyAndSparesTheRest) {
+TEST(RawDevelopTest, HighlightRecoveryWhitensBlownHighlightsSmoothlyAndSparesSaturatedColour) {
   // A warm ramp whose red channel clips at 1 while green and blue keep rising.
   std::vector<std::array<float, 3>> ramp;
   for (int i = 0; i <= 40; ++i) {
@@ -120,18 +120,19 @@ TEST(RawDevelopTest, HighlightRecoveryNeutralisesClippedChannelsSmoothlyAndSpare
   for (int x = 0; x < source->width; ++x) {
     const auto before = linearOf(source->at(x, 0));
     const auto after = linearOf(out->at(x, 0));
-    if (before[0] < 0.79f) {
-      // Only the transfer tables' round trip touches them.
+    if (before[1] < 0.79f) {
+      // Below the knee, a clipped red alone included: only the transfer tables' round trip.
       EXPECT_NEAR(out->at(x, 0).r, source->at(x, 0).r, 1e-5f) << x;
+      EXPECT_NEAR(out->at(x, 0).g, source->at(x, 0).g, 1e-5f) << x;
       EXPECT_NEAR(out->at(x, 0).b, source->at(x, 0).b, 1e-5f) << x;
       continue;
     }
-    // Never darker, no channel above the brightest, and neutral once a channel is clipped.
+    // Never darker, no channel above the brightest, and neutral once two channels are clipped.
     for (std::size_t c = 0; c < 3; ++c) {
       EXPECT_GE(after[c], before[c] - 1e-4f) << x;
       EXPECT_LE(after[c], 1.0f + 1e-4f) << x;
     }
-    if (before[0] >= 1.0f) {
+    if (before[1] >= 1.0f) {
       EXPECT_NEAR(after[1], after[0], 1e-3f) << x;
       EXPECT_NEAR(after[2], after[0], 1e-3f) << x;
     }

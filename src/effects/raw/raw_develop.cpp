@@ -16,7 +16,7 @@ namespace {
 /// Black Level at +-100 moves the black point by 2 % of linear white, about the spread of a
 /// sensor's black level between cameras.
 constexpr float kBlackPerStep = 0.0002f;
-/// Highlight recovery starts where the brightest channel reaches this share of clipping.
+/// Highlight recovery starts where the second brightest channel reaches this share of clipping.
 constexpr float kRecoveryKnee = 0.8f;
 constexpr float kClip = 1.0f;
 
@@ -30,9 +30,10 @@ std::shared_ptr<const detail::DcpProfile> profileOf(const Effect& effect) {
 
 }  // namespace
 
-// Raw develop: linear black point shift; desaturate-to-white of clipped highlights (channel
-// ratios near the clip point are no longer the scene's, so they are blended into the brightest
-// channel with a smooth step on it); then the camera profile's rendering mixed in by Profile
+// Raw develop: linear black point shift; desaturate-to-white of blown highlights (once two
+// channels near the clip point their ratios are no longer the scene's, so all are blended into
+// the brightest with a smooth step on the second brightest: a saturated colour with one channel
+// at the clip keeps its hue); then the camera profile's rendering mixed in by Profile
 // Strength. With no profile given there is nothing to mix, so Profile Strength changes nothing.
 PointEffect::Kernel RawDevelopEffect::prepare(const Setup&) const {
   const float recovery = mappedValue(0, 0.0f, 0.5f, 1.0f);
@@ -54,7 +55,8 @@ PointEffect::Kernel RawDevelopEffect::prepare(const Setup&) const {
     g = std::max((g - black) * gain, 0.0f);
     b = std::max((b - black) * gain, 0.0f);
     const float high = std::max(r, std::max(g, b));
-    const float w = recovery * detail::smoothStep(kRecoveryKnee, kClip, high);
+    const float middle = std::max(std::min(r, g), std::min(std::max(r, g), b));
+    const float w = recovery * detail::smoothStep(kRecoveryKnee, kClip, middle);
     r += (high - r) * w;
     g += (high - g) * w;
     b += (high - b) * w;
