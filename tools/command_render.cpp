@@ -26,13 +26,12 @@ int runRender(const std::vector<std::string>& args, std::ostream& out, std::ostr
     err << "vorn render: " << e.what() << '\n';
     return std::filesystem::exists(options.input) ? kExitUsage : kExitFailed;
   }
+  // The photo and any mask blob files are named relative to the document's own folder.
+  const std::filesystem::path folder = std::filesystem::path(options.input).parent_path();
   const std::filesystem::path source(document.source);
-  options.input = source.is_absolute()
-                      ? source.string()
-                      : (std::filesystem::path(options.input).parent_path() / source).string();
+  options.input = source.is_absolute() ? source.string() : (folder / source).string();
   LayeredEdit edit;
-  edit.presets.emplace_back(document.preset,
-                            std::filesystem::path(options.input).parent_path().string());
+  edit.presets.emplace_back(document.preset, folder.string());
   edit.orientation = document.orientation;
   if (document.crop)
     edit.crop =

@@ -6,6 +6,8 @@
 #include "cli_test_support.h"
 #include "io/raster_test_support.h"
 #include "support/temp_dir.h"
+#include "vorn/core/mask_image.h"
+#include "vorn/io/image_compressor.h"
 #include "vorn/io/image_reader.h"
 
 namespace vorn::cli {
@@ -49,6 +51,19 @@ TEST(CliPresets, RenderAppliesTheDocumentsCropAndRefusesBadFilesFirst) {
   const CommandRun rendered = run({"render", (folder.path() / "edit.json").string(), output});
   ASSERT_EQ(rendered.code, kExitOk) << rendered.err;
   EXPECT_EQ(ImageReader::getImageSize(classifyImageFile(output)), _Size<int>(640, 400));
+
+  // Mask blobs sit beside the document, wherever the photo is.
+  std::vector<std::uint8_t> blob;
+  ImageCompressorProxy::compressMask(MaskImage(_Size<int>(64, 40), 0.5f), blob);
+  std::ofstream(folder.path() / "half.mask", std::ios::binary)
+      .write(reinterpret_cast<const char*>(blob.data()), static_cast<std::streamsize>(blob.size()));
+  writeFile(folder.path() / "masked.json",
+            R"({"format": "vorn document", "version": 1, "source": ")" + input +
+                R"(", "preset": {"layers": [{"effects": [{"id": "VORNExposureEffect",
+               "values": {"Exposure": 30}}], "mask": {"blob": "half.mask"}}]}})");
+  const CommandRun masked = run({"render", (folder.path() / "masked.json").string(),
+                                 (folder.path() / "masked.jpg").string()});
+  EXPECT_EQ(masked.code, kExitOk) << masked.err;
 
   writeFile(folder.path() / "bad.json", R"({"format": "vorn preset", "version": 1,
     "layers": [{"effects": [{"id": "VORNExposureEffect", "values": {"Exposur": 3}}]}]})");
