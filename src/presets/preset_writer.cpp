@@ -15,7 +15,9 @@ using json = nlohmann::ordered_json;
 json number(float value) {
   char text[32];
   const auto end = std::to_chars(text, text + sizeof text, value).ptr;
-  return json(std::stod(std::string(text, end)));
+  double shortest = 0.0;
+  std::from_chars(text, end, shortest);  // unlike stod, never reads the C locale's decimal point
+  return json(shortest);
 }
 
 json point(_Point<float> p) {

@@ -6,14 +6,7 @@
 namespace vorn::detail {
 
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix) {
-  return linearKernel([matrix](float& r, float& g, float& b) {
-    const float x = matrix.m[0] * r + matrix.m[1] * g + matrix.m[2] * b;
-    const float y = matrix.m[3] * r + matrix.m[4] * g + matrix.m[5] * b;
-    const float z = matrix.m[6] * r + matrix.m[7] * g + matrix.m[8] * b;
-    r = x;
-    g = y;
-    b = z;
-  });
+  return linearKernel([matrix](float& r, float& g, float& b) { matrix.apply(r, g, b); });
 }
 
 std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves) {
@@ -86,11 +79,11 @@ Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
   static const Matrix3 bradford{
       {0.8951f, 0.2664f, -0.1614f, -0.7502f, 1.7135f, 0.0367f, 0.0389f, -0.0685f, 1.0296f}};
   const auto lms = [](std::array<float, 2> xy) {
-    const float X = xy[0] / xy[1];
-    const float Z = (1.0f - xy[0] - xy[1]) / xy[1];
-    return std::array<float, 3>{bradford.m[0] * X + bradford.m[1] + bradford.m[2] * Z,
-                                bradford.m[3] * X + bradford.m[4] + bradford.m[5] * Z,
-                                bradford.m[6] * X + bradford.m[7] + bradford.m[8] * Z};
+    float X = xy[0] / xy[1];
+    float Y = 1.0f;
+    float Z = (1.0f - xy[0] - xy[1]) / xy[1];
+    bradford.apply(X, Y, Z);
+    return std::array<float, 3>{X, Y, Z};
   };
   const auto source = lms(white);
   const auto goal = lms(target);

@@ -64,9 +64,8 @@ std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 template <bool Cloned = true, typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
   return linearKernel<Cloned>([adjust, linear](float& r, float& g, float& b) {
-    const float x = linear.m[0] * r + linear.m[1] * g + linear.m[2] * b;
-    const float y = linear.m[3] * r + linear.m[4] * g + linear.m[5] * b;
-    const float z = linear.m[6] * r + linear.m[7] * g + linear.m[8] * b;
+    float x = r, y = g, z = b;
+    linear.apply(x, y, z);
     Oklab lab = linearToOklab(x, y, z);
     adjust(lab);
     oklabToLinear(lab, r, g, b);

@@ -21,6 +21,15 @@ struct Matrix3 {
     return m[static_cast<std::size_t>(3 * row + column)];
   }
   bool isIdentity() const { return *this == Matrix3{}; }
+  /// The matrix times the column (a, b, c), written back in place.
+  void apply(float& a, float& b, float& c) const {
+    const float x = m[0] * a + m[1] * b + m[2] * c;
+    const float y = m[3] * a + m[4] * b + m[5] * c;
+    const float z = m[6] * a + m[7] * b + m[8] * c;
+    a = x;
+    b = y;
+    c = z;
+  }
   bool operator==(const Matrix3&) const = default;
 };
 

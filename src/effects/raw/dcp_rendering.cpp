@@ -29,9 +29,8 @@ Matrix3 mixed(const std::optional<DcpMatrix>& a, const std::optional<DcpMatrix>&
 }
 
 std::array<float, 3> times(const Matrix3& m, std::array<float, 3> v) {
-  return {m.m[0] * v[0] + m.m[1] * v[1] + m.m[2] * v[2],
-          m.m[3] * v[0] + m.m[4] * v[1] + m.m[5] * v[2],
-          m.m[6] * v[0] + m.m[7] * v[1] + m.m[8] * v[2]};
+  m.apply(v[0], v[1], v[2]);
+  return v;
 }
 
 }  // namespace

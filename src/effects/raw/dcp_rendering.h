@@ -33,12 +33,7 @@ struct DcpRendering {
   /// True when no step changes any colour.
   bool isIdentity() const;
   void apply(float& r, float& g, float& b) const {
-    const float x = matrix.m[0] * r + matrix.m[1] * g + matrix.m[2] * b;
-    const float y = matrix.m[3] * r + matrix.m[4] * g + matrix.m[5] * b;
-    const float z = matrix.m[6] * r + matrix.m[7] * g + matrix.m[8] * b;
-    r = x;
-    g = y;
-    b = z;
+    matrix.apply(r, g, b);
     if (hueSat) hueSat->apply(r, g, b);
     if (look) look->apply(r, g, b);
     if (curve) {
