@@ -160,7 +160,7 @@ TEST(PresetFile, ShippedPresetsRead) {
   int read = 0;
   for (const auto& entry : std::filesystem::directory_iterator(VORN_SOURCE_DIR "/presets")) {
     const std::string name = entry.path().filename().string();
-    if (name.ends_with(".schema.json")) continue;
+    if (!name.ends_with(".json") || name.ends_with(".schema.json")) continue;
     const Preset preset = readPresetFile(entry.path().string());
     EXPECT_FALSE(preset.name.empty()) << name;
     EXPECT_FALSE(preset.layers.empty()) << name;
