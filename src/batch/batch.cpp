@@ -56,6 +56,12 @@ void renderToFile(const std::string& input, const LayeredEdit& edit, const std::
   const ImageFileClass file = classifyImageFile(input);
   FrameRequest request;
   request.cancel = run.stopFlag();
+  // A smaller output lets the decoder stop at a coarser scale that still covers it; a crop is
+  // given in full-size pixels, so it needs the whole frame.
+  const _Size<int> size = ImageReader::getImageSize(file);
+  if (!edit.crop && options.longSide > 0 && size.width > 0 && size.height > 0)
+    request.cover = size.width >= size.height ? _Size<int>(options.longSide, 0)
+                                              : _Size<int>(0, options.longSide);
   OwnedFrame decoded = ImageReader::decodeFrame(file, request);
   if (run.cancelled()) throw BatchFailure(VORN_BATCH_CANCELLED, "cancelled");
   if (!decoded.frame || decoded.frame->empty())
