@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "io/raster_test_support.h"
+#include "io/raw_test_support.h"
 #include "support/temp_dir.h"
 #include "tools/cli_test_support.h"
 #include "vorn/io/image_file_class.h"
@@ -172,6 +173,20 @@ TEST_F(BatchFunctions, CancelBeforeOrDuringARunWritesNothing) {
     EXPECT_EQ(during.stages.back(), stage);
   }
   EXPECT_EQ(filesIn(folder.path()), std::vector<std::string>{"tone.json"});
+}
+
+TEST_F(BatchFunctions, RawDevelopRendersARawFileWithAPresetOnTop) {
+  VORN_REQUIRE_SAMPLE(raw, "bmpcc4k_imageio.dng");
+  options.longSide = 400;
+  const std::string developed = (folder.path() / "raw.jpg").string();
+  Progress progress;
+  ASSERT_EQ(applyRawDevelop(raw.c_str(), preset.c_str(), developed.c_str(), &options,
+                            recordProgress, &progress, nullptr, &code, message, sizeof message),
+            VORN_BATCH_OK)
+      << message;
+  const _Size<int> size = ImageReader::getImageSize(classifyImageFile(developed));
+  EXPECT_EQ(std::max(size.width, size.height), 400);
+  EXPECT_EQ(progress.stages.back(), "done");
 }
 
 TEST_F(BatchFunctions, MessagesAreCutToTheCallersBuffer) {
