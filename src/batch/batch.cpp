@@ -78,12 +78,41 @@ void renderToFile(const std::string& input, const LayeredEdit& edit, const std::
   run.stage(1.0, "done");
 }
 
-// A document names its source; a preset does not. Malformed JSON is left to the preset reader,
-// whose error names the line.
+// Looks at the top level only, without building the tree: deep or huge hostile files stop early.
+struct SourceKeyFinder : nlohmann::json_sax<nlohmann::json> {
+  int depth = 0;
+  bool found = false;
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool string(string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool start_object(std::size_t) override { return ++depth <= kMaxDepth; }
+  bool end_object() override { return --depth >= 0; }
+  bool start_array(std::size_t) override { return ++depth <= kMaxDepth; }
+  bool end_array() override { return --depth >= 0; }
+  bool key(string_t& name) override {
+    if (depth == 1 && name == "source") found = true;
+    return !found;  // nothing more is needed once the key is seen
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+  static constexpr int kMaxDepth = 64;
+};
+
+// A document names its source; a preset does not. Malformed or oversized files are left to the
+// preset reader, whose error names the line.
 bool isDocumentFile(const std::string& path) {
-  std::ifstream stream(path);
-  const nlohmann::json json = nlohmann::json::parse(stream, nullptr, false);
-  return json.is_object() && json.contains("source");
+  std::error_code error;
+  const std::uintmax_t bytes = std::filesystem::file_size(path, error);
+  if (error || bytes > (16u << 20)) return false;
+  std::ifstream stream(path, std::ios::binary);
+  SourceKeyFinder finder;
+  nlohmann::json::sax_parse(stream, &finder, nlohmann::json::input_format_t::json, false);
+  return finder.found;
 }
 
 }  // namespace

@@ -159,6 +159,25 @@ TEST_F(BatchFunctions, BadInputsFailWithTheirCodeAndLeaveNothingBehind) {
   EXPECT_EQ(filesIn(folder.path()), before);
 }
 
+TEST_F(BatchFunctions, HostileEditFilesAreRefusedAsBadPresets) {
+  const std::string rendered = (folder.path() / "doc.jpg").string();
+  const auto refuse = [&](const std::string& name, const std::string& text) {
+    const std::string path = (folder.path() / name).string();
+    std::ofstream(path, std::ios::binary) << text;
+    EXPECT_EQ(doPictoramix(input.c_str(), path.c_str(), rendered.c_str(), &options, nullptr,
+                           nullptr, nullptr, &code, message, sizeof message),
+              VORN_BATCH_BAD_PRESET)
+        << name;
+    EXPECT_NE(std::string(message).find(name), std::string::npos) << message;
+    std::filesystem::remove(path);
+  };
+  refuse("deep.json", R"({"source": "x.jpg", "a": )" + std::string(200000, '['));
+  refuse("truncated.json", R"({"format": "vorn document", "version": 1, "sou)");
+  refuse("wrong_type.json", R"({"format": "vorn document", "version": 1, "source": 7})");
+  refuse("absent.json", "");
+  EXPECT_FALSE(std::filesystem::exists(rendered));
+}
+
 TEST_F(BatchFunctions, CancelBeforeOrDuringARunWritesNothing) {
   volatile int cancel = 1;
   Progress progress;
