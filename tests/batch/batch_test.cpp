@@ -12,6 +12,7 @@
 #include "io/raw_test_support.h"
 #include "support/temp_dir.h"
 #include "tools/cli_test_support.h"
+#include "vorn/core/memory_manager.h"
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_reader.h"
 
@@ -51,6 +52,10 @@ class BatchFunctions : public ::testing::Test {
     std::ofstream(preset) << kTonePreset;
     vornBatchDefaultOptions(&options);
   }
+  // An export render turns the process-wide pool caching off; later tests expect it as it was.
+  void TearDown() override { MemoryManager::instance().setCachingEnabled(cachingBefore); }
+
+  const bool cachingBefore = MemoryManager::instance().isCachingEnabled();
   int apply(const std::string& from, const std::string& presetPath, const std::string& to,
             Progress* progress = nullptr, volatile int* cancel = nullptr) {
     return applyPreset(from.c_str(), presetPath.c_str(), to.c_str(), &options,
