@@ -7,12 +7,12 @@
 
 namespace vorn {
 class Effect;
-}
+struct LayeredEdit;
+}  // namespace vorn
 
 namespace vorn::cli {
 
 struct ApplyOptions;
-struct LayeredEdit;
 
 /// Exit codes of the `vorn` command.
 enum ExitCode : int {

@@ -6,7 +6,6 @@
 #include "apply_options.h"
 #include "cli.h"
 #include "effect_chain.h"
-#include "layered_edit.h"
 #include "vorn/core/file_utils.h"
 #include "vorn/effects/lens_effects.h"
 #include "vorn/io/image_file_class.h"
@@ -14,6 +13,7 @@
 #include "vorn/io/image_metadata.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/streamed_export.h"
+#include "vorn/presets/layered_edit.h"
 
 namespace vorn::cli {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "apply_options.h"
 #include "cli.h"
-#include "layered_edit.h"
+#include "vorn/presets/layered_edit.h"
 
 namespace vorn::cli {
 

@@ -1,4 +1,4 @@
-#include "layered_edit.h"
+#include "vorn/presets/layered_edit.h"
 
 #include <filesystem>
 
@@ -7,7 +7,7 @@
 #include "vorn/pipeline/image_layer.h"
 #include "vorn/pipeline/image_processor.h"
 
-namespace vorn::cli {
+namespace vorn {
 
 bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::string& error) {
   for (const std::string& path : paths) {
@@ -24,7 +24,8 @@ bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::
 
 std::shared_ptr<const ImageDataRGBf> renderLayered(
     const OwnedFrame& decoded, const LayeredEdit& edit,
-    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error) {
+    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error,
+    std::shared_ptr<bool> stop) {
   std::shared_ptr<const ImageMetadata> metadata =
       decoded.metadata ? decoded.metadata : std::make_shared<const ImageMetadata>();
   auto image = std::make_shared<Image>(std::make_shared<ImageSource>(decoded.frame, metadata));
@@ -48,10 +49,11 @@ std::shared_ptr<const ImageDataRGBf> renderLayered(
   settings.exportMode = true;
   settings.applyCrop = edit.crop.has_value();
   settings.useCache = false;  // one render: nothing is asked for twice
+  settings.stopProcessing = stop;
   processor.startProcessing(settings);
   std::shared_ptr<const ImageDataRGBf> result = processor.getLastResult();
   if (!result) error = "the layers could not be rendered (see the log)";
   return result;
 }
 
-}  // namespace vorn::cli
+}  // namespace vorn

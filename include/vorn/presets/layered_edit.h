@@ -10,7 +10,7 @@
 #include "vorn/io/image_reader.h"
 #include "vorn/presets/preset.h"
 
-namespace vorn::cli {
+namespace vorn {
 
 /// What a render through the image processor adds to a photo: preset layers (each with the
 /// folder its mask blobs are found in), then the command line's effects as one more layer, and
@@ -26,9 +26,10 @@ struct LayeredEdit {
 bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::string& error);
 
 /// Renders the decoded photo through the image processor with the edit's layers on top and
-/// `effects` as the last layer; null and `error` on failure.
+/// `effects` as the last layer; null and `error` on failure or when `stop` turns true.
 std::shared_ptr<const ImageDataRGBf> renderLayered(
     const OwnedFrame& decoded, const LayeredEdit& edit,
-    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error);
+    const std::vector<std::shared_ptr<Effect>>& effects, std::string& error,
+    std::shared_ptr<bool> stop = {});
 
-}  // namespace vorn::cli
+}  // namespace vorn

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "vorn/batch.h"
+#include "vorn/io/image.h"
+#include "vorn/io/image_magick_reader.h"
+
+namespace vorn::batch {
+
+/// A batch call's failure: the code the C function returns and the message it copies out.
+struct BatchFailure : std::runtime_error {
+  BatchFailure(VornBatchError code_, const std::string& message)
+      : std::runtime_error(message), code(code_) {}
+  VornBatchError code;
+};
+
+/// One call's progress reports and cancel flag; the host's flag is mirrored into the library's
+/// stop flag by a watcher thread so that a running decode or render ends early.
+class BatchRun {
+ public:
+  BatchRun(VornBatchProgress progress, void* user, const volatile int* cancel);
+  ~BatchRun();
+  BatchRun(const BatchRun&) = delete;
+  BatchRun& operator=(const BatchRun&) = delete;
+
+  bool cancelled() const { return cancel_ && *cancel_ != 0; }
+  /// Reports the stage; throws a cancelled failure when the flag is set.
+  void stage(double fraction, const char* name) const;
+  const std::shared_ptr<bool>& stopFlag() const { return stop_; }
+
+ private:
+  VornBatchProgress progress_;
+  void* user_;
+  const volatile int* cancel_;
+  std::shared_ptr<bool> stop_ = std::make_shared<bool>(false);
+  std::jthread watcher_;
+};
+
+/// Checks the options and fills in the export parameters for `output` (jpg or tif).
+ExportParameters exportParametersFor(const std::string& output, const VornBatchOptions& options);
+
+/// Writes `frame` beside `parameters.path` and renames it into place; on any failure or a
+/// cancel the temporary file is removed and nothing else is touched.
+void writeFrameAtomically(const ImageFrame& frame, const ExportParameters& parameters,
+                          const BatchRun& run);
+
+/// Runs `body`, turning every failure into a code and a message for the C caller.
+template <typename Body>
+int runBatchCall(int* errorCode, char* message, std::size_t messageSize, Body&& body);
+
+/// Copies `text` into the caller's buffer (truncated, terminated) and stores the code.
+int reportBatchResult(VornBatchError code, const std::string& text, int* errorCode, char* message,
+                      std::size_t messageSize);
+
+template <typename Body>
+int runBatchCall(int* errorCode, char* message, std::size_t messageSize, Body&& body) {
+  try {
+    body();
+    return reportBatchResult(VORN_BATCH_OK, "", errorCode, message, messageSize);
+  } catch (const BatchFailure& failure) {
+    return reportBatchResult(failure.code, failure.what(), errorCode, message, messageSize);
+  } catch (const std::bad_alloc&) {
+    return reportBatchResult(VORN_BATCH_RENDER_FAILED, "out of memory", errorCode, message,
+                             messageSize);
+  } catch (const std::exception& e) {
+    return reportBatchResult(VORN_BATCH_RENDER_FAILED, e.what(), errorCode, message, messageSize);
+  }
+}
+
+}  // namespace vorn::batch
