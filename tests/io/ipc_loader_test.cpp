@@ -11,6 +11,7 @@
 #include "support/log_capture.h"
 #include "support/scoped_setting.h"
 #include "support/temp_dir.h"
+#include "vorn/core/library.h"
 
 namespace vorn {
 namespace {
@@ -168,20 +169,45 @@ TEST(IpcLoader, CancelWakesWaitersAndReachesTheChild) {
   expectWorkingLoad(nef);
 }
 
-TEST(IpcLoader, RoutingFollowsTheEnablingRule) {
+// With a context that allows it, open() sends raw files to the child unless flag 97 says
+// otherwise, and cancel(taskId) reaches a load there.
+TEST(IpcLoader, OpenRoutesRawFilesAndCancelReachesTheChild) {
   VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
   test::LoaderSettings settings;
+  test::DataStoreGuard enable("IPC.Loader.enable_win");
+  test::TempDir dir;
+  const SVornContext context(dir.str(), dir.str());
+  struct TearDown {
+    ~TearDown() { vornTearDown(); }
+  } tearDown;
+  ASSERT_EQ(vornInit(context), kInitOk);
+  ASSERT_TRUE(ImageReader::isOutOfProcessLoaderEnabled());
   const ImageResult inProcess =
       ImageReader::instance().open(nef, ImageReader::kNoResizeSize, kOpenInProcess);
   ASSERT_TRUE(inProcess.image);
   EXPECT_FALSE(test::ipcSource(inProcess));
-  const ImageResult byDefault = ImageReader::instance().open(nef, ImageReader::kNoResizeSize);
-  ASSERT_TRUE(byDefault.image);
-  EXPECT_EQ(test::ipcSource(byDefault) != nullptr, ImageReader::isOutOfProcessLoaderEnabled());
-  byDefault.image->waitForFullRaw();
+  const ImageResult routed = ImageReader::instance().open(nef, ImageReader::kNoResizeSize);
+  ASSERT_TRUE(test::ipcSource(routed));
+  routed.image->waitForFullRaw();
   inProcess.image->waitForFullRaw();
-  EXPECT_TRUE(test::sameFrames(byDefault.image->source()->getImageData(),
+  EXPECT_TRUE(test::sameFrames(routed.image->source()->getImageData(),
                                inProcess.image->source()->getImageData()));
+  const ImageResult resized = ImageReader::instance().open(nef, {100, -1});
+  ASSERT_TRUE(resized.image);
+  EXPECT_EQ(resized.image->width(), 100);
+
+  DataStore::instance().set("IPC.Loader.timeout_ms", 1500);
+  DataStore::instance().set("IPC.Loader.test_fault", "hang");
+  const ImageResult hung =
+      ImageReader::instance().open(nef, ImageReader::kNoResizeSize, kOpenDefault, nullptr, "", 7);
+  ASSERT_TRUE(test::ipcSource(hung));
+  ImageReader::instance().cancel(7);
+  EXPECT_TRUE(test::finishesWithin(1.0, [image = hung.image] { image->waitForFullRaw(); }));
+  EXPECT_EQ(test::ipcSource(hung)->errorCode(), kImageReaderCancelled);
+  ImageReader::waitForAllTasks();
+  EXPECT_TRUE(test::leftoverIpcNames().empty());
+  DataStore::instance().set("IPC.Loader.enable_win", false);
+  EXPECT_FALSE(test::ipcSource(ImageReader::instance().open(nef, ImageReader::kNoResizeSize)));
 }
 
 TEST(IpcLoaderConcurrent, SeveralThreadsLoadAtOnce) {
