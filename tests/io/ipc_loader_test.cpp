@@ -146,6 +146,32 @@ TEST(IpcLoader, ChildFaultsEndTheLoadWithCode4AndLeaveNothing) {
   }
 }
 
+// The limits are set by the child itself; a decode past its address-space limit fails there.
+TEST(IpcLoader, ChildOverItsMemoryLimitFailsTheLoadCleanly) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers' shadow memory rules out an address-space limit";
+#endif
+  VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
+  const std::string dng = test::testData("truncated_iphone12promax_exiv2.dng");
+  test::LoaderSettings settings;
+  test::DataStoreGuard memory("IPC.Loader.memory_mb");
+  DataStore::instance().set(kFailOnSetting, "none");
+  ipc::LoaderPool::instance().clear();
+  DataStore::instance().set("IPC.Loader.memory_mb", 500);
+  test::LogCapture log;
+  // Where the allocation is refused decides the code: the memory check (7), the decoder (6),
+  // or the child's death (4); the load fails either way.
+  const int code = finalCode(openThroughChild(dng));
+  EXPECT_TRUE(code == kImageReaderFailed || code == kImageReaderCorrupt ||
+              code == kImageReaderTooLarge)
+      << code;
+  EXPECT_EQ(log.countContaining("RawImage IPC error: '" + dng + "'"), 1u);
+  expectWorkingLoad(nef);
+  DataStore::instance().set("IPC.Loader.memory_mb", "");
+  ipc::LoaderPool::instance().clear();
+  EXPECT_TRUE(test::leftoverIpcNames().empty());
+}
+
 TEST(IpcLoader, CancelWakesWaitersAndReachesTheChild) {
   VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
   test::LoaderSettings settings;

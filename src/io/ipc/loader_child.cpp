@@ -30,9 +30,16 @@ constexpr int kLoadPollMs = 50;
 
 enum ExitStatus { kExitOk = 0, kExitUsage = 2, kExitChannel = 3, kExitProtocol = 4 };
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers reserve terabytes of address space for their shadow memory.
+constexpr bool kAddressSpaceLimitWorks = false;
+#else
+constexpr bool kAddressSpaceLimitWorks = true;
+#endif
+
 // posix_spawn cannot set limits for the new program, so the child sets its own at start.
 void limitAddressSpace(long megabytes) {
-  if (megabytes <= 0) return;
+  if (megabytes <= 0 || !kAddressSpaceLimitWorks) return;
   const rlim_t bytes = static_cast<rlim_t>(megabytes) << 20;
   const rlimit limit{bytes, bytes};
   setrlimit(RLIMIT_AS, &limit);
