@@ -26,7 +26,8 @@ namespace {
 
 constexpr int kSendTimeoutMs = 10'000;
 constexpr int kIdlePollMs = 1000;
-constexpr int kLoadPollMs = 50;
+// Also how long the next request may wait after a load ended, so it stays short.
+constexpr int kLoadPollMs = 5;
 
 enum ExitStatus { kExitOk = 0, kExitUsage = 2, kExitChannel = 3, kExitProtocol = 4 };
 
