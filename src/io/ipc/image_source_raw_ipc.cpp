@@ -109,6 +109,7 @@ class ImageSourceRawIPC::Load {
 std::shared_ptr<ImageFrame> ImageSourceRawIPC::Load::receiveFrame(const ipc::FrameNotice& notice,
                                                                   std::string& error) {
   const std::string& name = notice.full ? fullRegion : quarterRegion;
+  // Copied rather than adopted: frames come from the memory pool, and the segment is freed now.
   ipc::SharedRegion region;
   const bool mapped = region.open(name, notice.bytes(), error);
   // Both sides hold the segment now (or the child is gone): its name is no longer needed.

@@ -11,6 +11,7 @@
 namespace vorn::ipc {
 
 /// Every shared-memory segment and queue of the loader is named "/vorn-ipc-<host pid>-...".
+/// No semaphores: a queue message is the hand-off, and its timed receive is the only wait.
 inline constexpr const char* kNamePrefix = "/vorn-ipc-";
 
 /// A fresh name "/vorn-ipc-<pid>-<counter>-<role>" for a queue or segment of this process.

@@ -90,6 +90,7 @@ class Loader {
       else
         status = requests_.receive(message, kIdlePollMs, error);
       if (status == ReceiveStatus::Timeout) {
+        // Not PR_SET_PDEATHSIG: it fires when the host thread that spawned the child ends.
         if (getppid() != host_) return kExitOk;
         continue;
       }
