@@ -144,7 +144,8 @@ std::string formatInfoJson(const PhotoInfo& info) {
   }
   json["pixels_supported"] = info.pixelsSupported;
   text("pixels_error", info.pixelsSupported ? std::string() : info.pixelsError);
-  return json.dump(2) + '\n';
+  // EXIF text is often not UTF-8 (Latin-1 maker notes); such bytes become U+FFFD, not an error.
+  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 
 }  // namespace vorn::cli
