@@ -137,6 +137,8 @@ TEST(CliInfo, FormattingOfExposureCameraAndOrientation) {
                            "Exposure: 2.5 s, f/8, 24 mm (36 mm full-frame equivalent)\n",
                            "Orientation: rotated 90° counter-clockwise\n"})
     EXPECT_TRUE(has(text, line)) << line << " missing from\n" << text;
+  info.lens = "Objectif \xe9";  // Latin-1, as some makers write it: the JSON still parses
+  EXPECT_TRUE(nlohmann::json::parse(formatInfoJson(info), nullptr, false).contains("lens"));
   info.exposureTime = 1.0 / 3.0;  // a third of a second is a fraction; 0.3 s is not
   EXPECT_TRUE(has(formatInfoText(info), "Exposure: 1/3 s")) << formatInfoText(info);
   info.exposureTime = 0.3;
