@@ -97,8 +97,7 @@ std::string formatInfoText(const PhotoInfo& info) {
          std::to_string(*info.bitsPerChannel) + " bits per channel" + (info.raw ? ", raw" : ""));
   if (info.orientation) line("Orientation", describeOrientation(*info.orientation));
   if (info.latitude && info.longitude) line("GPS", gpsLine(info));
-  if (!info.pixelsSupported)
-    line("Pixels", "not supported by this build's decoder (" + info.pixelsError + ")");
+  if (!info.pixelsSupported) line("Pixels", info.pixelsError);
   return out.str();
 }
 

@@ -133,7 +133,8 @@ bool readExif(const ImageFileClass& file, PhotoInfo& info) {
 // Asks the decoder without decoding: a raw file's identify step, a JPEG or TIFF header.
 void readPixelSide(const ImageFileClass& file, PhotoInfo& info) {
   if (file.format == ImageFileFormat::Unknown) {
-    info.pixelsError = "no decoder for ." + file.extension + " files";
+    info.pixelsError =
+        "not supported by this build's decoder (no decoder for ." + file.extension + " files)";
     return;
   }
   if (file.raw) {
@@ -142,7 +143,8 @@ void readPixelSide(const ImageFileClass& file, PhotoInfo& info) {
     raw::DecodeOutcome outcome = raw::rawInputOf(file, input);
     if (outcome.code == kImageReaderOk) outcome = raw::identifyRaw(*input, identity);
     if (outcome.code != kImageReaderOk) {
-      info.pixelsError = std::string(outcome.stage) + ": " + outcome.message;
+      info.pixelsError =
+          "cannot be decoded (" + std::string(outcome.stage) + ": " + outcome.message + ")";
       return;
     }
     takeCameraFields(identity.metadata, info);
@@ -151,7 +153,7 @@ void readPixelSide(const ImageFileClass& file, PhotoInfo& info) {
   }
   const _Size<int> size = ImageReader::getImageSize(file);
   if (size.width <= 0 || size.height <= 0) {
-    info.pixelsError = "the header cannot be read";
+    info.pixelsError = "cannot be decoded (the header cannot be read)";
     return;
   }
   info.width = size.width;
@@ -175,7 +177,7 @@ bool describePhoto(const std::string& path, PhotoInfo& info, std::string& error)
   info.path = path;
   std::error_code missing;
   if (!std::filesystem::is_regular_file(path, missing)) {
-    error = path + ": no such file";
+    error = path + (std::filesystem::exists(path, missing) ? ": not a file" : ": no such file");
     return false;
   }
   const ImageFileClass file = classifyImageFile(path);
@@ -192,7 +194,7 @@ bool describePhoto(const std::string& path, PhotoInfo& info, std::string& error)
     error = path + ": " +
             (file.format == ImageFileFormat::Unknown
                  ? std::string("not a supported image file")
-                 : "the file cannot be read (damaged or not an image): " + info.pixelsError);
+                 : "damaged or not an image: the pixels " + info.pixelsError);
     return false;
   }
   return true;

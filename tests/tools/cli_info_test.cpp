@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <exiv2/exiv2.hpp>
 #include <filesystem>
 #include <fstream>
@@ -95,6 +96,16 @@ TEST(CliInfo, ACameraJpegReadsAsPlainLinesAndAsJson) {
   EXPECT_NEAR(json.value("gps_latitude", 0.0), -33.86, 1e-6);
   for (const char* absent : {"lens", "focal_length_35mm", "pixels_error"})
     EXPECT_FALSE(json.contains(absent)) << absent;
+
+  // Cut before the first quantisation table: the metadata is whole, the pixels are gone.
+  std::vector<std::uint8_t> bytes = readBytes(photo);
+  const std::uint8_t table[] = {0xFF, 0xDB};
+  bytes.erase(std::search(bytes.begin(), bytes.end(), table, table + 2), bytes.end());
+  writeBytes(photo, bytes);
+  const CommandRun cut = run({"info", photo});
+  EXPECT_EQ(cut.code, kExitOk) << cut.err;
+  EXPECT_TRUE(has(cut.out, "Camera: Maker Model X\n")) << cut.out;
+  EXPECT_TRUE(has(cut.out, "Pixels: cannot be decoded")) << cut.out;
 }
 
 TEST(CliInfo, AbsentFieldsAreLeftOutNeverZero) {

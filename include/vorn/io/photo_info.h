@@ -33,7 +33,9 @@ struct PhotoInfo {
   std::optional<double> altitude;   ///< metres above sea level
 
   bool pixelsSupported = false;  ///< the decoder can read the pixels
-  std::string pixelsError;       ///< why not, when it cannot
+  /// When it cannot, a phrase that follows "the pixels": "not supported by this build's decoder
+  /// (...)" for a format it lacks, "cannot be decoded (...)" for a damaged file.
+  std::string pixelsError;
 };
 
 /// Reads the file's metadata (Exiv2) and asks the decoder about its pixels. Returns false with
