@@ -9,21 +9,19 @@ namespace vorn::detail {
 namespace {
 
 // The power segment's affine form per value, with a flag where it does not hold; selects and
-// 32-bit flags keep the loop free of branches, so the clones vectorise it.
-VORN_DISPATCH void scaleOnPowerSegment(const float* in, float* out, const float* gain,
-                                       const float* root, std::int32_t* redo, std::size_t count) {
+// 32-bit flags keep the loop free of branches, so the clones vectorise it. A root of 0 marks a
+// unit gain, which is never computed with.
+VORN_DISPATCH void scaleOnPowerSegment(const float* __restrict in, float* __restrict out,
+                                       const float* __restrict root, std::int32_t* __restrict redo,
+                                       std::size_t count) {
   constexpr float kKnee = 0.04045f;
-  for (std::size_t i = 0; i < count; ++i) {
-    // A unit gain is marked by a root of 0, which is never computed with.
-    const float k = gain[i] == 1.0f ? 0.0f : root[i];
-    for (std::size_t c = 0; c < 3; ++c) {
-      const float x = in[3 * i + c];
-      const float t = k * (x + 0.055f) - 0.055f;
-      const bool scaled = k != 0.0f;
-      const bool fast = (x > kKnee) & (t > kKnee);
-      out[3 * i + c] = fast & scaled ? t : x;
-      redo[3 * i + c] = static_cast<std::int32_t>(!fast & scaled);
-    }
+  for (std::size_t k = 0; k < count; ++k) {
+    const float x = in[k];
+    const float t = root[k] * (x + 0.055f) - 0.055f;
+    const bool scaled = root[k] != 0.0f;
+    const bool fast = (x > kKnee) & (t > kKnee);
+    out[k] = fast & scaled ? t : x;
+    redo[k] = static_cast<std::int32_t>(!fast & scaled);
   }
 }
 
@@ -31,12 +29,28 @@ VORN_DISPATCH void scaleOnPowerSegment(const float* in, float* out, const float*
 
 void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const float* gain,
                        const float* root, std::size_t count) {
+  thread_local std::vector<float> roots;
+  thread_local std::vector<float> source;
   thread_local std::vector<std::int32_t> slow;
   const std::size_t n = 3 * count;
+  roots.resize(n);
   slow.resize(n);
+  float* r = roots.data();
+  for (std::size_t i = 0; i < count; ++i) {
+    const float k = gain[i] == 1.0f ? 0.0f : root[i];
+    r[3 * i] = k;
+    r[3 * i + 1] = k;
+    r[3 * i + 2] = k;
+  }
+  const float* v = &in->r;
   float* o = &out->r;
-  const std::int32_t* redo = slow.data();
-  scaleOnPowerSegment(&in->r, o, gain, root, slow.data(), count);
+  // The pass reads and writes apart; in place, the row is read from a copy.
+  if (v == o) {
+    source.assign(v, v + n);
+    v = source.data();
+  }
+  std::int32_t* redo = slow.data();
+  scaleOnPowerSegment(v, o, r, redo, n);
   std::int32_t any = 0;
   for (std::size_t k = 0; k < n; ++k) any |= redo[k];
   if (any == 0) return;
