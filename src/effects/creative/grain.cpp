@@ -74,7 +74,7 @@ void GrainNewEffect::render(const Window& window) const {
     fine.accumulate(fy, fineAmplitude, noise.data(), lattice);
     const float* sum = noise.data();
     detail::clonedLoop(
-        [&](std::size_t i) {
+        [=](std::size_t i) {
           // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
           // passes through as it did.
           float l = detail::luminance(in[i]);

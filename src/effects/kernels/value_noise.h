@@ -65,7 +65,7 @@ class NoiseRows {
     const std::uint32_t* index = index_.data();
     const float* weight = weight_.data();
     clonedLoop(
-        [&](std::size_t i) {
+        [=](std::size_t i) {
           const std::uint32_t n = index[i];
           sum[i] += amplitude * mix(values[n], values[n + 1], weight[i]);
         },
