@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,23 +64,47 @@ TEST(ColorSpaceTest, OklabAndTransferMatchReferenceAndRoundTrip) {
     EXPECT_NEAR(r, v, 1e-4f);
     EXPECT_NEAR(g, 0.5f * v, 1e-4f);
   }
-  // The vectorised pass agrees with the per-value one, NaN and over-range values included.
+  // The vectorised passes agree with the per-value curves bit for bit, NaN and over-range values
+  // included: a pixel must not change with where a region starts.
   std::vector<float> values;
   for (float v = -2.0f; v < 4.0f; v += 0.0037f) values.push_back(v);
   values.insert(values.end(), {std::nanf(""), INFINITY, -INFINITY, 0.0f, 1.0f});
   std::vector<float> decoded(values.size());
+  std::vector<float> encoded(values.size());
   transfer.decode.apply(values.data(), decoded.data(), values.size());
+  transfer.encode.apply(values.data(), encoded.data(), values.size());
   for (std::size_t i = 0; i < values.size(); ++i) {
-    const float expected = transfer.toLinear(values[i]);
-    if (!std::isfinite(expected)) {
-      EXPECT_EQ(decoded[i], expected);
-      continue;
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(decoded[i]),
+              std::bit_cast<std::uint32_t>(transfer.toLinear(values[i])))
+        << values[i];
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(encoded[i]),
+              std::bit_cast<std::uint32_t>(transfer.toEncoded(values[i])))
+        << values[i];
+    if (std::isnan(values[i])) {
+      EXPECT_EQ(decoded[i], 0.0f);
     }
-    EXPECT_NEAR(decoded[i], expected, 1e-6f * std::max(1.0f, std::fabs(expected))) << values[i];
   }
   for (float angle = -3.14f; angle < 3.14f; angle += 0.01f) {
     EXPECT_NEAR(detail::fastAtan2(2.0f * std::sin(angle), 2.0f * std::cos(angle)), angle, 3e-4f);
   }
+}
+
+TEST(ColorSpaceTest, FastPowerFunctionsFollowTheLibrary) {
+  double worst = 0.0;
+  for (float x = 1e-6f; x < 1e6f; x *= 1.0137f) {
+    EXPECT_NEAR(detail::fastLog2(x), std::log2(x), 2e-7f * std::max(1.0f, std::fabs(std::log2(x))))
+        << x;
+    for (const float p : {-2.5f, -0.4f, 1.0f / 2.4f, 2.4f}) {
+      const double exact = std::pow(static_cast<double>(x), static_cast<double>(p));
+      if (std::fabs(p * std::log2(x)) > 30.0f) continue;
+      worst = std::max(worst, std::fabs(detail::fastPow(x, p) / exact - 1.0));
+    }
+  }
+  EXPECT_LT(worst, 2e-6) << "largest relative error of x^p";
+  // Whole powers of two are exact, so unit gains keep pixels bit for bit.
+  for (int n = -20; n <= 20; ++n)
+    EXPECT_EQ(detail::fastExp2(static_cast<float>(n)), std::ldexp(1.0f, n));
+  EXPECT_EQ(detail::fastLog2(1.0f), 0.0f);
 }
 
 TEST(ColorEffectTest, SaturationRemovesAndGreysStayNeutral) {

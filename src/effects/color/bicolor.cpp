@@ -38,17 +38,16 @@ void BiColorEffect::render(const Window& window) const {
   const detail::FrameGradient gradient(
       window.frame, mappedValue(3, -180.0f, 0.0f, 180.0f), 0.0f,
       kNarrowest + (2.0f - kNarrowest) * detail::fraction(*this, 4));
-  const detail::SrgbTransfer& transfer = detail::srgbTransfer();
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const float w = gradient.at(x0 + static_cast<int>(i), y);
-      const auto through = [&](float value, std::size_t c) {
-        const float gain = bottom[c] + (top[c] - bottom[c]) * w;
-        return transfer.toEncoded(gain * transfer.toLinear(value));
-      };
-      out[i] = PixelRGB<float>(through(in[i].r, 0), through(in[i].g, 1), through(in[i].b, 2));
-    }
+    detail::adjustLinear(
+        [&](float& r, float& g, float& b, std::size_t i) {
+          const float w = gradient.at(x0 + static_cast<int>(i), y);
+          r *= bottom[0] + (top[0] - bottom[0]) * w;
+          g *= bottom[1] + (top[1] - bottom[1]) * w;
+          b *= bottom[2] + (top[2] - bottom[2]) * w;
+        },
+        in, out, count);
   });
 }
 

@@ -13,57 +13,50 @@
 // (or to Oklab) with the shared tables, changes the colour and encodes again.
 namespace vorn::detail {
 
-/// adjust over channel planes, cloned for the wider vector units (the loops vectorise).
+/// adjust(r[i], g[i], b[i], i) for every i below count, cloned for the wider vector units.
 template <typename Adjust>
-VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* r, float* g, float* b,
+VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict r,
+                                         float* __restrict g, float* __restrict b,
                                          std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i]);
+  for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i], i);
 }
 
-/// adjust(r, g, b) on the linear-light values of every pixel; Cloned runs it through the
-/// wide-vector clones, which a per-pixel table lookup (gathers) makes slower. Pixels go in blocks:
-/// the transfer curves run over the block's values, adjust over its channel planes, so both loops
-/// vectorise.
-template <bool Cloned = true, typename Adjust>
+/// adjust(r, g, b, i) on the linear-light values of count pixels, i counted from in, in blocks
+/// that stay in L1; in may be out.
+template <typename Adjust>
+void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
+                  std::size_t count) {
+  constexpr std::size_t kBlock = 256;
+  alignas(64) float r[kBlock];
+  alignas(64) float g[kBlock];
+  alignas(64) float b[kBlock];
+  for (std::size_t done = 0; done < count; done += kBlock) {
+    const std::size_t n = count - done < kBlock ? count - done : kBlock;
+    const auto shifted = [&adjust, done](float& red, float& green, float& blue, std::size_t i) {
+      adjust(red, green, blue, done + i);
+    };
+    decodeToPlanes(&in[done].r, r, g, b, n);
+    adjustPlanes(shifted, r, g, b, n);
+    encodeFromPlanes(r, g, b, &out[done].r, n);
+  }
+}
+
+/// adjust(r, g, b) on the linear-light values of every pixel.
+template <typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
-  const SrgbTransfer& transfer = srgbTransfer();
-  return rowKernel(
-      [adjust, &transfer](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-        constexpr std::size_t kBlock = 256;
-        alignas(64) float values[3 * kBlock];
-        alignas(64) float r[kBlock];
-        alignas(64) float g[kBlock];
-        alignas(64) float b[kBlock];
-        for (std::size_t done = 0; done < count; done += kBlock) {
-          const std::size_t n = count - done < kBlock ? count - done : kBlock;
-          transfer.decode.apply(&in[done].r, values, 3 * n);
-          for (std::size_t i = 0; i < n; ++i) {
-            r[i] = values[3 * i];
-            g[i] = values[3 * i + 1];
-            b[i] = values[3 * i + 2];
-          }
-          if constexpr (Cloned) {
-            adjustPlanes(adjust, r, g, b, n);
-          } else {
-            for (std::size_t i = 0; i < n; ++i) adjust(r[i], g[i], b[i]);
-          }
-          for (std::size_t i = 0; i < n; ++i) {
-            values[3 * i] = r[i];
-            values[3 * i + 1] = g[i];
-            values[3 * i + 2] = b[i];
-          }
-          transfer.encode.apply(values, &out[done].r, 3 * n);
-        }
-      });
+  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in, out,
+                 count);
+  });
 }
 
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
-template <bool Cloned = true, typename Adjust>
+template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return linearKernel<Cloned>([adjust, linear](float& r, float& g, float& b) {
+  return linearKernel([adjust, linear](float& r, float& g, float& b) {
     float x = r, y = g, z = b;
     linear.apply(x, y, z);
     Oklab lab = linearToOklab(x, y, z);
@@ -76,9 +69,9 @@ std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
   });
 }
 
-template <bool Cloned = true, typename Adjust>
+template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
-  return oklabKernel<Cloned>(Matrix3{}, adjust);
+  return oklabKernel(Matrix3{}, adjust);
 }
 
 /// Oklab chroma of (a, b).

@@ -98,8 +98,7 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   if (amount == 0.0f) return nullptr;
   std::array<float, 6> sliders{};
   for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
-  // The hue table is read per pixel: plain vector code gathers it faster than the wide clones.
-  return detail::oklabKernel<false>([amount, gains = hueGains(sliders)](Oklab& lab) {
+  return detail::oklabKernel([amount, gains = hueGains(sliders)](Oklab& lab) {
     const float c = detail::chroma(lab);
     const float strength = std::min(c * (1.0f / kFullMixChroma), 1.0f);
     const float grey = lab.L * (1.0f + strength * gains.at(detail::fastAtan2(lab.b, lab.a)));

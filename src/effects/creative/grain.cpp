@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/value_noise.h"
@@ -71,22 +72,25 @@ void GrainNewEffect::render(const Window& window) const {
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
     coarse.accumulate(fy, coarseAmplitude, noise.data(), lattice);
     fine.accumulate(fy, fineAmplitude, noise.data(), lattice);
-    for (std::size_t i = 0; i < count; ++i) {
-      // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
-      // passes through as it did.
-      float l = detail::luminance(in[i]);
-      l = l < 0.0f ? 0.0f : l;
-      l = l > 1.0f ? 1.0f : l;
-      const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
-      const float g = noise[i] * strength;
-      // Grain never pushes a channel below black (selects, so NaN reads as black as before).
-      const auto grained = [g](float c) {
-        const float floor = c < 0.0f ? c : 0.0f;
-        const float moved = c + g;
-        return moved > floor ? moved : floor;
-      };
-      out[i] = PixelRGB<float>(grained(in[i].r), grained(in[i].g), grained(in[i].b));
-    }
+    const float* sum = noise.data();
+    detail::clonedLoop(
+        [=](std::size_t i) {
+          // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
+          // passes through as it did.
+          float l = detail::luminance(in[i]);
+          l = l < 0.0f ? 0.0f : l;
+          l = l > 1.0f ? 1.0f : l;
+          const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
+          const float g = sum[i] * strength;
+          // Grain never pushes a channel below black (selects, so NaN reads as black as before).
+          const auto grained = [g](float c) {
+            const float floor = c < 0.0f ? c : 0.0f;
+            const float moved = c + g;
+            return moved > floor ? moved : floor;
+          };
+          out[i] = PixelRGB<float>(grained(in[i].r), grained(in[i].g), grained(in[i].b));
+        },
+        count);
   });
 }
 

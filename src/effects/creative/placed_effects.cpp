@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/cloned_loop.h"
+#include "effects/kernels/color_space.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
-#include "effects/kernels/sampled_curve.h"
 #include "effects/kernels/tone_curve.h"
 #include "effects/kernels/window_blur.h"
 #include "vorn/effects/creative_effects.h"
@@ -96,10 +97,9 @@ void VignetteEffect::render(const Window& window) const {
   const VignetteShape shape(*this, centre);
   constexpr float kProtection = 0.8f;
   constexpr float kDeepestStops = 2.5f;
-  // Full darkening takes the corners down by this many stops. The gain is tabulated once and
-  // the columns' terms computed once; the falloff of a row is worked out in a loop of its own.
-  const detail::SampledCurve gain(0.0f, 1.0f, 256,
-                                  [&](float m) { return std::exp2(kDeepestStops * amount * m); });
+  // Full darkening takes the corners down by this many stops. The columns' terms are computed
+  // once; the falloff of a row is worked out in a loop of its own.
+  const float stops = kDeepestStops * amount;
   std::vector<float> columns(static_cast<std::size_t>(window.output.width));
   for (std::size_t i = 0; i < columns.size(); ++i)
     columns[i] = shape.term(centre.dx(window.output.x + static_cast<int>(i)), shape.axisX);
@@ -116,18 +116,25 @@ void VignetteEffect::render(const Window& window) const {
       const PixelRGB<float>* source = in + start;
       PixelRGB<float>* target = out + start;
       if (amount < 0.0f) {
-        for (std::size_t i = 0; i < block; ++i) {
-          const PixelRGB<float>& p = source[i];
-          // Highlights keep up to kProtection of their level: a step from 0.7 to 1 of luminance.
-          const float keep = kProtection * unitStep((detail::luminance(p) - 0.7f) * (1.0f / 0.3f));
-          target[i] = detail::scaled(p, gain.at(mask[i] * (1.0f - keep)));
-        }
+        detail::clonedLoop(
+            [&](std::size_t i) {
+              const PixelRGB<float> p = source[i];
+              // Highlights keep up to kProtection of their level: a step from 0.7 to 1 of
+              // luminance.
+              const float keep =
+                  kProtection * unitStep((detail::luminance(p) - 0.7f) * (1.0f / 0.3f));
+              target[i] = detail::scaled(p, detail::fastExp2(stops * mask[i] * (1.0f - keep)));
+            },
+            block);
       } else {
-        for (std::size_t i = 0; i < block; ++i) {
-          const float light = amount * mask[i];
-          target[i] = detail::perChannel(
-              source[i], source[i], [light](float a, float) { return detail::screen(a, light); });
-        }
+        detail::clonedLoop(
+            [&](std::size_t i) {
+              const float light = amount * mask[i];
+              target[i] = detail::perChannel(source[i], source[i], [light](float a, float) {
+                return detail::screen(a, light);
+              });
+            },
+            block);
       }
     }
   });
@@ -145,13 +152,15 @@ bool ToolGraduatedNaturalDensityEffect::isIdentity() const {
 void ToolGraduatedNaturalDensityEffect::render(const Window& window) const {
   const float stops = 2.0f * signedFraction(*this, 0);
   const FrameGradient gradient = gradientOf(*this, window.frame, 1);
-  // The gain over the transition, tabulated once: its ends are exactly 1 and the full gain.
-  const detail::SampledCurve gain(
-      0.0f, 1.0f, 1024, [stops](float t) { return std::exp2(stops * smoothStep(0.0f, 1.0f, t)); });
+  // Where the transition has not begun the gain is exactly 2^0 = 1 and pixels are kept.
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    for (std::size_t i = 0; i < count; ++i)
-      out[i] = detail::scaled(in[i], gain.at(gradient.across(x0 + static_cast<int>(i), y)));
+    detail::clonedLoop(
+        [&](std::size_t i) {
+          const float t = unitStep(gradient.across(x0 + static_cast<int>(i), y));
+          out[i] = detail::scaled(in[i], detail::fastExp2(stops * t));
+        },
+        count);
   });
 }
 

@@ -1,6 +1,6 @@
 #include "effects/kernels/color_space.h"
 
-#include <immintrin.h>
+#include "core/dispatch.h"
 
 #include <algorithm>
 #include <cmath>
@@ -51,72 +51,47 @@ float linearToSrgbExact(float linear) {
 
 namespace {
 
-// Linear interpolation error stays below 5e-6 with these step counts (the encoding bends most).
-constexpr std::size_t kDecodeSteps = 4096;
-constexpr std::size_t kEncodeSteps = 16384;
-// The decoding's slope at 1: 2.4 / 1.055.
-constexpr float kDecodeSlopeAtOne = 2.4f / 1.055f;
-
-void applyScalar(const TransferTable& table, const float* in, float* out, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = table(in[i]);
+// One plain loop each, cloned for the wider vector units.
+VORN_DISPATCH void decodeValues(const float* in, float* out, std::size_t count) {
+  const SrgbDecode decode;
+  for (std::size_t i = 0; i < count; ++i) out[i] = decode(in[i]);
 }
 
-// GCC 12's intrinsic headers seed results with self-initialised "undefined" vectors, which
-// -Wmaybe-uninitialized reports in every caller; the values are always overwritten.
-#pragma GCC diagnostic push
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-
-// The scalar operator() lane by lane, the two ends of a segment fetched by gathers.
-__attribute__((target("avx2"))) void applyAvx2(const TransferTable& table, const float* in,
-                                               float* out, std::size_t count) {
-  const __m256 signBit = _mm256_set1_ps(-0.0f);
-  const __m256 one = _mm256_set1_ps(1.0f);
-  const __m256 scale = _mm256_set1_ps(table.scale);
-  const __m256 above = _mm256_set1_ps(table.above);
-  const __m256i last = _mm256_set1_epi32(table.last);
-  const float* values = table.values.data();
-  std::size_t i = 0;
-  for (; i + 8 <= count; i += 8) {
-    const __m256 x = _mm256_loadu_ps(in + i);
-    const __m256 magnitude = _mm256_andnot_ps(signBit, x);
-    // max returns its second operand for NaN, so NaN reads the table at 0.
-    __m256 s = _mm256_max_ps(_mm256_mul_ps(magnitude, scale), _mm256_setzero_ps());
-    s = _mm256_min_ps(s, scale);
-    const __m256i n = _mm256_min_epi32(_mm256_cvttps_epi32(s), last);
-    const __m256 a = _mm256_i32gather_ps(values, n, 4);
-    const __m256 b = _mm256_i32gather_ps(values + 1, n, 4);
-    // Multiply and add apart, as the scalar tail computes them: a pixel's value must not depend
-    // on where a region starts.
-    const __m256 inside = _mm256_add_ps(
-        a, _mm256_mul_ps(_mm256_sub_ps(b, a), _mm256_sub_ps(s, _mm256_cvtepi32_ps(n))));
-    const __m256 line = _mm256_add_ps(one, _mm256_mul_ps(_mm256_sub_ps(magnitude, one), above));
-    const __m256 y = _mm256_blendv_ps(inside, line, _mm256_cmp_ps(magnitude, one, _CMP_GT_OQ));
-    _mm256_storeu_ps(out + i, _mm256_or_ps(y, _mm256_and_ps(x, signBit)));
-  }
-  applyScalar(table, in + i, out + i, count - i);
-}
-
-#pragma GCC diagnostic pop
-
-using ApplyFn = void (*)(const TransferTable&, const float*, float*, std::size_t);
-
-ApplyFn selectApply() {
-  if (__builtin_cpu_supports("avx2")) return applyAvx2;
-  return applyScalar;
+VORN_DISPATCH void encodeValues(const float* in, float* out, std::size_t count) {
+  const SrgbEncode encode;
+  for (std::size_t i = 0; i < count; ++i) out[i] = encode(in[i]);
 }
 
 }  // namespace
 
-void TransferTable::apply(const float* in, float* out, std::size_t count) const {
-  static const ApplyFn kernel = selectApply();
-  kernel(*this, in, out, count);
+VORN_DISPATCH void decodeToPlanes(const float* __restrict in, float* __restrict r,
+                                  float* __restrict g, float* __restrict b, std::size_t count) {
+  const SrgbDecode decode;
+  for (std::size_t i = 0; i < count; ++i) {
+    r[i] = decode(in[3 * i]);
+    g[i] = decode(in[3 * i + 1]);
+    b[i] = decode(in[3 * i + 2]);
+  }
 }
 
-SrgbTransfer::SrgbTransfer()
-    : decode(kDecodeSteps, kDecodeSlopeAtOne, srgbToLinearExact),
-      encode(kEncodeSteps, 1.0f / kDecodeSlopeAtOne, linearToSrgbExact) {}
+VORN_DISPATCH void encodeFromPlanes(const float* __restrict r, const float* __restrict g,
+                                    const float* __restrict b, float* __restrict out,
+                                    std::size_t count) {
+  const SrgbEncode encode;
+  for (std::size_t i = 0; i < count; ++i) {
+    out[3 * i] = encode(r[i]);
+    out[3 * i + 1] = encode(g[i]);
+    out[3 * i + 2] = encode(b[i]);
+  }
+}
+
+void SrgbDecode::apply(const float* in, float* out, std::size_t count) const {
+  decodeValues(in, out, count);
+}
+
+void SrgbEncode::apply(const float* in, float* out, std::size_t count) const {
+  encodeValues(in, out, count);
+}
 
 const SrgbTransfer& srgbTransfer() {
   static const SrgbTransfer transfer;

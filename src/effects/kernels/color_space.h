@@ -5,10 +5,9 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 // Colour maths of the point-wise colour effects. Pixels hold sRGB-encoded values (above 1 for
-// highlights); effects decode them to linear light through tabulated transfer curves and judge
+// highlights); effects decode them to linear light through polynomial transfer curves and judge
 // colour in Oklab, whose lightness, chroma and hue follow perception closely.
 namespace vorn::detail {
 
@@ -39,54 +38,100 @@ Matrix3 inverse(const Matrix3& a);
 /// Linear sRGB (D65) to CIE XYZ.
 const Matrix3& linearSrgbToXyz();
 
-/// A transfer curve tabulated on [0, 1] and read with linear interpolation; negative values
-/// mirror the positive side and values above 1 continue as a straight line of slope `above`.
-struct TransferTable {
-  template <typename Function>
-  TransferTable(std::size_t steps, float slopeAbove, Function f)
-      : values(steps + 2),
-        scale(static_cast<float>(steps)),
-        last(static_cast<int>(steps) - 1),
-        above(slopeAbove) {
-    for (std::size_t n = 0; n <= steps; ++n)
-      values[n] = f(static_cast<float>(n) / static_cast<float>(steps));
-    values[steps + 1] = values[steps];
-  }
+/// log2 x for a positive normal x by the atanh series on a mantissa centred at 1 (absolute error
+/// about 1e-7), branch-free so that loops over it vectorise.
+inline float fastLog2(float x) {
+  const std::uint32_t bits = std::bit_cast<std::uint32_t>(x);
+  // The exponent taken relative to sqrt(1/2), so the mantissa left lies in [sqrt(1/2), sqrt(2)).
+  const std::int32_t exponent = static_cast<std::int32_t>(bits - 0x3f3504f3u) >> 23;
+  const float mantissa = std::bit_cast<float>(bits - (static_cast<std::uint32_t>(exponent) << 23));
+  const float z = (mantissa - 1.0f) / (mantissa + 1.0f);
+  const float z2 = z * z;
+  const float series =
+      ((((1.0f / 9.0f) * z2 + 1.0f / 7.0f) * z2 + 1.0f / 5.0f) * z2 + 1.0f / 3.0f) * z2 + 1.0f;
+  return static_cast<float>(exponent) + z * series * 2.88539008f;  // 2 / ln 2
+}
+
+/// 2^y for |y| below 126 by the Taylor polynomial of the fraction in [-1/2, 1/2] (relative error
+/// a few float ulps), branch-free so that loops over it vectorise.
+inline float fastExp2(float y) {
+  // Rounding by adding 1.5 * 2^23, whose low mantissa bits then hold the integer: GCC leaves
+  // float-to-int conversions under a select unvectorised for AVX2.
+  const float shifted = y + 12582912.0f;
+  const float f = (y - (shifted - 12582912.0f)) * 0.693147182f;  // ln 2
+  const std::uint32_t whole = std::bit_cast<std::uint32_t>(shifted) - 0x4b400000u;
+  const float e =
+      ((((((f * (1.0f / 5040.0f) + 1.0f / 720.0f) * f + 1.0f / 120.0f) * f + 1.0f / 24.0f) * f +
+         1.0f / 6.0f) *
+            f +
+        0.5f) *
+           f +
+       1.0f) *
+          f +
+      1.0f;
+  return e * std::bit_cast<float>((whole + 127u) << 23);
+}
+
+/// x^p for a positive normal x with |p log2 x| below 126.
+inline float fastPow(float x, float p) {
+  return fastExp2(p * fastLog2(x));
+}
+
+/// The sRGB decoding's slope at 1 (2.4 / 1.055): encoded values above 1 continue along it.
+inline constexpr float kSrgbSlopeAtOne = 2.4f / 1.055f;
+
+/// sRGB decoding of any value: negative values mirror the positive side, values above 1 continue
+/// as a straight line and NaN becomes 0. Branch-free, so loops over it vectorise.
+struct SrgbDecode {
   float operator()(float x) const {
-    const float magnitude = std::fabs(x);
-    float s = magnitude * scale;
-    // Selects, so that NaN lands on 0 and the loops around stay branch-free.
-    s = s > 0.0f ? s : 0.0f;
-    s = s < scale ? s : scale;
-    int n = static_cast<int>(s);
-    n = n < last ? n : last;
-    const float a = values[static_cast<std::size_t>(n)];
-    float y = a + (values[static_cast<std::size_t>(n) + 1] - a) * (s - static_cast<float>(n));
-    y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * above : y;
+    float magnitude = std::fabs(x);
+    magnitude = magnitude > 0.0f ? magnitude : 0.0f;
+    float t = (magnitude + 0.055f) * (1.0f / 1.055f);
+    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
+    // t is at least 0.0521 wherever the power is kept.
+    t = t > 0.05f ? t : 0.05f;
+    float y = magnitude <= 0.04045f ? magnitude * (1.0f / 12.92f) : fastPow(t, 2.4f);
+    y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * kSrgbSlopeAtOne : y;
     return std::copysign(y, x);
   }
   /// out[i] = (*this)(in[i]) for count values, vectorised for the running CPU; in may be out.
   void apply(const float* in, float* out, std::size_t count) const;
-
-  std::vector<float> values;
-  float scale;
-  int last;
-  float above;
 };
 
-/// The sRGB transfer curves, tabulated once per process. The straight lines above 1 are each
-/// other's inverse, so a decode followed by an encode returns the value whatever its range.
+/// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
+struct SrgbEncode {
+  float operator()(float x) const {
+    float magnitude = std::fabs(x);
+    magnitude = magnitude > 0.0f ? magnitude : 0.0f;
+    float t = magnitude < 1.0f ? magnitude : 1.0f;
+    t = t > 0.003f ? t : 0.003f;
+    float y =
+        magnitude <= 0.0031308f ? magnitude * 12.92f : 1.055f * fastPow(t, 1.0f / 2.4f) - 0.055f;
+    y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
+    return std::copysign(y, x);
+  }
+  /// out[i] = (*this)(in[i]) for count values, vectorised for the running CPU; in may be out.
+  void apply(const float* in, float* out, std::size_t count) const;
+};
+
+/// The sRGB transfer curves. The straight lines above 1 are each other's inverse, so a decode
+/// followed by an encode returns the value whatever its range.
 struct SrgbTransfer {
-  SrgbTransfer();
   float toLinear(float encoded) const { return decode(encoded); }
   float toEncoded(float linear) const { return encode(linear); }
 
-  TransferTable decode;
-  TransferTable encode;
+  SrgbDecode decode;
+  SrgbEncode encode;
 };
 
-/// The process-wide transfer tables.
+/// The process-wide transfer curves.
 const SrgbTransfer& srgbTransfer();
+
+/// Decodes count interleaved sRGB pixels into linear-light planes.
+void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
+/// Encodes linear-light planes into count interleaved sRGB pixels.
+void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
+                      std::size_t count);
 
 /// The exact sRGB transfer functions on [0, 1], for per-call set-up.
 float srgbToLinearExact(float encoded);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/mix.h"
 
 // Value noise on an integer lattice: repeatable pseudo-random textures (grain, paper) whose
@@ -60,10 +61,15 @@ class NoiseRows {
       lattice[static_cast<std::size_t>(i - first_)] =
           mix(latticeValue(i, j, seed_), latticeValue(i, j + 1, seed_), sv);
     }
-    for (std::size_t i = 0; i < index_.size(); ++i) {
-      const std::uint32_t n = index_[i];
-      sum[i] += amplitude * mix(lattice[n], lattice[n + 1], weight_[i]);
-    }
+    const float* values = lattice.data();
+    const std::uint32_t* index = index_.data();
+    const float* weight = weight_.data();
+    clonedLoop(
+        [=](std::size_t i) {
+          const std::uint32_t n = index[i];
+          sum[i] += amplitude * mix(values[n], values[n + 1], weight[i]);
+        },
+        index_.size());
   }
 
  private:

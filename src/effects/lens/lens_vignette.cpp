@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/cloned_loop.h"
+#include "effects/kernels/color_space.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/linear_gain.h"
-#include "effects/kernels/sampled_curve.h"
 #include "vorn/effects/lens_effects.h"
 
 namespace vorn {
@@ -29,14 +30,10 @@ void LensVignetteEffect::render(const Window& window) const {
   const detail::FrameCentre centre(window.frame);
   const float diagonal2 =
       centre.halfWidth * centre.halfWidth + centre.halfHeight * centre.halfHeight;
-  // Gain and its encoded-value root as functions of the squared radius (1 at the corners).
-  const auto gainAt = [amount, start](float r2) {
-    const float rho = std::max(0.0f, std::sqrt(r2) - start) / (1.0f - start);
-    return std::pow(1.0f + rho * rho, 2.0f * amount);
-  };
-  const detail::SampledCurve gain(0.0f, 1.0f, 2048, gainAt);
-  const detail::SampledCurve root(0.0f, 1.0f, 2048,
-                                  [&](float r2) { return std::pow(gainAt(r2), 1.0f / 2.4f); });
+  // The gain and its encoded-value root share one logarithm of 1 + rho^2 per pixel.
+  const float gainPower = 2.0f * amount;
+  const float rootPower = gainPower / 2.4f;
+  const float inverseSpan = 1.0f / (1.0f - start);
   std::vector<float> columns(static_cast<std::size_t>(window.output.width));
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const float dx = centre.dx(window.output.x + static_cast<int>(i));
@@ -50,10 +47,19 @@ void LensVignetteEffect::render(const Window& window) const {
     roots.resize(count);
     const float dy = centre.dy(y);
     const float row = dy * dy / diagonal2;
-    for (std::size_t i = 0; i < count; ++i) {
-      gains[i] = gain.at(columns[i] + row);
-      roots[i] = root.at(columns[i] + row);
-    }
+    const float* column = columns.data();
+    float* gain = gains.data();
+    float* root = roots.data();
+    detail::clonedLoop(
+        [=](std::size_t i) {
+          float rho = (std::sqrt(column[i] + row) - start) * inverseSpan;
+          rho = rho > 0.0f ? rho : 0.0f;
+          // log2 of exactly 1 is 0, so the gain inside the midpoint is exactly 1.
+          const float l = detail::fastLog2(1.0f + rho * rho);
+          gain[i] = detail::fastExp2(gainPower * l);
+          root[i] = detail::fastExp2(rootPower * l);
+        },
+        count);
     // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
     detail::applyEncodedGains(in, out, gains.data(), roots.data(), count);
   });

@@ -66,8 +66,7 @@ PointEffect::Kernel RawDevelopEffect::prepare(const Setup& setup) const {
     b += (high - b) * w;
   };
   if (!profile) return detail::linearKernel(develop);
-  // Table lookups per pixel: the wide-vector clones would only gather.
-  return detail::linearKernel<false>([develop, strength, profile](float& r, float& g, float& b) {
+  return detail::linearKernel([develop, strength, profile](float& r, float& g, float& b) {
     develop(r, g, b);
     float pr = r, pg = g, pb = b;
     profile->apply(pr, pg, pb);
