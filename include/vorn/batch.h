@@ -4,7 +4,9 @@
 /* Whole-pipeline entry points for hosts written in any language: plain C types only. Every
  * function returns its error code (also stored in *errorCode when given) and writes a message
  * into `message` (truncated to messageSize, always terminated). An output is written through a
- * temporary file and renamed into place, so a failure or cancel never leaves part of a file. */
+ * temporary file and renamed into place, so a failure or cancel never leaves part of a file.
+ * A cancel flag set from another thread is set with an atomic store (C11 atomic_store or
+ * __atomic_store_n); it is read the same way. */
 
 #include <stddef.h>
 

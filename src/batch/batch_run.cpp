@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "vorn/core/file_utils.h"
+#include "vorn/core/processing_status.h"
 
 namespace vorn::batch {
 
@@ -18,7 +19,7 @@ BatchRun::BatchRun(VornBatchProgress progress, void* user, const volatile int* c
   watcher_ = std::jthread([this](std::stop_token token) {
     while (!token.stop_requested()) {
       if (cancelled()) {
-        *stop_ = true;
+        requestCancel(stop_.get());
         return;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -27,7 +27,8 @@ class BatchRun {
   BatchRun(const BatchRun&) = delete;
   BatchRun& operator=(const BatchRun&) = delete;
 
-  bool cancelled() const { return cancel_ && *cancel_ != 0; }
+  // The host sets the flag from its own thread; an atomic read keeps that well defined.
+  bool cancelled() const { return cancel_ && __atomic_load_n(cancel_, __ATOMIC_RELAXED) != 0; }
   /// Reports the stage; throws a cancelled failure when the flag is set.
   void stage(double fraction, const char* name) const;
   const std::shared_ptr<bool>& stopFlag() const { return stop_; }
