@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "core/image_data_internal.h"
+#include "vorn/io/image.h"
 
 namespace vorn::detail {
 
@@ -130,9 +131,12 @@ RenderSetup makeRenderSetup(const EffectCallContext& call, _Rect<int> readable, 
       frameSize = context->imageSize;
     origin = context->origin;
   }
-  return RenderSetup{statistics, hasReference ? call.reference->rect() : readable, spatialScale,
+  return RenderSetup{statistics,
+                     hasReference ? call.reference->rect() : readable,
+                     spatialScale,
                      RenderControl(call.cancel),
-                     _Rect<int>(-origin.x, -origin.y, frameSize.width, frameSize.height)};
+                     _Rect<int>(-origin.x, -origin.y, frameSize.width, frameSize.height),
+                     call.image ? call.image->metadata() : nullptr};
 }
 
 }  // namespace vorn::detail

@@ -12,6 +12,7 @@
 #include "vorn/core/processing_status.h"
 #include "vorn/effects/effect.h"
 #include "vorn/effects/point_effect.h"
+#include "vorn/io/image_metadata.h"
 
 // The render contract shared by the effect bases: the cancel flag, row kernels, the setup of
 // one call and the window a neighbourhood effect renders through.
@@ -97,6 +98,9 @@ struct RenderSetup {
   /// The whole picture in the source's pixel coordinates: effects placed on the frame (centre,
   /// gradient line, grain lattice) measure positions against it.
   _Rect<int> frame;
+  /// What the photo being rendered says of itself (camera, as-shot white); null when the owner
+  /// rendered pixels without a photo behind them.
+  std::shared_ptr<const ImageMetadata> metadata;
 
   /// A size given in reference pixels, in pixels of this render (at least 1).
   int pixels(float referencePixels) const { return pixelsAt(referencePixels, spatialScale); }

@@ -184,6 +184,15 @@ bool wellFormed(const std::vector<Operation>& ops) {
   return true;
 }
 
+/// The photo an effect step works on: that of the nearest image layer at or below it, whose
+/// metadata (camera, as-shot white) the raw effects read.
+std::shared_ptr<Image> photoBelow(const std::vector<Operation>& ops, std::size_t i) {
+  for (std::size_t j = i + 1; j-- > 0;)
+    if (ops[j].type == OperationType::Base)
+      return static_cast<const ImageLayer&>(*ops[j].layer).getSourceImage();
+  return nullptr;
+}
+
 }  // namespace
 
 void ImageProcessorComputeUnit::reset() {
@@ -276,7 +285,8 @@ std::shared_ptr<const ImageDataRGBf> ImageProcessorComputeUnit::runStep(
       auto out = std::make_shared<ImageDataRGBf>(previous->size(), previous->colorProfile);
       const ConstFrame reference =
           needsWholePictureReference(op.effect->id()) ? request.wholePicture : ConstFrame();
-      EffectCallContext call(previous, out, reference, {}, {}, request.cancel.get());
+      EffectCallContext call(previous, out, reference, {}, photoBelow(ops, i),
+                             request.cancel.get());
       const EffectChainResult chain = runEffectChain({op.effect}, call);
       if (chain.status == EffectChainStatus::Cancelled)
         throw ImageProcessingStatus::cancelException();

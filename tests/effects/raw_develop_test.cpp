@@ -8,7 +8,9 @@
 
 #include "effects/color/color_kernels.h"
 #include "effects/effect_test_support.h"
+#include "effects/raw/as_shot_white.h"
 #include "effects/raw/working_space.h"
+#include "vorn/io/image.h"
 
 namespace vorn {
 namespace {
@@ -142,6 +144,77 @@ TEST(RawDevelopTest, HighlightRecoveryWhitensBlownHighlightsSmoothlyAndSparesSat
       for (std::size_t c = 0; c < 3; ++c) EXPECT_GE(after[c], left[c] - 1e-4f) << x << " " << c;
     }
   }
+}
+
+/// A camera calibrated under standard light A (first) and D65 (second), with different matrices
+/// so that mixing them the wrong way finds a different white.
+ImageMetadata::CameraColor tungstenShot() {
+  ImageMetadata::CameraColor color;
+  color.colorMatrix1 = {0.80f, -0.20f, -0.05f, -0.40f, 1.20f, 0.20f, -0.05f, 0.15f, 0.60f};
+  color.colorMatrix2 = {0.70f, -0.15f, -0.05f, -0.45f, 1.25f, 0.20f, -0.10f, 0.20f, 0.55f};
+  color.illuminant1 = 17;
+  color.illuminant2 = 21;
+  // The camera's neutral under light A through its A calibration, as multipliers with green 1.
+  const double x = 0.44757, y = 0.40745;
+  std::array<double, 3> neutral{};
+  const std::array<double, 3> xyz{x / y, 1.0, (1.0 - x - y) / y};
+  for (std::size_t r = 0; r < 3; ++r)
+    for (std::size_t c = 0; c < 3; ++c) neutral[r] += color.colorMatrix1[3 * r + c] * xyz[c];
+  for (std::size_t c = 0; c < 3; ++c)
+    color.asShotMultipliers[c] = static_cast<float>(neutral[1] / neutral[c]);
+  return color;
+}
+
+TEST(AsShotWhiteTest, TheCalibrationGivesBackTheLightAndMissingDataGivesNothing) {
+  EXPECT_NEAR(detail::correlatedKelvin({0.3127, 0.3290}), 6504.0, 5.0);
+  EXPECT_NEAR(detail::correlatedKelvin({0.44757, 0.40745}), 2856.0, 5.0);
+
+  const auto white = detail::asShotWhite(tungstenShot());
+  ASSERT_TRUE(white);
+  EXPECT_NEAR(white->xy[0], 0.44757, 2e-4);
+  EXPECT_NEAR(white->xy[1], 0.40745, 2e-4);
+  EXPECT_NEAR(white->kelvin, 2856.0, 10.0);
+
+  ImageMetadata::CameraColor noMultipliers = tungstenShot();
+  noMultipliers.asShotMultipliers = {0.0f, 1.0f, 1.0f};
+  EXPECT_FALSE(detail::asShotWhite(noMultipliers));
+  ImageMetadata::CameraColor noMatrix = tungstenShot();
+  noMatrix.colorMatrix1 = {};
+  EXPECT_FALSE(detail::asShotWhite(noMatrix));
+  ImageMetadata::CameraColor broken = tungstenShot();
+  broken.colorMatrix1[4] = std::nanf("");
+  EXPECT_FALSE(detail::asShotWhite(broken));
+}
+
+TEST(AsShotWhiteTest, RawWhiteBalanceShiftsFromTheLightThePhotoWasTakenUnder) {
+  auto metadata = std::make_shared<ImageMetadata>();
+  metadata->cameraColor = tungstenShot();
+  auto photo = std::make_shared<Image>(std::make_shared<ImageSource>(
+      std::make_shared<ImageFrame>(_Size<int>(1, 1), PixelRGB<float>(0.5f)), metadata));
+  const auto renderOn = [&](const std::shared_ptr<const ImageRGBf>& source, float temperature,
+                            const std::shared_ptr<Image>& image) {
+    auto effect = test::makeEffect("VORNRawWhiteBalanceEffect", {temperature, 0});
+    std::shared_ptr<ImageRGBf> out;
+    EffectCallContext call(source, out, {}, {}, image, nullptr);
+    EXPECT_TRUE(effect->processImage(call));
+    return call.destination ? call.destination->at(0, 0) : PixelRGB<float>(std::nanf(""));
+  };
+  // +60 under tungsten assumes light 60 mired cooler than A; the decoder balanced A to D50, so
+  // that light, adapted from A to D50 as the decoder did, is what must come out neutral.
+  const std::array<float, 2> named =
+      detail::shiftedWhite({0.44757, 0.40745}, 2856.0, -60.0f, 0.0f, 400.0);
+  const detail::Matrix3 decoder =
+      detail::bradfordAdaptation(detail::Matrix3{}, {0.44757f, 0.40745f}, {0.3457f, 0.3585f});
+  float X = named[0] / named[1], Y = 1.0f, Z = (1.0f - named[0] - named[1]) / named[1];
+  decoder.apply(X, Y, Z);
+  auto lit = std::make_shared<ImageRGBf>(_Size<int>(1, 1),
+                                         lightOf(X / (X + Y + Z), Y / (X + Y + Z), 0.25f));
+  const PixelRGB<float> neutral = renderOn(lit, 60.0f, photo);
+  EXPECT_NEAR(neutral.r, neutral.g, 3e-3f);
+  EXPECT_NEAR(neutral.b, neutral.g, 3e-3f);
+  // Without the photo's calibration the same step is taken from D50 and leaves a cast.
+  const PixelRGB<float> fromD50 = renderOn(lit, 60.0f, nullptr);
+  EXPECT_GT(std::fabs(fromD50.b - fromD50.g) + std::fabs(fromD50.r - fromD50.g), 0.01f);
 }
 
 }  // namespace

@@ -286,6 +286,29 @@ TEST(ImageProcessorRender, PlacedImageLayerShowsTheLayerBelowAroundIt) {
   EXPECT_EQ(smallResult->at(30, 15), below->at(30, 15));
 }
 
+TEST(ImageProcessorRender, EffectsSeeTheMetadataOfThePhotoBelowThem) {
+  // A calibration whose as-shot white is far from D50: raw white balance starts from it.
+  auto metadata = std::make_shared<ImageMetadata>();
+  metadata->cameraColor.colorMatrix1 = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  metadata->cameraColor.illuminant1 = 21;
+  metadata->cameraColor.asShotMultipliers = {1.6f, 1.0f, 1.3f};
+  const auto frame = test::makePlainImage(_Size<int>(16, 8))->workingImage();
+  const auto render = [&](std::shared_ptr<const ImageMetadata> withMetadata) {
+    Document doc(_Size<int>(16, 8));
+    doc.imageLayer->setImage(
+        std::make_shared<Image>(std::make_shared<ImageSource>(frame, std::move(withMetadata))),
+        true);
+    while (doc.adjustment->removeEffectAtIndex(0)) {
+    }
+    doc.adjustment->pushBackEffect(test::makeEffect("VORNRawWhiteBalanceEffect", 70.0f));
+    return doc.render();
+  };
+  const auto calibrated = render(metadata);
+  const auto plain = render(std::make_shared<ImageMetadata>());
+  ASSERT_TRUE(calibrated && plain);
+  EXPECT_GT(test::maxDifference(*calibrated, *plain), 0.01f);
+}
+
 TEST(ImageProcessorRender, DevelopStepsAndTheStepsAfterThem) {
   test::LogCapture log;
   Document doc(_Size<int>(24, 16));

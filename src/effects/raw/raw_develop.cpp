@@ -4,6 +4,7 @@
 
 #include "effects/color/color_kernels.h"
 #include "effects/kernels/mix.h"
+#include "effects/raw/as_shot_white.h"
 #include "effects/raw/dcp_rendering.h"
 #include "effects/raw/working_space.h"
 #include "vorn/effects/color_effects.h"
@@ -35,15 +36,18 @@ std::shared_ptr<const detail::DcpProfile> profileOf(const Effect& effect) {
 // the brightest with a smooth step on the second brightest: a saturated colour with one channel
 // at the clip keeps its hue); then the camera profile's rendering mixed in by Profile
 // Strength. With no profile given there is nothing to mix, so Profile Strength changes nothing.
-PointEffect::Kernel RawDevelopEffect::prepare(const Setup&) const {
+PointEffect::Kernel RawDevelopEffect::prepare(const Setup& setup) const {
   const float recovery = mappedValue(0, 0.0f, 0.5f, 1.0f);
   const float black = kBlackPerStep * mappedValue(1, -100.0f, 0.0f, 100.0f);
   const float strength = mappedValue(2, 0.0f, 0.5f, 1.0f);
   std::shared_ptr<const detail::DcpRendering> profile;
   if (strength > 0.0f) {
     if (const auto dcp = profileOf(*this)) {
-      // Effects cannot reach the as-shot white; the decoder balanced it to the frame's D50.
-      auto rendering = std::make_shared<detail::DcpRendering>(*dcp, detail::kD50Kelvin);
+      // The profile's two calibrations are mixed for the light the photo was taken under.
+      const auto asShot =
+          setup.metadata ? detail::asShotWhite(setup.metadata->cameraColor) : std::nullopt;
+      auto rendering = std::make_shared<detail::DcpRendering>(
+          *dcp, asShot ? asShot->kelvin : detail::kD50Kelvin);
       if (!rendering->isIdentity()) profile = std::move(rendering);
     }
   }

@@ -137,6 +137,9 @@ float finiteOrZero(float v) {
   return std::isfinite(v) && v > 0.0f ? v : 0.0f;
 }
 
+/// EXIF light source code of CIE D65.
+constexpr int kExifD65 = 21;
+
 /// The DNG calibration the decoder read (three-colour cameras only: the 3 x 3 part of each
 /// matrix) and the as-shot multipliers; a matrix with a non-finite entry stays absent.
 void fillCameraColor(const libraw_colordata_t& color, ImageMetadata::CameraColor& out) {
@@ -158,6 +161,15 @@ void fillCameraColor(const libraw_colordata_t& color, ImageMetadata::CameraColor
        [&](std::size_t r, std::size_t c) { return dng[1].forwardmatrix[r][c]; });
   out.illuminant1 = dng[0].illuminant;
   out.illuminant2 = dng[1].illuminant;
+  // Files without a DNG calibration still have the decoder's own daylight matrix for the camera.
+  const bool calibrated = std::any_of(out.colorMatrix1.begin(), out.colorMatrix1.end(),
+                                      [](float v) { return v != 0.0f; });
+  if (!calibrated) {
+    take(out.colorMatrix1, [&](std::size_t r, std::size_t c) { return color.cam_xyz[r][c]; });
+    out.illuminant1 = kExifD65;
+    out.colorMatrix2 = {};
+    out.illuminant2 = 0;
+  }
   const float green = color.cam_mul[1];
   if (std::isfinite(green) && green > 0.0f) {
     for (std::size_t c = 0; c < 3; ++c)
