@@ -190,7 +190,10 @@ FileResult renderOne(const BatchJob& job, const LayeredEdit& edit, const BatchOp
   FileResult result;
   result.seconds = secondsSince(start);
   if (outcome.code == VORN_BATCH_OK) return result;
-  result.error = outcome.message;
+  // The report names the input already; the library's message starts with it too.
+  const std::string prefix = job.input + ": ";
+  result.error =
+      outcome.message.starts_with(prefix) ? outcome.message.substr(prefix.size()) : outcome.message;
   if (outcome.outputExists && options.existing == ExistingOutput::Skip)
     result.status = FileStatus::Skipped;
   else if (outcome.code == VORN_BATCH_CANCELLED)
