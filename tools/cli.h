@@ -22,12 +22,16 @@ enum ExitCode : int {
   kExitInterrupted = 130,  ///< stopped by Ctrl-C or SIGTERM (128 + SIGINT, as shells report it)
 };
 
-/// `vorn info FILE`: size, bit depth, kind and the camera's metadata.
+/// `vorn info FILE [--json]`: camera, capture, size, exposure and file type, absent fields left
+/// out.
 int runInfo(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `vorn effects [ID...]`: every identifier (or the named ones) with its parameters.
 int runEffects(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `vorn apply IN OUT --effect ID[:Name=value,...]... [options]`.
 int runApply(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+/// `vorn thumbnail IN OUT [--size N]`: an upright thumbnail whose longer side is N (256).
+int runThumbnail(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 /// `vorn render DOCUMENT.json OUT [options]`: the document's photo with its layers and crop.
 int runRender(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);

@@ -8,7 +8,7 @@ namespace {
 
 void printHelp(std::ostream& out) {
   out << "vorn " << vornVersionString() << " - the photo engine on the command line\n\n"
-      << "  vorn info FILE                       size, bit depth and camera metadata\n"
+      << "  vorn info FILE [--json]              camera, capture date, size and exposure\n"
       << "  vorn effects [ID...]                 effect identifiers and their parameters\n"
       << "  vorn apply IN OUT [--preset FILE.json]... [--effect ID[:Name=value,...]]...\n"
       << "             [--quality 1-100] [--depth 8|16|32] [--long-side PIXELS]\n"
@@ -19,6 +19,7 @@ void printHelp(std::ostream& out) {
          "TIFF\n"
       << "  vorn render DOCUMENT.json OUT [output options as for apply]\n"
       << "                                       a photo with its layers, crop and orientation\n"
+      << "  vorn thumbnail IN OUT [--size PIXELS] an upright JPEG or TIFF thumbnail (256)\n"
       << "  vorn batch INPUT... -o DIR [--preset FILE.json]... [-j N] [--name TEMPLATE]\n"
       << "             [--recursive] [--overwrite | --skip-existing] [--format jpg|tif]\n"
       << "             [--shard K/N] [--json] [--quality 1-100]\n"
@@ -42,6 +43,7 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   if (command == "effects") return runEffects(rest, out, err);
   if (command == "apply") return runApply(rest, out, err);
   if (command == "render") return runRender(rest, out, err);
+  if (command == "thumbnail") return runThumbnail(rest, out, err);
   if (command == "batch") return runBatch(rest, out, err);
   if (command == "help" || command == "--help" || command == "-h") {
     printHelp(out);

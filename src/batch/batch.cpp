@@ -192,11 +192,14 @@ int generateThumbnail(const char* input, const char* output, const VornBatchOpti
     const std::string in = required(input, "input"), out = required(output, "output");
     checkInput(in, out);
     VornBatchOptions chosen = optionsOrDefault(options);
+    if (chosen.longSide < 0 || chosen.longSide > 65535)
+      throw BatchFailure(VORN_BATCH_BAD_ARGUMENT, "long side must be 0...65535");
     const int side = chosen.longSide > 0 ? chosen.longSide : 256;
     chosen.longSide = 0;  // the thumbnail comes at its size; the writer leaves it alone
-    ExportParameters exported = exportParametersFor(out, chosen);
-    if (side > 65535) throw BatchFailure(VORN_BATCH_BAD_ARGUMENT, "long side must be 0...65535");
+    const ExportParameters exported = exportParametersFor(out, chosen);
     run.stage(0.1, "decode");
+    // High quality: an embedded preview only when it covers the side (enlarged it turns soft),
+    // else a DCT-scaled JPEG or half-size raw decode, both far cheaper than a full decode.
     const std::shared_ptr<ImageFrame> frame =
         getThumbnailBySide(in, side, true, nullptr, run.stopFlag());
     if (run.cancelled()) throw BatchFailure(VORN_BATCH_CANCELLED, "cancelled");

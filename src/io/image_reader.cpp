@@ -16,6 +16,7 @@
 #include "vorn/io/exif_reader.h"
 #include "vorn/io/image_magick_reader.h"
 #include "vorn/io/image_source_raw.h"
+#include "vorn/io/image_source_raw_ipc.h"
 #include "vorn/io/raster_info.h"
 #include "vorn/io/thumbnails.h"
 
@@ -52,8 +53,8 @@ ImageReader& ImageReader::instance() {
   return *reader;
 }
 
-// The child-process loader is not built yet, so every raw file decodes in this process.
-constexpr bool kOutOfProcessLoaderBuilt = false;
+// Off, every raw file decodes in this process whatever the context asks.
+constexpr bool kOutOfProcessLoaderBuilt = true;
 
 bool ImageReader::isOutOfProcessLoaderEnabled() {
   return kOutOfProcessLoaderBuilt && isOutOfProcessLoaderRequested();
@@ -70,7 +71,6 @@ ImageResult ImageReader::open(const std::string& path, const _Size<int>& size,
                               ImageReaderOpenFlag flag, std::shared_ptr<bool> cancel,
                               const std::string& parameters, long taskId) {
   ImageResult result;
-  // The out-of-process loader is not built yet: raw files it would take decode here meanwhile.
   std::shared_ptr<TaskToken> token;
   {
     std::lock_guard lock(tasksMutex_);
@@ -86,11 +86,17 @@ ImageResult ImageReader::open(const std::string& path, const _Size<int>& size,
     ++running_;
     token = std::make_shared<TaskToken>(*this, number);
   }
-  result = open_sync(path, size, flag, cancel, parameters);
+  if (flag != kOpenInProcess && isOutOfProcessLoaderEnabled() && isRawImageFile(path))
+    result = open_ipc_async(path, size, flag, parameters, taskId, cancel);
+  else
+    result = open_sync(path, size, flag, cancel, parameters);
   // A raw load goes on in the background; its task stays registered (and cancellable) until then.
-  if (result.image)
+  if (result.image) {
     if (auto* rawSource = dynamic_cast<ImageSourceRaw*>(result.image->source().get()))
       rawSource->holdUntilLoaded(token);
+    else if (auto* ipcSource = dynamic_cast<ImageSourceRawIPC*>(result.image->source().get()))
+      ipcSource->holdUntilLoaded(token);
+  }
   return result;
 }
 
@@ -105,7 +111,7 @@ void ImageReader::taskEnded(std::uint64_t number) {
 
 void ImageReader::cancel(long taskId) {
   if (taskId < 0) return;
-  // With the out-of-process loader this request would go to it; until then every load is local.
+  // A load in the loader process watches this flag and passes the cancel on to the child.
   std::lock_guard lock(tasksMutex_);
   for (auto it = tasks_.begin(); it != tasks_.end();) {
     if (it->second.taskId == taskId) {

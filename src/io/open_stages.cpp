@@ -9,9 +9,8 @@
 #include "vorn/io/image_reader.h"
 
 namespace vorn::detail {
-namespace {
 
-// The requested size with its -1 sides worked out; an unusable request keeps the image's size.
+// An unusable request keeps the image's size.
 ImageResult resizeToRequested(const ImageResult& result, const _Size<int>& size) {
   const _Size<int> target = ImageReader::requestedSize(size, result.image->size());
   if (target.width < 1 || target.height < 1) {
@@ -22,6 +21,8 @@ ImageResult resizeToRequested(const ImageResult& result, const _Size<int>& size)
   }
   return resizeImage(result, target);
 }
+
+namespace {
 
 ImageResult openRaw(const ImageFileClass& file, const _Size<int>& size,
                     std::shared_ptr<bool> cancel, const StopCheck& stop) {

@@ -14,5 +14,7 @@ namespace vorn::detail {
 /// stop ends the open with code 5 and no image. `size` as ImageReader::open_sync takes it.
 ImageResult openClassified(const ImageFileClass& file, const _Size<int>& size,
                            std::shared_ptr<bool> cancel, const StopCheck& stop);
+/// The result resized to `size` with its -1 sides worked out from the image's aspect.
+ImageResult resizeToRequested(const ImageResult& result, const _Size<int>& size);
 
 }  // namespace vorn::detail

@@ -176,8 +176,7 @@ TEST(ImageReaderLoader, EnabledRuleAndInProcessFallback) {
   } tearDown;
   ASSERT_EQ(vornInit(context), kInitOk);
   EXPECT_TRUE(ImageReader::isOutOfProcessLoaderRequested());
-  // Asked for, but the child-process loader does not exist yet: raw files decode here.
-  EXPECT_FALSE(ImageReader::isOutOfProcessLoaderEnabled());
+  EXPECT_TRUE(ImageReader::isOutOfProcessLoaderEnabled());
   DataStore::instance().set("IPC.Loader.enable_win", false);
   EXPECT_FALSE(ImageReader::isOutOfProcessLoaderRequested());
   DataStore::instance().set("IPC.Loader.enable_win", true);

@@ -133,22 +133,6 @@ TEST(CliCommands, EffectsListsEveryIdentifierWithItsParameters) {
   EXPECT_EQ(run({}).code, kExitUsage);
 }
 
-TEST(CliCommands, InfoReportsSizeDepthAndCamera) {
-  const CommandRun info = run({"info", test::raster::dataFile("fallenleaf_canon_eos70d.jpg")});
-  ASSERT_EQ(info.code, kExitOk) << info.err;
-  EXPECT_NE(info.out.find("kind: JPEG\n"), std::string::npos);
-  EXPECT_NE(info.out.find("size: 2560 x 1600\n"), std::string::npos);
-  EXPECT_NE(info.out.find("bit depth: 8\n"), std::string::npos);
-  EXPECT_NE(info.out.find("cameraModel: Canon EOS 70D"), std::string::npos) << info.out;
-
-  test::TempDir folder("vorn_cli");
-  const std::string fake = (folder.path() / "fake.jpg").string();
-  std::ofstream(fake) << "not a jpeg at all";
-  EXPECT_EQ(run({"info", fake}).code, kExitFailed);
-  EXPECT_EQ(run({"info", (folder.path() / "missing.jpg").string()}).code, kExitFailed);
-  EXPECT_EQ(run({"info"}).code, kExitUsage);
-}
-
 TEST(CliCommands, ApplyWritesTheProcessedPhotoAndRefusesBadRequestsFirst) {
   test::TempDir folder("vorn_cli");
   const std::string input = test::raster::dataFile("fallenleaf_canon_eos70d.jpg");

@@ -57,6 +57,15 @@ class ImageReader {
                            ImageReaderOpenFlag flag = kOpenDefault,
                            std::shared_ptr<bool> cancel = {}, const std::string& parameters = {},
                            long taskId = -1);
+  /// Starts a raw load in the loader process and returns once the file is identified; the
+  /// frames arrive later. Resizes (waiting for a frame) unless `size` is kNoResizeSize.
+  ImageResult open_ipc_async(const std::string& path, const _Size<int>& size,
+                             ImageReaderOpenFlag flag, const std::string& parameters, long taskId,
+                             std::shared_ptr<bool> cancel = {});
+  /// The loader process's decode of one file: open_sync at full size, stopped through `cancel`.
+  static ImageResult open_ipc_child(const std::string& path, ImageReaderOpenFlag flag,
+                                    const std::string& parameters,
+                                    std::shared_ptr<bool> cancel = {});
   /// Decodes in this thread and resizes unless `size` is kNoResizeSize (-1 keeps the aspect).
   ImageResult open_sync(const std::string& path, const _Size<int>& size, ImageReaderOpenFlag flag,
                         std::shared_ptr<bool> cancel, const std::string& parameters);

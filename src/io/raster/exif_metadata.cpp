@@ -13,7 +13,6 @@
 #include "vorn/core/log.h"
 
 namespace vorn::detail {
-namespace {
 
 const Exiv2::Exifdatum* findExif(const Exiv2::ExifData& exif, const char* key) {
   try {
@@ -24,6 +23,8 @@ const Exiv2::Exifdatum* findExif(const Exiv2::ExifData& exif, const char* key) {
   }
   return nullptr;
 }
+
+namespace {
 
 std::string trimmed(std::string text) {
   const auto blank = [](char c) { return c == ' ' || c == '\0' || c == '\t' || c == '\n'; };

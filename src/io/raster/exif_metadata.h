@@ -9,6 +9,7 @@
 
 namespace Exiv2 {
 class ExifData;
+class Exifdatum;
 class XmpData;
 class Image;
 }  // namespace Exiv2
@@ -22,6 +23,9 @@ void fillImageMetadata(const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
 /// The as-shot temperature (Kelvin) and tint; false when neither EXIF nor XMP records them.
 bool findTemperatureAndTint(const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
                             float& temperature, float& tint);
+/// The tag when the file has it with at least one value; null otherwise (also for a key this
+/// Exiv2 does not know).
+const Exiv2::Exifdatum* findExif(const Exiv2::ExifData& exif, const char* key);
 /// The tag's text with surrounding blanks and NULs removed; empty when absent.
 std::string exifText(const Exiv2::ExifData& exif, const char* key);
 /// "Exif.Image.Orientation" when it is 1..8, else 1.

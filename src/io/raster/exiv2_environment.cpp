@@ -31,6 +31,8 @@ void ensureExiv2Environment() {
   std::call_once(once, [] {
     // The XMP toolkit is not safe to initialise from two threads at once.
     Exiv2::XmpParser::initialize();
+    // Off by default in Exiv2: without it the metadata of CR3 and HEIF files cannot be read.
+    Exiv2::enableBMFF(true);
     Exiv2::LogMsg::setLevel(Exiv2::LogMsg::warn);
     Exiv2::LogMsg::setHandler(forwardExiv2Message);
   });

@@ -1,0 +1,218 @@
+#include "io/ipc/loader_process.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "vorn/core/data_store.h"
+
+namespace vorn::ipc {
+namespace {
+
+constexpr int kDefaultTimeoutMs = 120'000;
+constexpr int kDefaultMemoryMb = 8192;
+constexpr int kGreetingTimeoutMs = 10'000;
+
+// The library's own file: the loader is installed beside it.
+std::string libraryDirectory() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&loaderExecutablePath), &info) == 0 || !info.dli_fname)
+    return {};
+  return std::filesystem::path(info.dli_fname).parent_path().string();
+}
+
+}  // namespace
+
+std::string loaderExecutablePath() {
+  const std::string configured = DataStore::instance().getString(kLoaderPathSetting, {});
+  if (!configured.empty()) return configured;
+  if (const char* fromEnvironment = std::getenv("VORN_RAW_LOADER"))
+    if (*fromEnvironment) return fromEnvironment;
+  const std::string directory = libraryDirectory();
+  return (directory.empty() ? std::string(".") : directory) + "/vorn-raw-loader";
+}
+
+int loaderTimeoutMs() {
+  const int value = DataStore::instance().getInt(kLoaderTimeoutSetting, kDefaultTimeoutMs);
+  return value > 0 ? value : kDefaultTimeoutMs;
+}
+
+std::unique_ptr<LoaderChild> LoaderChild::spawn(std::string& error) {
+  std::unique_ptr<LoaderChild> child(new LoaderChild());
+  const std::string requestName = uniqueIpcName("req");
+  const std::string replyName = uniqueIpcName("rep");
+  if (!child->requests_.create(requestName, error)) return nullptr;
+  if (!child->replies_.create(replyName, error)) {
+    unlinkQueue(requestName);
+    return nullptr;
+  }
+  // Both names go as soon as the child holds the queues, or now if it never starts.
+  struct Unlink {
+    std::string a, b;
+    ~Unlink() {
+      unlinkQueue(a);
+      unlinkQueue(b);
+    }
+  } unlink{requestName, replyName};
+
+  const std::string executable = loaderExecutablePath();
+  const std::string hostPid = std::to_string(getpid());
+  const std::string memoryMb =
+      std::to_string(DataStore::instance().getInt(kLoaderMemorySetting, kDefaultMemoryMb));
+  std::vector<char*> argv = {
+      const_cast<char*>(executable.c_str()), const_cast<char*>(requestName.c_str()),
+      const_cast<char*>(replyName.c_str()),  const_cast<char*>(hostPid.c_str()),
+      const_cast<char*>(memoryMb.c_str()),   nullptr};
+  char* environment[] = {nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // Standard input and output lead nowhere; errors still reach the host's stderr.
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  // The child starts with no blocked or ignored signal, so its CPU limit and faults end it.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t signals;
+  sigemptyset(&signals);
+  posix_spawnattr_setsigmask(&attributes, &signals);
+  sigfillset(&signals);
+  posix_spawnattr_setsigdefault(&attributes, &signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  const int spawned = posix_spawn(&child->pid_, executable.c_str(), &actions, &attributes,
+                                  argv.data(), environment);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    child->pid_ = -1;
+    error = "cannot start " + executable + ": " + std::strerror(spawned);
+    return nullptr;
+  }
+
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kGreetingTimeoutMs);
+  Message greeting;
+  LoaderChild::Poll polled = Poll::Idle;
+  while ((polled = child->poll(greeting, 50, deadline, error)) == Poll::Idle) {
+  }
+  if (polled == Poll::Fault) {
+    error = executable + ": " + error;
+    return nullptr;
+  }
+  if (greeting.type == MessageType::Ready) return child;
+  error = executable + " greeted with an unexpected message";
+  return nullptr;
+}
+
+LoaderChild::Poll LoaderChild::poll(Message& message, int pollMs,
+                                    std::chrono::steady_clock::time_point deadline,
+                                    std::string& fault) {
+  std::string error;
+  switch (replies_.receive(message, pollMs, error)) {
+    case ReceiveStatus::Ok:
+      return Poll::Message;
+    case ReceiveStatus::Failed:
+      fault = "the loader process sent a bad message (" + error + ")";
+      return Poll::Fault;
+    case ReceiveStatus::Timeout:
+      break;
+  }
+  if (!isAlive()) {
+    fault = "the loader process " + exitDescription();
+    return Poll::Fault;
+  }
+  if (std::chrono::steady_clock::now() < deadline) return Poll::Idle;
+  fault = "no word from the loader process in time";
+  return Poll::Fault;
+}
+
+LoaderChild::~LoaderChild() {
+  kill();
+}
+
+void LoaderChild::recordExit(int status) {
+  if (WIFSIGNALED(status))
+    exit_ = "was killed by signal " + std::to_string(WTERMSIG(status));
+  else
+    exit_ = "exited with status " + std::to_string(WEXITSTATUS(status));
+  pid_ = -1;
+}
+
+bool LoaderChild::isAlive() {
+  if (pid_ <= 0) return false;
+  int status = 0;
+  const pid_t reaped = waitpid(pid_, &status, WNOHANG);
+  if (reaped == 0) return true;
+  if (reaped == pid_)
+    recordExit(status);
+  else {
+    // Someone else reaped it (SIGCHLD ignored): it is gone all the same.
+    exit_ = "ended";
+    pid_ = -1;
+  }
+  return false;
+}
+
+void LoaderChild::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  int status = 0;
+  pid_t reaped = -1;
+  do {
+    reaped = waitpid(pid_, &status, 0);
+  } while (reaped < 0 && errno == EINTR);
+  if (reaped == pid_)
+    recordExit(status);
+  else
+    pid_ = -1;
+}
+
+LoaderPool& LoaderPool::instance() {
+  // Never destroyed: loads may still hand children back while the process exits.
+  static LoaderPool* pool = new LoaderPool();
+  return *pool;
+}
+
+std::unique_ptr<LoaderChild> LoaderPool::acquire(std::string& error) {
+  std::unique_ptr<LoaderChild> child;
+  {
+    std::lock_guard lock(mutex_);
+    child = std::move(idle_);
+  }
+  if (child && child->isAlive()) return child;
+  child.reset();
+  return LoaderChild::spawn(error);
+}
+
+void LoaderPool::release(std::unique_ptr<LoaderChild> child) {
+  if (!child || !child->isAlive()) return;
+  std::unique_lock lock(mutex_);
+  if (!idle_) {
+    idle_ = std::move(child);
+    return;
+  }
+  lock.unlock();
+  child.reset();
+}
+
+void LoaderPool::clear() {
+  std::unique_ptr<LoaderChild> child;
+  std::lock_guard lock(mutex_);
+  child = std::move(idle_);
+}
+
+pid_t LoaderPool::idlePid() {
+  std::lock_guard lock(mutex_);
+  return idle_ ? idle_->pid() : -1;
+}
+
+}  // namespace vorn::ipc
