@@ -7,13 +7,14 @@
 #include "vorn/core/file_utils.h"
 
 namespace vorn::cli {
-namespace {
 
 bool parseInt(const std::string& text, int low, int high, int& value) {
   const char* end = text.data() + text.size();
   const auto [stop, status] = std::from_chars(text.data(), end, value);
   return status == std::errc() && stop == end && value >= low && value <= high;
 }
+
+namespace {
 
 template <typename Choice, std::size_t N>
 bool parseChoice(const std::string& text,

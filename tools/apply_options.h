@@ -35,6 +35,9 @@ extern const char* const kApplyUsage;
 /// The usage lines of `vorn render`.
 extern const char* const kRenderUsage;
 
+/// A whole decimal integer within [low, high]; false for anything else.
+bool parseInt(const std::string& text, int low, int high, int& value);
+
 /// Parses the words after `apply`; false and `error` naming the bad word or combination.
 bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,
                        std::string& error);

@@ -17,8 +17,9 @@ struct ApplyOptions;
 /// Exit codes of the `vorn` command.
 enum ExitCode : int {
   kExitOk = 0,
-  kExitFailed = 1,  ///< the input could not be read or the output not written
-  kExitUsage = 2,   ///< bad arguments: unknown command, option, effect or parameter
+  kExitFailed = 1,         ///< the input could not be read or the output not written
+  kExitUsage = 2,          ///< bad arguments: unknown command, option, effect or parameter
+  kExitInterrupted = 130,  ///< stopped by Ctrl-C or SIGTERM (128 + SIGINT, as shells report it)
 };
 
 /// `vorn info FILE [--json]`: camera, capture, size, exposure and file type, absent fields left
@@ -34,6 +35,12 @@ int runThumbnail(const std::vector<std::string>& args, std::ostream& out, std::o
 
 /// `vorn render DOCUMENT.json OUT [options]`: the document's photo with its layers and crop.
 int runRender(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+/// `vorn batch INPUT... -o DIR [options]`: many files, several at once, none replaced unasked.
+int runBatch(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// runBatch reading "-" paths from `in`, with the progress line when `terminal`.
+int runBatchWith(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
+                 std::ostream& err, bool terminal);
 
 /// The shared body of apply and render: decode, edit, write; messages start with `command`.
 int applyToFile(const char* command, const ApplyOptions& options,

@@ -19,7 +19,11 @@ void printHelp(std::ostream& out) {
          "TIFF\n"
       << "  vorn render DOCUMENT.json OUT [output options as for apply]\n"
       << "                                       a photo with its layers, crop and orientation\n"
-      << "  vorn thumbnail IN OUT [--size PIXELS] an upright JPEG or TIFF thumbnail (256)\n\n"
+      << "  vorn thumbnail IN OUT [--size PIXELS] an upright JPEG or TIFF thumbnail (256)\n"
+      << "  vorn batch INPUT... -o DIR [--preset FILE.json]... [-j N] [--name TEMPLATE]\n"
+      << "             [--recursive] [--overwrite | --skip-existing] [--format jpg|tif]\n"
+      << "             [--shard K/N] [--json] [--quality 1-100]\n"
+      << "                                       many files, several at once, never replacing\n\n"
       << "Example: vorn apply in.jpg out.jpg --effect \"VORNExposureEffect:Exposure=30\"\n"
       << "Name.data=TEXT gives a parameter its optional data, e.g. a LUT file (a bare name is\n"
       << "looked for in the data folder's LUTs): "
@@ -40,6 +44,7 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   if (command == "apply") return runApply(rest, out, err);
   if (command == "render") return runRender(rest, out, err);
   if (command == "thumbnail") return runThumbnail(rest, out, err);
+  if (command == "batch") return runBatch(rest, out, err);
   if (command == "help" || command == "--help" || command == "-h") {
     printHelp(out);
     return kExitOk;

@@ -6,6 +6,7 @@
 #include <numbers>
 
 #include "batch/batch_run.h"
+#include "vorn/batch_edit.h"
 #include "vorn/effects/color_effects.h"
 #include "vorn/io/image_file_class.h"
 #include "vorn/io/image_reader.h"
@@ -48,8 +49,13 @@ void addPresetFile(const std::string& path, LayeredEdit& edit) {
 
 // The shared path of the rendering calls: decode, render the layers, write atomically.
 void renderToFile(const std::string& input, const LayeredEdit& edit, const std::string& output,
-                  const VornBatchOptions& options, const BatchRun& run) {
+                  const VornBatchOptions& options, const BatchRun& run, bool replace = true) {
   checkInput(input, output);
+  std::error_code ignored;
+  // Checked before the decode so that a kept output costs nothing; the rename checks again.
+  if (!replace && std::filesystem::symlink_status(output, ignored).type() !=
+                      std::filesystem::file_type::not_found)
+    throwOutputExists(output);
   ExportParameters exported = exportParametersFor(output, options);
   exported.exifSourcePath = input;
   run.stage(0.0, "decode");
@@ -74,7 +80,7 @@ void renderToFile(const std::string& input, const LayeredEdit& edit, const std::
   if (run.cancelled()) throw BatchFailure(VORN_BATCH_CANCELLED, "cancelled");
   if (!result) throw BatchFailure(VORN_BATCH_RENDER_FAILED, input + ": " + error);
   run.stage(0.8, "write");
-  writeFrameAtomically(*result, exported, run);
+  writeFrameAtomically(*result, exported, run, replace);
   run.stage(1.0, "done");
 }
 
@@ -116,6 +122,19 @@ bool isDocumentFile(const std::string& path) {
 }
 
 }  // namespace
+
+BatchOutcome renderEditToFile(const std::string& input, const LayeredEdit& edit,
+                              const std::string& output, const VornBatchOptions& options,
+                              bool replace, VornBatchProgress progress, void* user,
+                              const volatile int* cancel) {
+  return runCaught([&] {
+    const BatchRun run(progress, user, cancel);
+    run.stage(0.0, "start");
+    renderToFile(required(input.c_str(), "input"), edit, required(output.c_str(), "output"),
+                 options, run, replace);
+  });
+}
+
 }  // namespace vorn::batch
 
 using namespace vorn;

@@ -1,6 +1,10 @@
 #include "batch/batch_run.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 
 #include <algorithm>
 #include <atomic>
@@ -68,10 +72,29 @@ std::filesystem::path temporaryPathFor(const std::filesystem::path& output) {
   return output.parent_path() / name;
 }
 
+// Moves `from` onto `to` only when `to` does not exist, in one step, so an output that appears
+// meanwhile is never replaced; file systems without the flag get a hard link instead.
+bool renameWithoutReplacing(const std::filesystem::path& from, const std::filesystem::path& to,
+                            std::error_code& error) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno == EINVAL || errno == ENOSYS) {
+    if (::link(from.c_str(), to.c_str()) == 0) {
+      ::unlink(from.c_str());
+      return true;
+    }
+  }
+  error = std::error_code(errno, std::generic_category());
+  return false;
+}
+
 }  // namespace
 
+void throwOutputExists(const std::string& output) {
+  throw BatchFailure(VORN_BATCH_OUTPUT_FAILED, output + ": exists (not replaced)", true);
+}
+
 void writeFrameAtomically(const ImageFrame& frame, const ExportParameters& parameters,
-                          const BatchRun& run) {
+                          const BatchRun& run, bool replace) {
   const std::filesystem::path output(parameters.path);
   ExportParameters temporary = parameters;
   temporary.path = temporaryPathFor(output).string();
@@ -83,9 +106,13 @@ void writeFrameAtomically(const ImageFrame& frame, const ExportParameters& param
     throw BatchFailure(VORN_BATCH_OUTPUT_FAILED, parameters.path + ": could not be written");
   }
   std::error_code error;
-  std::filesystem::rename(temporary.path, output, error);
+  if (replace)
+    std::filesystem::rename(temporary.path, output, error);
+  else
+    renameWithoutReplacing(temporary.path, output, error);
   if (error) {
     std::filesystem::remove(temporary.path, ignored);
+    if (error == std::errc::file_exists) throwOutputExists(parameters.path);
     throw BatchFailure(VORN_BATCH_OUTPUT_FAILED, parameters.path + ": " + error.message());
   }
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "vorn/batch.h"
+#include "vorn/batch_edit.h"
 #include "vorn/io/image.h"
 #include "vorn/io/image_magick_reader.h"
 
@@ -13,10 +14,14 @@ namespace vorn::batch {
 
 /// A batch call's failure: the code the C function returns and the message it copies out.
 struct BatchFailure : std::runtime_error {
-  BatchFailure(VornBatchError code_, const std::string& message)
-      : std::runtime_error(message), code(code_) {}
+  BatchFailure(VornBatchError code_, const std::string& message, bool exists = false)
+      : std::runtime_error(message), code(code_), outputExists(exists) {}
   VornBatchError code;
+  bool outputExists;
 };
+
+/// Throws the failure for an output that is there already and must not be replaced.
+[[noreturn]] void throwOutputExists(const std::string& output);
 
 /// One call's progress reports and cancel flag; the host's flag is mirrored into the library's
 /// stop flag by a watcher thread so that a running decode or render ends early.
@@ -45,11 +50,16 @@ class BatchRun {
 ExportParameters exportParametersFor(const std::string& output, const VornBatchOptions& options);
 
 /// Writes `frame` beside `parameters.path` and renames it into place; on any failure or a
-/// cancel the temporary file is removed and nothing else is touched.
+/// cancel the temporary file is removed and nothing else is touched. Without `replace` an
+/// existing output stays as it is and the failure is VORN_BATCH_OUTPUT_FAILED with outputExists.
 void writeFrameAtomically(const ImageFrame& frame, const ExportParameters& parameters,
-                          const BatchRun& run);
+                          const BatchRun& run, bool replace = true);
 
-/// Runs `body`, turning every failure into a code and a message for the C caller.
+/// Runs `body`, turning every failure into a code and a message.
+template <typename Body>
+BatchOutcome runCaught(Body&& body);
+
+/// Runs `body` and reports its outcome to the C caller.
 template <typename Body>
 int runBatchCall(int* errorCode, char* message, std::size_t messageSize, Body&& body);
 
@@ -58,18 +68,23 @@ int reportBatchResult(VornBatchError code, const std::string& text, int* errorCo
                       std::size_t messageSize);
 
 template <typename Body>
-int runBatchCall(int* errorCode, char* message, std::size_t messageSize, Body&& body) {
+BatchOutcome runCaught(Body&& body) {
   try {
     body();
-    return reportBatchResult(VORN_BATCH_OK, "", errorCode, message, messageSize);
+    return {};
   } catch (const BatchFailure& failure) {
-    return reportBatchResult(failure.code, failure.what(), errorCode, message, messageSize);
+    return {failure.code, failure.what(), failure.outputExists};
   } catch (const std::bad_alloc&) {
-    return reportBatchResult(VORN_BATCH_RENDER_FAILED, "out of memory", errorCode, message,
-                             messageSize);
+    return {VORN_BATCH_RENDER_FAILED, "out of memory", false};
   } catch (const std::exception& e) {
-    return reportBatchResult(VORN_BATCH_RENDER_FAILED, e.what(), errorCode, message, messageSize);
+    return {VORN_BATCH_RENDER_FAILED, e.what(), false};
   }
+}
+
+template <typename Body>
+int runBatchCall(int* errorCode, char* message, std::size_t messageSize, Body&& body) {
+  const BatchOutcome outcome = runCaught(std::forward<Body>(body));
+  return reportBatchResult(outcome.code, outcome.message, errorCode, message, messageSize);
 }
 
 }  // namespace vorn::batch
