@@ -34,7 +34,8 @@ void recordProgress(double fraction, const char* stage, void* user) {
   auto* progress = static_cast<Progress*>(user);
   progress->fractions.push_back(fraction);
   progress->stages.emplace_back(stage);
-  if (progress->cancel && progress->cancelAt == stage) __atomic_store_n(progress->cancel, 1, __ATOMIC_RELAXED);
+  if (progress->cancel && progress->cancelAt == stage)
+    __atomic_store_n(progress->cancel, 1, __ATOMIC_RELAXED);
 }
 
 // What a failed call may leave behind: the fixtures it was given and nothing else.
