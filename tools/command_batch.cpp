@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -24,8 +25,16 @@ namespace {
 static_assert(std::is_same_v<std::sig_atomic_t, int>);
 volatile std::sig_atomic_t gInterrupted = 0;
 
+bool interrupted() {
+  return __atomic_load_n(&gInterrupted, __ATOMIC_RELAXED) != 0;
+}
+
+// The renders read the flag atomically from their own threads, so the handler stores it so too
+// (a lock-free store is async-signal-safe) and leaves errno as it found it.
 extern "C" void onInterrupt(int) {
-  gInterrupted = 1;
+  const int saved = errno;
+  __atomic_store_n(&gInterrupted, 1, __ATOMIC_RELAXED);
+  errno = saved;
 }
 
 // Ctrl-C and SIGTERM set the flag every running render watches; the previous handlers come back
@@ -33,7 +42,7 @@ extern "C" void onInterrupt(int) {
 class InterruptScope {
  public:
   InterruptScope() {
-    gInterrupted = 0;
+    __atomic_store_n(&gInterrupted, 0, __ATOMIC_RELAXED);
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
@@ -250,7 +259,7 @@ int runBatchWith(const std::vector<std::string>& args, std::istream& in, std::os
   std::atomic<std::size_t> next{0};
   std::atomic<std::size_t> started{0};
   const auto worker = [&] {
-    while (!gInterrupted) {
+    while (!interrupted()) {
       const std::size_t index = next++;
       if (index >= jobs.size()) return;
       ++started;
@@ -265,7 +274,7 @@ int runBatchWith(const std::vector<std::string>& args, std::istream& in, std::os
     for (std::size_t i = 1; i < threads; ++i) workers.emplace_back(worker);
     if (threads > 0) worker();
   }
-  return report.summarise(jobs.size() - std::min(started.load(), jobs.size()), gInterrupted != 0);
+  return report.summarise(jobs.size() - std::min(started.load(), jobs.size()), interrupted());
 }
 
 int runBatch(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
