@@ -7,6 +7,7 @@
 
 #include "bench_data.h"
 #include "bench_floor.h"
+#include "raw_frame_wait.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/image_source_raw.h"
 
@@ -25,15 +26,7 @@ std::string samplePath() {
 /// Opens the sample and waits for the quarter or the full frame into `result`.
 bool openRaw(const std::string& path, bool quarterOnly, vorn::ImageResult& result) {
   result = vorn::ImageReader::readRaw(path, vorn::kOpenDefault, nullptr, "");
-  auto* source = result.image
-                     ? dynamic_cast<vorn::ImageSourceRawBase*>(result.image->source().get())
-                     : nullptr;
-  if (!source) return false;
-  if (quarterOnly)
-    source->waitForQuarterFrame();
-  else
-    source->waitForFullRaw();
-  return source->getImageData() != nullptr;
+  return vorn::bench::waitForRawFrame(result, quarterOnly);
 }
 
 // The quarter frame against the full one, both decoded in every iteration; the source's teardown

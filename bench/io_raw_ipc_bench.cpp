@@ -7,6 +7,7 @@
 
 #include "bench_data.h"
 #include "bench_floor.h"
+#include "raw_frame_wait.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/image_source_raw.h"
 
@@ -22,15 +23,7 @@ bool load(const std::string& path, bool throughChild, bool quarterOnly, vorn::Im
   result = throughChild ? reader.open_ipc_async(path, vorn::ImageReader::kNoResizeSize,
                                                 vorn::kOpenDefault, {}, -1)
                         : vorn::ImageReader::readRaw(path, vorn::kOpenInProcess, nullptr, "");
-  auto* source = result.image
-                     ? dynamic_cast<vorn::ImageSourceRawBase*>(result.image->source().get())
-                     : nullptr;
-  if (!source) return false;
-  if (quarterOnly)
-    source->waitForQuarterFrame();
-  else
-    source->waitForFullRaw();
-  return source->getImageData() != nullptr && source->errorCode() == vorn::kImageReaderOk;
+  return vorn::bench::waitForRawFrame(result, quarterOnly);
 }
 
 void childVsInProcess(benchmark::State& state, Pool pool, const std::string& sample,

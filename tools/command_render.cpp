@@ -1,6 +1,4 @@
-#include <cmath>
 #include <filesystem>
-#include <numbers>
 #include <ostream>
 
 #include "apply_options.h"
@@ -26,16 +24,9 @@ int runRender(const std::vector<std::string>& args, std::ostream& out, std::ostr
     err << "vorn render: " << e.what() << '\n';
     return std::filesystem::exists(options.input) ? kExitUsage : kExitFailed;
   }
-  // The photo and any mask blob files are named relative to the document's own folder.
-  const std::filesystem::path folder = std::filesystem::path(options.input).parent_path();
-  const std::filesystem::path source(document.source);
-  options.input = source.is_absolute() ? source.string() : (folder / source).string();
-  LayeredEdit edit;
-  edit.presets.emplace_back(document.preset, folder.string());
-  edit.orientation = document.orientation;
-  if (document.crop)
-    edit.crop =
-        CropDescription(document.cropAngle * std::numbers::pi_v<float> / 180.0f, *document.crop);
+  std::string source;
+  const LayeredEdit edit = layeredEditOf(document, options.input, source);
+  options.input = source;
   return applyToFile("vorn render", options, {}, edit, out, err);
 }
 

@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <numbers>
 
 #include "batch/batch_run.h"
 #include "vorn/batch_edit.h"
@@ -219,7 +218,6 @@ int doPictoramix(const char* source, const char* editPath, const char* output,
     run.stage(0.0, "start");
     const std::string edits = required(editPath, "preset or document"),
                       out = required(output, "output");
-    const std::string folder = std::filesystem::path(edits).parent_path().string();
     LayeredEdit edit;
     std::string in = source ? source : "";
     if (isDocumentFile(edits)) {
@@ -229,16 +227,9 @@ int doPictoramix(const char* source, const char* editPath, const char* output,
       } catch (const PresetError& e) {
         throw BatchFailure(VORN_BATCH_BAD_PRESET, e.what());
       }
-      if (in.empty()) {
-        const std::filesystem::path named(document.source);
-        in =
-            named.is_absolute() ? named.string() : (std::filesystem::path(folder) / named).string();
-      }
-      edit.presets.emplace_back(document.preset, folder);
-      edit.orientation = document.orientation;
-      if (document.crop)
-        edit.crop = CropDescription(document.cropAngle * std::numbers::pi_v<float> / 180.0f,
-                                    *document.crop);
+      std::string documentSource;
+      edit = layeredEditOf(document, edits, documentSource);
+      if (in.empty()) in = documentSource;
     } else {
       addPresetFile(edits, edit);
     }

@@ -1,6 +1,7 @@
 #include "vorn/presets/layered_edit.h"
 
 #include <filesystem>
+#include <numbers>
 
 #include "vorn/io/image.h"
 #include "vorn/pipeline/adjustment_layer.h"
@@ -8,6 +9,21 @@
 #include "vorn/pipeline/image_processor.h"
 
 namespace vorn {
+
+LayeredEdit layeredEditOf(const PresetDocument& document, const std::string& documentPath,
+                          std::string& source) {
+  // The photo and any mask blob files are named relative to the document's own folder.
+  const std::filesystem::path folder = std::filesystem::path(documentPath).parent_path();
+  const std::filesystem::path named(document.source);
+  source = named.is_absolute() ? named.string() : (folder / named).string();
+  LayeredEdit edit;
+  edit.presets.emplace_back(document.preset, folder.string());
+  edit.orientation = document.orientation;
+  if (document.crop)
+    edit.crop =
+        CropDescription(document.cropAngle * std::numbers::pi_v<float> / 180.0f, *document.crop);
+  return edit;
+}
 
 bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::string& error) {
   for (const std::string& path : paths) {

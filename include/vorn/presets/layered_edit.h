@@ -22,6 +22,12 @@ struct LayeredEdit {
   bool needsProcessor() const { return !presets.empty() || crop || orientation != 1; }
 };
 
+/// A document read from `documentPath` as an edit: its preset with its mask blobs looked up
+/// beside the document, its crop and orientation; `source` gets the photo's path, resolved
+/// against the document's folder when relative.
+LayeredEdit layeredEditOf(const PresetDocument& document, const std::string& documentPath,
+                          std::string& source);
+
 /// Reads `--preset` files; false and `error` naming the file, line and field on the first fault.
 bool readPresets(const std::vector<std::string>& paths, LayeredEdit& edit, std::string& error);
 
