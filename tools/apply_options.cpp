@@ -104,17 +104,20 @@ const char* const kApplyUsage =
     "                 [--quality 1-100] [--depth 8|16|32] [--long-side PIXELS]\n"
     "                 [--profile srgb|adobe|prophoto|working]\n"
     "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
-    "                 [--fail-on none|truncated|error]\n"
+    "                 [--fail-on none|truncated|error] [--in-process]\n"
     "  --fail-on: which damage in the input refuses it: error (the default: any the decoder\n"
-    "             reports), truncated (only data that ends early) or none (keep what decodes)\n";
+    "             reports), truncated (only data that ends early) or none (keep what decodes)\n"
+    "  --in-process: decode a raw file in this process, not in the loader child that keeps a\n"
+    "             decoder crash from ending the command\n";
 
 const char* const kRenderUsage =
     "usage: vorn render DOCUMENT.json OUT [--quality 1-100] [--depth 8|16|32] [--long-side "
     "PIXELS]\n"
     "                 [--profile srgb|adobe|prophoto|working]\n"
     "                 [--subsampling auto|444|422|420] [--progressive] [--optimize-huffman]\n"
-    "                 [--fail-on none|truncated|error]\n"
-    "  renders the document's photo with its layers, crop and orientation\n";
+    "                 [--fail-on none|truncated|error] [--in-process]\n"
+    "  renders the document's photo with its layers, crop and orientation\n"
+    "  --in-process: decode a raw photo in this process, not in the loader child\n";
 
 bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& options,
                        std::string& error) {
@@ -130,6 +133,8 @@ bool parseApplyOptions(const std::vector<std::string>& args, ApplyOptions& optio
       options.progressive = jpegOnlyGiven = true;
     } else if (arg == "--optimize-huffman") {
       options.optimizeHuffman = jpegOnlyGiven = true;
+    } else if (arg == "--in-process") {
+      options.inProcess = true;
     } else if (i + 1 == args.size()) {
       error = "option " + arg + " needs a value";
       return false;

@@ -27,6 +27,8 @@ struct ApplyOptions {
   bool optimizeHuffman = false;
   /// `--fail-on`: which damage in the input's data refuses it.
   FailOn failOn = FailOn::Error;
+  /// `--in-process`: raw files decode in this process instead of a loader child.
+  bool inProcess = false;
 };
 
 /// The usage lines of `vorn apply`.

@@ -19,10 +19,12 @@ namespace vorn::cli {
 const char* const kBatchUsage =
     "usage: vorn batch INPUT... -o DIR [--preset FILE.json]... [-j N] [--name TEMPLATE]\n"
     "                  [--recursive] [--overwrite | --skip-existing] [--format jpg|tif]\n"
-    "                  [--shard K/N] [--json] [--quality 1-100]\n"
+    "                  [--shard K/N] [--json] [--quality 1-100] [--in-process]\n"
     "  INPUT is a file, a folder (its raw, JPEG and TIFF files) or - (paths on standard input).\n"
     "  TEMPLATE knows {stem} {ext} {index} {date} {format}; default \"{stem}.{format}\".\n"
-    "  An existing output is never replaced without --overwrite.\n";
+    "  An existing output is never replaced without --overwrite.\n"
+    "  Raw files decode in loader children (a crash fails that file only); --in-process\n"
+    "  decodes them in this process.\n";
 
 namespace {
 
@@ -156,6 +158,8 @@ bool parseBatchOptions(const std::vector<std::string>& args, BatchOptions& optio
       skip = true;
     } else if (word == "--json") {
       options.json = true;
+    } else if (word == "--in-process") {
+      options.inProcess = true;
     } else if (isValueOption(word)) {
       if (i + 1 >= args.size()) {
         error = word + " needs a value";

@@ -24,6 +24,7 @@ struct BatchOptions {
   int shardCount = 1;
   bool json = false;
   int quality = 92;
+  bool inProcess = false;  ///< raw files decode in this process, not in loader children
 };
 
 /// The usage lines of `vorn batch`.

@@ -51,6 +51,7 @@ OwnedFrame decodeOwnedFrame(const char* command, const ImageFileClass& file,
   FrameRequest request;
   request.cover = coverFor(inputSize, options.longestSide);
   request.failOn = options.failOn;
+  request.outOfProcess = !options.inProcess;
   OwnedFrame decoded = ImageReader::decodeFrame(file, request);
   if (decoded.frame && !decoded.frame->empty()) return decoded;
   reportInputFailure(command, file.path, decoded.errorCode, err);

@@ -254,6 +254,7 @@ int runBatchWith(const std::vector<std::string>& args, std::istream& in, std::os
   VornBatchOptions written;
   vornBatchDefaultOptions(&written);
   written.quality = options.quality;
+  written.inProcess = options.inProcess ? 1 : 0;
   const InterruptScope interrupts;
   BatchReport report(out, jobs.size(), options.json, terminal && !options.json);
   std::atomic<std::size_t> next{0};

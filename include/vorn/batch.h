@@ -28,9 +28,10 @@ typedef enum VornBatchError {
 
 /// How outputs are written; vornBatchDefaultOptions fills in the defaults.
 typedef struct VornBatchOptions {
-  int quality;  /* JPEG quality 1..100 */
-  int depth;    /* TIFF bits per sample: 8, 16 or 32 */
-  int longSide; /* longer side of the output in pixels; 0 keeps the size */
+  int quality;   /* JPEG quality 1..100 */
+  int depth;     /* TIFF bits per sample: 8, 16 or 32 */
+  int longSide;  /* longer side of the output in pixels; 0 keeps the size */
+  int inProcess; /* 1 decodes raw files in this process; 0 (the default) in a loader child */
 } VornBatchOptions;
 
 /// Called between stages with the fraction done (0..1) and the stage's name.

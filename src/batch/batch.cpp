@@ -61,6 +61,7 @@ void renderToFile(const std::string& input, const LayeredEdit& edit, const std::
   const ImageFileClass file = classifyImageFile(input);
   FrameRequest request;
   request.cancel = run.stopFlag();
+  request.outOfProcess = options.inProcess == 0;
   // A smaller output lets the decoder stop at a coarser scale that still covers it; a crop is
   // given in full-size pixels, so it needs the whole frame.
   const _Size<int> size = ImageReader::getImageSize(file);
@@ -146,6 +147,7 @@ void vornBatchDefaultOptions(VornBatchOptions* options) {
   options->quality = 92;
   options->depth = 8;
   options->longSide = 0;
+  options->inProcess = 0;
 }
 
 int applyPreset(const char* input, const char* presetPath, const char* output,

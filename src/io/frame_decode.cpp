@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "core/log_failure.h"
+#include "io/ipc/frame_decode_ipc.h"
 #include "io/raster/raster_open.h"
 #include "io/raw/raw_open.h"
 #include "vorn/io/image_reader.h"
@@ -15,6 +16,8 @@ OwnedFrame ImageReader::decodeFrame(const ImageFileClass& file, const FrameReque
     result.errorCode = kImageReaderCancelled;
     return result;
   }
+  if (file.raw && request.outOfProcess && !file.path.empty())
+    return ipc::decodeRawFrameInChild(file, request);
   if (file.raw) {
     raw::DecodedRawFile decoded = raw::decodeRawFile(file, request.cover, request.failOn, stop);
     result.errorCode = decoded.code;

@@ -29,6 +29,9 @@ struct FrameRequest {
   FailOn failOn = failOnSetting();
   /// Tested between the decoding stages; set, it ends the decode with code 5.
   std::shared_ptr<bool> cancel;
+  /// A raw file decodes in a loader child, so that a decoder crash or runaway ends only the
+  /// decode (code 4); the frame equals the in-process one bit for bit.
+  bool outOfProcess = false;
 };
 
 /// A decoded frame that belongs to the caller alone.

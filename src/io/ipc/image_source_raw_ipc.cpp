@@ -94,8 +94,6 @@ class ImageSourceRawIPC::Load {
   void run();
 
  private:
-  /// Copies a frame out of the child's segment; null with `error` set when it cannot.
-  std::shared_ptr<ImageFrame> receiveFrame(const ipc::FrameNotice& notice, std::string& error);
   void deliver(const ipc::FrameNotice& notice, std::shared_ptr<ImageFrame> frame);
   /// The full frame waits for the load's end, so that whoever waited for it finds the child
   /// back in the pool.
@@ -105,27 +103,6 @@ class ImageSourceRawIPC::Load {
   };
   void finish(const std::string& fault, int doneCode, HeldFrame held);
 };
-
-std::shared_ptr<ImageFrame> ImageSourceRawIPC::Load::receiveFrame(const ipc::FrameNotice& notice,
-                                                                  std::string& error) {
-  const std::string& name = notice.full ? fullRegion : quarterRegion;
-  // Copied rather than adopted: frames come from the memory pool, and the segment is freed now.
-  ipc::SharedRegion region;
-  const bool mapped = region.open(name, notice.bytes(), error);
-  // Both sides hold the segment now (or the child is gone): its name is no longer needed.
-  ipc::unlinkRegion(name);
-  if (!mapped) return nullptr;
-  auto frame = std::make_shared<ImageFrame>(_Size<int>(notice.width, notice.height),
-                                            ColorProfileType::melissaRGB());
-  if (frame->empty()) {
-    error = "no memory for a frame of " + std::to_string(notice.width) + "x" +
-            std::to_string(notice.height);
-    return nullptr;
-  }
-  std::memcpy(frame->data, region.data(), notice.bytes());
-  frame->setLoadState(static_cast<ImageLoadState>(notice.loadState));
-  return frame;
-}
 
 void ImageSourceRawIPC::Load::deliver(const ipc::FrameNotice& notice,
                                       std::shared_ptr<ImageFrame> frame) {
@@ -178,7 +155,8 @@ void ImageSourceRawIPC::Load::run() {
         ipc::unlinkRegion(notice.full ? fullRegion : quarterRegion);
         continue;
       }
-      std::shared_ptr<ImageFrame> frame = receiveFrame(notice, error);
+      std::shared_ptr<ImageFrame> frame =
+          ipc::receiveFrame(notice.full ? fullRegion : quarterRegion, notice, error);
       if (!frame)
         fault = "the frame could not be received (" + error + ")";
       else if (notice.full)

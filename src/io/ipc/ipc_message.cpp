@@ -14,7 +14,7 @@ static_assert(sizeof(Header) == 16);
 
 bool isKnownType(std::uint16_t type) {
   return type >= static_cast<std::uint16_t>(MessageType::Ready) &&
-         type <= static_cast<std::uint16_t>(MessageType::Done);
+         type <= static_cast<std::uint16_t>(MessageType::DecodeFrame);
 }
 
 }  // namespace

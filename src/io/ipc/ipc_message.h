@@ -15,12 +15,13 @@ inline constexpr std::uint16_t kMessageVersion = 1;
 
 /// What a control message says; the child sends Ready, Identity, Frame and Done.
 enum class MessageType : std::uint16_t {
-  Ready = 1,  ///< the child opened both queues
-  Load,       ///< host asks for a file
-  Cancel,     ///< host gives up the running load
-  Identity,   ///< result code, geometry and metadata of the opened file
-  Frame,      ///< a frame waits in its shared region
-  Done,       ///< the load is over, with its code
+  Ready = 1,    ///< the child opened both queues
+  Load,         ///< host asks for a file
+  Cancel,       ///< host gives up the running load
+  Identity,     ///< result code, geometry and metadata of the opened file
+  Frame,        ///< a frame waits in its shared region
+  Done,         ///< the load is over, with its code
+  DecodeFrame,  ///< host asks for one frame of a file: answered by Identity, then a Frame if 0
 };
 
 /// One control message: a fixed header (magic, version, type, sequence, payload size) and up to

@@ -18,6 +18,7 @@
 #include "io/ipc/loader_payloads.h"
 #include "io/raw/raw_decoder.h"
 #include "vorn/core/data_store.h"
+#include "vorn/io/image_file_class.h"
 #include "vorn/io/image_reader.h"
 #include "vorn/io/image_source_raw.h"
 
@@ -97,9 +98,12 @@ class Loader {
       if (status == ReceiveStatus::Failed) return kExitProtocol;
       if (message.type == MessageType::Cancel) continue;  // for a load that already ended
       LoadRequest request;
-      if (message.type != MessageType::Load || !decodeLoadRequest(message.payload, request))
+      const bool single = message.type == MessageType::DecodeFrame;
+      if ((message.type != MessageType::Load && !single) ||
+          !decodeLoadRequest(message.payload, request))
         return kExitProtocol;
-      if (!load(message.sequence, request)) return kExitChannel;
+      if (!(single ? decodeOne(message.sequence, request) : load(message.sequence, request)))
+        return kExitChannel;
     }
   }
 
@@ -107,6 +111,39 @@ class Loader {
   bool reply(MessageType type, std::uint32_t sequence, std::vector<unsigned char> payload) {
     std::string error;
     return replies_.send({type, sequence, std::move(payload)}, kSendTimeoutMs, error);
+  }
+
+  bool sendIdentity(std::uint32_t sequence, LoadIdentity& identity) {
+    std::vector<unsigned char> payload = encodeIdentity(identity);
+    if (payload.size() + 16 > kMaxMessageSize) {
+      identity = LoadIdentity{};
+      payload = encodeIdentity(identity);
+    }
+    return reply(MessageType::Identity, sequence, std::move(payload));
+  }
+
+  // ImageReader::decodeFrame as the host would run it; a cancel from the host ends this child.
+  bool decodeOne(std::uint32_t sequence, const LoadRequest& request) {
+    applySettings(request);
+    limitCpuForOneLoad(request.cpuSeconds);
+    faultAt(request, "identify");
+    FrameRequest frameRequest;
+    frameRequest.cover = _Size<int>(request.coverWidth, request.coverHeight);
+    frameRequest.failOn = static_cast<FailOn>(request.failOn);
+    const OwnedFrame decoded =
+        ImageReader::decodeFrame(classifyImageFile(request.path), frameRequest);
+    LoadIdentity identity;
+    identity.code = decoded.errorCode;
+    if (identity.code == kImageReaderOk && (!decoded.frame || !decoded.metadata))
+      identity.code = kImageReaderFailed;
+    if (identity.code == kImageReaderOk) identity.metadata = *decoded.metadata;
+    if (!sendIdentity(sequence, identity)) return false;
+    if (identity.code != kImageReaderOk) return true;
+    faultAt(request, "before_quarter");
+    if (request.fault == "hang")
+      while (true) pause();
+    const _Size<int> size(decoded.frame->width, decoded.frame->height);
+    return sendFrame(sequence, request, *decoded.frame, true, size);
   }
 
   bool sendFrame(std::uint32_t sequence, const LoadRequest& request, const ImageFrame& frame,
@@ -199,12 +236,7 @@ class Loader {
       identity.geometry = source->geometry();
       identity.metadata = *source->metadata();
     }
-    std::vector<unsigned char> payload = encodeIdentity(identity);
-    if (payload.size() + 16 > kMaxMessageSize) {
-      identity = LoadIdentity{};
-      payload = encodeIdentity(identity);
-    }
-    if (!reply(MessageType::Identity, sequence, std::move(payload))) return false;
+    if (!sendIdentity(sequence, identity)) return false;
     if (identity.code != kImageReaderOk) return true;
 
     std::atomic<bool> delivering{true};
@@ -222,7 +254,9 @@ class Loader {
           message.sequence == sequence) {
         raw::requestCancel(cancel);
         source->cancelLoading();
-      } else if (status == ReceiveStatus::Ok && message.type == MessageType::Load && !next_) {
+      } else if (status == ReceiveStatus::Ok &&
+                 (message.type == MessageType::Load || message.type == MessageType::DecodeFrame) &&
+                 !next_) {
         // The host may send its next request as soon as this load's end reached it.
         next_ = std::move(message);
       } else if (status == ReceiveStatus::Failed ||

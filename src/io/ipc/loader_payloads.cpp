@@ -45,6 +45,9 @@ std::vector<unsigned char> encodeLoadRequest(const LoadRequest& request) {
     writer.putString(key);
     writer.putString(value);
   }
+  writer.put(request.coverWidth);
+  writer.put(request.coverHeight);
+  writer.put(request.failOn);
   return std::move(writer.bytes());
 }
 
@@ -61,7 +64,8 @@ bool decodeLoadRequest(const std::vector<unsigned char>& payload, LoadRequest& r
     if (!reader.getString(setting.first) || !reader.getString(setting.second)) return false;
     request.settings.push_back(std::move(setting));
   }
-  return reader.atEnd();
+  return reader.get(request.coverWidth) && reader.get(request.coverHeight) &&
+         reader.get(request.failOn) && reader.atEnd();
 }
 
 std::vector<unsigned char> encodeIdentity(const LoadIdentity& identity) {

@@ -19,6 +19,10 @@ struct LoadRequest {
   std::int32_t cpuSeconds = 0;
   std::string fault;  ///< test hook stage; empty in normal use
   std::vector<std::pair<std::string, std::string>> settings;
+  /// A single-frame decode's upright size to cover (half size when that still covers it).
+  std::int32_t coverWidth = 0;
+  std::int32_t coverHeight = 0;
+  std::int32_t failOn = 0;  ///< a single-frame decode's FailOn
 };
 
 /// The opened file: its code and, when 0, what the source needs before any frame arrives.

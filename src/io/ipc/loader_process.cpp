@@ -7,13 +7,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <vector>
 
+#include "io/input_limits.h"
+#include "io/memory_limit.h"
+#include "vorn/core/color_profile.h"
 #include "vorn/core/data_store.h"
+#include "vorn/core/log.h"
+#include "vorn/io/fail_on.h"
 
 namespace vorn::ipc {
 namespace {
@@ -21,6 +28,8 @@ namespace {
 constexpr int kDefaultTimeoutMs = 120'000;
 constexpr int kDefaultMemoryMb = 8192;
 constexpr int kGreetingTimeoutMs = 10'000;
+constexpr int kDefaultCpuSeconds = 300;
+constexpr int kPollMs = 50;
 
 // The library's own file: the loader is installed beside it.
 std::string libraryDirectory() {
@@ -44,6 +53,67 @@ std::string loaderExecutablePath() {
 int loaderTimeoutMs() {
   const int value = DataStore::instance().getInt(kLoaderTimeoutSetting, kDefaultTimeoutMs);
   return value > 0 ? value : kDefaultTimeoutMs;
+}
+
+LoadRequest loadRequestFor(const std::string& path, std::int32_t flag) {
+  const DataStore& store = DataStore::instance();
+  LoadRequest request;
+  request.flag = flag;
+  request.path = path;
+  request.quarterRegion = uniqueIpcName("quarter");
+  request.fullRegion = uniqueIpcName("full");
+  request.cpuSeconds = store.getInt(kLoaderCpuSetting, kDefaultCpuSeconds);
+  request.fault = store.getString(kLoaderFaultSetting, {});
+  for (const char* key : {kFailOnSetting, detail::kMaxPixelsSetting, detail::kMaxMemorySetting})
+    request.settings.emplace_back(key, store.getString(key, {}));
+  return request;
+}
+
+std::uint32_t nextRequestSequence() {
+  static std::atomic<std::uint32_t> sequences{0};
+  return ++sequences;
+}
+
+void logLoaderError(const std::string& path, const std::string& what) {
+  Logger::LogInstance().Error(ModuleName::ReaderIPC, "RawImage IPC error: '%s': %s", path.c_str(),
+                              what.c_str());
+}
+
+std::shared_ptr<ImageFrame> receiveFrame(const std::string& name, const FrameNotice& notice,
+                                         std::string& error) {
+  // Copied rather than adopted: frames come from the memory pool, and the segment is freed now.
+  SharedRegion region;
+  const bool mapped = region.open(name, notice.bytes(), error);
+  // Both sides hold the segment now (or the child is gone): its name is no longer needed.
+  unlinkRegion(name);
+  if (!mapped) return nullptr;
+  auto frame = std::make_shared<ImageFrame>(_Size<int>(notice.width, notice.height),
+                                            ColorProfileType::melissaRGB());
+  if (frame->empty()) {
+    error = "no memory for a frame of " + std::to_string(notice.width) + "x" +
+            std::to_string(notice.height);
+    return nullptr;
+  }
+  std::memcpy(frame->data, region.data(), notice.bytes());
+  frame->setLoadState(static_cast<ImageLoadState>(notice.loadState));
+  return frame;
+}
+
+bool awaitReply(LoaderChild& child, std::uint32_t sequence, MessageType type, Message& message,
+                std::string& fault, const std::function<bool()>& stop) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(loaderTimeoutMs());
+  LoaderChild::Poll polled = LoaderChild::Poll::Idle;
+  while ((polled = child.poll(message, kPollMs, deadline, fault)) == LoaderChild::Poll::Idle) {
+    if (stop && stop()) {
+      fault = "cancelled";
+      return false;
+    }
+  }
+  if (polled == LoaderChild::Poll::Fault) return false;
+  if (message.sequence == sequence && message.type == type) return true;
+  fault = "the loader process answered with an unexpected message";
+  return false;
 }
 
 std::unique_ptr<LoaderChild> LoaderChild::spawn(std::string& error) {
@@ -98,6 +168,8 @@ std::unique_ptr<LoaderChild> LoaderChild::spawn(std::string& error) {
     return nullptr;
   }
 
+  child->counted_ = true;
+  LoaderPool::instance().childStarted();
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(kGreetingTimeoutMs);
   Message greeting;
@@ -137,6 +209,7 @@ LoaderChild::Poll LoaderChild::poll(Message& message, int pollMs,
 
 LoaderChild::~LoaderChild() {
   kill();
+  if (counted_) LoaderPool::instance().childEnded();
 }
 
 void LoaderChild::recordExit(int status) {
@@ -183,21 +256,24 @@ LoaderPool& LoaderPool::instance() {
 }
 
 std::unique_ptr<LoaderChild> LoaderPool::acquire(std::string& error) {
-  std::unique_ptr<LoaderChild> child;
-  {
-    std::lock_guard lock(mutex_);
-    child = std::move(idle_);
+  while (true) {
+    std::unique_ptr<LoaderChild> child;
+    {
+      std::lock_guard lock(mutex_);
+      if (idle_.empty()) break;
+      child = std::move(idle_.back());
+      idle_.pop_back();
+    }
+    if (child->isAlive()) return child;
   }
-  if (child && child->isAlive()) return child;
-  child.reset();
   return LoaderChild::spawn(error);
 }
 
 void LoaderPool::release(std::unique_ptr<LoaderChild> child) {
   if (!child || !child->isAlive()) return;
   std::unique_lock lock(mutex_);
-  if (!idle_) {
-    idle_ = std::move(child);
+  if (idle_.size() < std::min(mostRunning_, kMaxIdle)) {
+    idle_.push_back(std::move(child));
     return;
   }
   lock.unlock();
@@ -205,14 +281,32 @@ void LoaderPool::release(std::unique_ptr<LoaderChild> child) {
 }
 
 void LoaderPool::clear() {
-  std::unique_ptr<LoaderChild> child;
-  std::lock_guard lock(mutex_);
-  child = std::move(idle_);
+  std::vector<std::unique_ptr<LoaderChild>> children;
+  {
+    std::lock_guard lock(mutex_);
+    children.swap(idle_);
+    mostRunning_ = 1;
+  }
 }
 
 pid_t LoaderPool::idlePid() {
   std::lock_guard lock(mutex_);
-  return idle_ ? idle_->pid() : -1;
+  return idle_.empty() ? -1 : idle_.back()->pid();
+}
+
+std::size_t LoaderPool::idleCount() {
+  std::lock_guard lock(mutex_);
+  return idle_.size();
+}
+
+void LoaderPool::childStarted() {
+  std::lock_guard lock(mutex_);
+  mostRunning_ = std::max(mostRunning_, ++running_);
+}
+
+void LoaderPool::childEnded() {
+  std::lock_guard lock(mutex_);
+  --running_;
 }
 
 }  // namespace vorn::ipc

@@ -3,11 +3,14 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "io/ipc/ipc_channel.h"
+#include "io/ipc/loader_payloads.h"
 
 namespace vorn::ipc {
 
@@ -27,6 +30,23 @@ inline constexpr const char* kLoaderFaultSetting = "IPC.Loader.test_fault";
 std::string loaderExecutablePath();
 /// The configured load timeout in milliseconds (at least 1).
 int loaderTimeoutMs();
+
+/// A request for `path` with fresh segment names and the settings the decode reads: the child
+/// has none of its own.
+LoadRequest loadRequestFor(const std::string& path, std::int32_t flag);
+/// A sequence number no other request of this process carries.
+std::uint32_t nextRequestSequence();
+/// Logs the one error line of a load through the child, naming the file.
+void logLoaderError(const std::string& path, const std::string& what);
+/// Copies a frame out of the child's segment `region`, unlinking its name; null with `error`.
+std::shared_ptr<ImageFrame> receiveFrame(const std::string& region, const FrameNotice& notice,
+                                         std::string& error);
+
+class LoaderChild;
+/// Waits for the child's `type` answer to `sequence`; false with `fault` set when the child
+/// failed, answered otherwise or `stop` returned true (then `fault` reads "cancelled").
+bool awaitReply(LoaderChild& child, std::uint32_t sequence, MessageType type, Message& message,
+                std::string& fault, const std::function<bool()>& stop = {});
 
 /// One running loader process and its two queues (names unlinked once the child opened them).
 class LoaderChild {
@@ -59,12 +79,14 @@ class LoaderChild {
   void recordExit(int status);
 
   pid_t pid_ = -1;
+  bool counted_ = false;  ///< in the pool's count of running children
   std::string exit_;
   MessageQueue requests_;
   MessageQueue replies_;
 };
 
-/// Keeps one idle child between loads; further concurrent loads get children of their own.
+/// Keeps idle children between loads, as many as ever ran at once (at most kMaxIdle), so that
+/// `-j N` batch workers each keep a warm child instead of starting one per file.
 class LoaderPool {
  public:
   static LoaderPool& instance();
@@ -74,12 +96,22 @@ class LoaderPool {
   void release(std::unique_ptr<LoaderChild> child);
   /// Ends the idle child (tests use it to start from a known state).
   void clear();
-  /// The idle child's pid, -1 when there is none.
+  /// The most recently idled child's pid, -1 when there is none.
   pid_t idlePid();
+  /// How many children wait idle.
+  std::size_t idleCount();
+
+  static constexpr std::size_t kMaxIdle = 8;
 
  private:
+  friend class LoaderChild;
+  void childStarted();
+  void childEnded();
+
   std::mutex mutex_;
-  std::unique_ptr<LoaderChild> idle_;
+  std::vector<std::unique_ptr<LoaderChild>> idle_;
+  std::size_t running_ = 0;
+  std::size_t mostRunning_ = 1;
 };
 
 }  // namespace vorn::ipc

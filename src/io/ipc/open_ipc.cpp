@@ -15,45 +15,14 @@
 namespace vorn {
 namespace {
 
-constexpr int kDefaultCpuSeconds = 300;
-constexpr int kPollMs = 50;
-
-void logLoaderError(const std::string& path, const std::string& what) {
-  Logger::LogInstance().Error(ModuleName::ReaderIPC, "RawImage IPC error: '%s': %s", path.c_str(),
-                              what.c_str());
-}
-
-// The settings the decode reads travel with each request: the child has none of its own.
-ipc::LoadRequest makeRequest(const std::string& path, ImageReaderOpenFlag flag) {
-  const DataStore& store = DataStore::instance();
-  ipc::LoadRequest request;
-  request.flag = flag;
-  request.path = path;
-  request.quarterRegion = ipc::uniqueIpcName("quarter");
-  request.fullRegion = ipc::uniqueIpcName("full");
-  request.cpuSeconds = store.getInt(ipc::kLoaderCpuSetting, kDefaultCpuSeconds);
-  request.fault = store.getString(ipc::kLoaderFaultSetting, {});
-  for (const char* key : {kFailOnSetting, detail::kMaxPixelsSetting, detail::kMaxMemorySetting})
-    request.settings.emplace_back(key, store.getString(key, {}));
-  return request;
-}
-
 // Waits for the child's answer to the request: the file's identity or its refusal.
 bool awaitIdentity(ipc::LoaderChild& child, std::uint32_t sequence, ipc::LoadIdentity& identity,
                    std::string& fault) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(ipc::loaderTimeoutMs());
   ipc::Message message;
-  ipc::LoaderChild::Poll polled = ipc::LoaderChild::Poll::Idle;
-  while ((polled = child.poll(message, kPollMs, deadline, fault)) == ipc::LoaderChild::Poll::Idle) {
-  }
-  if (polled == ipc::LoaderChild::Poll::Fault) return false;
-  if (message.sequence != sequence || message.type != ipc::MessageType::Identity ||
-      !ipc::decodeIdentity(message.payload, identity)) {
-    fault = "the loader process answered with an unexpected or malformed message";
-    return false;
-  }
-  return true;
+  if (!ipc::awaitReply(child, sequence, ipc::MessageType::Identity, message, fault)) return false;
+  if (ipc::decodeIdentity(message.payload, identity)) return true;
+  fault = "the loader process answered with a malformed message";
+  return false;
 }
 
 }  // namespace
@@ -72,16 +41,15 @@ ImageResult ImageReader::open_ipc_async(const std::string& path, const _Size<int
   std::unique_ptr<ipc::LoaderChild> child = ipc::LoaderPool::instance().acquire(error);
   if (!child) {
     // A missing or broken loader executable must not make raw files unreadable.
-    logLoaderError(path, error + "; decoding in this process");
+    ipc::logLoaderError(path, error + "; decoding in this process");
     return open_sync(path, size, flag, std::move(cancel), parameters);
   }
-  static std::atomic<std::uint32_t> sequences{0};
-  const std::uint32_t sequence = ++sequences;
-  const ipc::LoadRequest request = makeRequest(path, flag);
+  const std::uint32_t sequence = ipc::nextRequestSequence();
+  const ipc::LoadRequest request = ipc::loadRequestFor(path, flag);
   ipc::LoadIdentity identity;
   const ipc::Message load{ipc::MessageType::Load, sequence, ipc::encodeLoadRequest(request)};
   if (load.payload.size() + 16 > ipc::kMaxMessageSize) {
-    logLoaderError(path, "the path is too long for the loader's messages");
+    ipc::logLoaderError(path, "the path is too long for the loader's messages");
     ipc::LoaderPool::instance().release(std::move(child));
     return result;
   }
@@ -94,14 +62,14 @@ ImageResult ImageReader::open_ipc_async(const std::string& path, const _Size<int
     child->kill();
     ipc::unlinkRegion(request.quarterRegion);
     ipc::unlinkRegion(request.fullRegion);
-    logLoaderError(path, fault);
+    ipc::logLoaderError(path, fault);
     return result;
   }
   if (identity.code != kImageReaderOk) {
     ipc::LoaderPool::instance().release(std::move(child));
     if (identity.code != kImageReaderCancelled)
-      logLoaderError(path,
-                     "the loader refused the file with code " + std::to_string(identity.code));
+      ipc::logLoaderError(path,
+                          "the loader refused the file with code " + std::to_string(identity.code));
     result.errorCode = static_cast<ImageReaderErrorCode>(identity.code);
     return result;
   }
