@@ -146,8 +146,10 @@ TEST(IpcLoader, ChildFaultsEndTheLoadWithCode4AndLeaveNothing) {
   }
 }
 
-// The limits are set by the child itself; a decode past its address-space limit fails there.
-TEST(IpcLoader, ChildOverItsMemoryLimitFailsTheLoadCleanly) {
+// The limits are set by the child itself. Wherever the decode meets the address-space limit
+// (the decoder's buffers, the frame pool, the memory check), the load ends as a fault, code 4,
+// and a CPU runaway ends the same way; each time the next load gets a working child.
+TEST(IpcLoader, ChildPastItsLimitsFailsTheLoadWithCode4) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers' shadow memory rules out an address-space limit";
 #endif
@@ -155,20 +157,28 @@ TEST(IpcLoader, ChildOverItsMemoryLimitFailsTheLoadCleanly) {
   const std::string dng = test::testData("truncated_iphone12promax_exiv2.dng");
   test::LoaderSettings settings;
   test::DataStoreGuard memory("IPC.Loader.memory_mb");
+  test::DataStoreGuard cpu("IPC.Loader.cpu_seconds");
   DataStore::instance().set(kFailOnSetting, "none");
-  ipc::LoaderPool::instance().clear();
-  DataStore::instance().set("IPC.Loader.memory_mb", 500);
-  test::LogCapture log;
-  // Where the allocation is refused decides the code: the memory check (7), the decoder (6),
-  // or the child's death (4); the load fails either way.
-  const int code = finalCode(openThroughChild(dng));
-  EXPECT_TRUE(code == kImageReaderFailed || code == kImageReaderCorrupt ||
-              code == kImageReaderTooLarge)
-      << code;
-  EXPECT_EQ(log.countContaining("RawImage IPC error: '" + dng + "'"), 1u);
-  expectWorkingLoad(nef);
+  for (const int megabytes : {300, 500, 650}) {
+    ipc::LoaderPool::instance().clear();
+    DataStore::instance().set("IPC.Loader.memory_mb", megabytes);
+    test::LogCapture log;
+    EXPECT_EQ(finalCode(openThroughChild(dng)), kImageReaderFailed) << megabytes;
+    EXPECT_EQ(log.countContaining("ran out of memory under its limit"), 1u) << megabytes;
+    expectWorkingLoad(nef);
+  }
   DataStore::instance().set("IPC.Loader.memory_mb", "");
   ipc::LoaderPool::instance().clear();
+
+  DataStore::instance().set("IPC.Loader.cpu_seconds", 1);
+  DataStore::instance().set("IPC.Loader.test_fault", "spin");
+  test::LogCapture log;
+  int code = -1;
+  EXPECT_TRUE(test::finishesWithin(30, [&] { code = finalCode(openThroughChild(nef)); }));
+  EXPECT_EQ(code, kImageReaderFailed);
+  EXPECT_EQ(log.countContaining("ran past its CPU time limit"), 1u);
+  DataStore::instance().set("IPC.Loader.test_fault", "");
+  expectWorkingLoad(nef);
   EXPECT_TRUE(test::leftoverIpcNames().empty());
 }
 

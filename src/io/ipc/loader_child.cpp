@@ -31,6 +31,7 @@ constexpr int kIdlePollMs = 1000;
 constexpr int kLoadPollMs = 5;
 
 enum ExitStatus { kExitOk = 0, kExitUsage = 2, kExitChannel = 3, kExitProtocol = 4 };
+static_assert(kLoaderExitOutOfMemory > kExitProtocol);
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers reserve terabytes of address space for their shadow memory.
@@ -76,10 +77,23 @@ void faultAt(const LoadRequest& request, const char* stage) {
   raise(SIGKILL);
 }
 
+// The test hook's runaways: a child that sleeps for good, or one that burns its CPU time.
+void stallIfAsked(const LoadRequest& request) {
+  if (request.fault == "hang")
+    while (true) pause();
+  if (request.fault == "spin") {
+    volatile unsigned spins = 0;
+    while (true) spins = spins + 1;
+  }
+}
+
 class Loader {
  public:
-  Loader(MessageQueue& requests, MessageQueue& replies, pid_t host)
-      : requests_(requests), replies_(replies), host_(host) {}
+  Loader(MessageQueue& requests, MessageQueue& replies, pid_t host, bool (*allocationRefused)())
+      : requests_(requests),
+        replies_(replies),
+        host_(host),
+        allocationRefused_(allocationRefused) {}
 
   int serve() {
     while (true) {
@@ -109,6 +123,8 @@ class Loader {
 
  private:
   bool reply(MessageType type, std::uint32_t sequence, std::vector<unsigned char> payload) {
+    // Wherever the decoder met the memory limit, its answer would blame the file instead.
+    if (allocationRefused_ && allocationRefused_()) _exit(kLoaderExitOutOfMemory);
     std::string error;
     return replies_.send({type, sequence, std::move(payload)}, kSendTimeoutMs, error);
   }
@@ -140,8 +156,7 @@ class Loader {
     if (!sendIdentity(sequence, identity)) return false;
     if (identity.code != kImageReaderOk) return true;
     faultAt(request, "before_quarter");
-    if (request.fault == "hang")
-      while (true) pause();
+    stallIfAsked(request);
     const _Size<int> size(decoded.frame->width, decoded.frame->height);
     return sendFrame(sequence, request, *decoded.frame, true, size);
   }
@@ -195,8 +210,7 @@ class Loader {
   bool deliver(std::uint32_t sequence, const LoadRequest& request, ImageSourceRaw& source,
                const std::shared_ptr<bool>& cancel) {
     faultAt(request, "before_quarter");
-    if (request.fault == "hang")
-      while (true) pause();
+    stallIfAsked(request);
     if (request.fault == "garbage") {
       std::string error;
       return replies_.sendBytes(std::vector<unsigned char>(40, 0x5a), kSendTimeoutMs, error);
@@ -271,12 +285,13 @@ class Loader {
   MessageQueue& requests_;
   MessageQueue& replies_;
   pid_t host_;
+  bool (*allocationRefused_)();
   std::optional<Message> next_;
 };
 
 }  // namespace
 
-int runRawLoader(int argc, char** argv) {
+int runRawLoader(int argc, char** argv, bool (*allocationRefused)()) {
   if (argc != 5) return kExitUsage;
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   const pid_t host = static_cast<pid_t>(std::atol(argv[3]));
@@ -286,7 +301,7 @@ int runRawLoader(int argc, char** argv) {
   std::string error;
   if (!requests.open(argv[1], error) || !replies.open(argv[2], error)) return kExitChannel;
   if (!replies.send({MessageType::Ready, 0, {}}, kSendTimeoutMs, error)) return kExitChannel;
-  Loader loader(requests, replies, host);
+  Loader loader(requests, replies, host, allocationRefused);
   return loader.serve();
 }
 

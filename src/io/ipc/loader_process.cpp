@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "io/input_limits.h"
+#include "io/ipc/loader_child.h"
 #include "io/memory_limit.h"
 #include "vorn/core/color_profile.h"
 #include "vorn/core/data_store.h"
@@ -213,8 +214,12 @@ LoaderChild::~LoaderChild() {
 }
 
 void LoaderChild::recordExit(int status) {
-  if (WIFSIGNALED(status))
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGXCPU)
+    exit_ = "ran past its CPU time limit (" + std::string(kLoaderCpuSetting) + ")";
+  else if (WIFSIGNALED(status))
     exit_ = "was killed by signal " + std::to_string(WTERMSIG(status));
+  else if (WEXITSTATUS(status) == kLoaderExitOutOfMemory)
+    exit_ = "ran out of memory under its limit (" + std::string(kLoaderMemorySetting) + ")";
   else
     exit_ = "exited with status " + std::to_string(WEXITSTATUS(status));
   pid_ = -1;

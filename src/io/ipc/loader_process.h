@@ -23,7 +23,7 @@ inline constexpr const char* kLoaderMemorySetting = "IPC.Loader.memory_mb";
 /// Config key: the CPU seconds one load may use in the child.
 inline constexpr const char* kLoaderCpuSetting = "IPC.Loader.cpu_seconds";
 /// Config key for tests: the child fails at this named stage ("identify", "before_quarter",
-/// "between_frames", "during_full", "hang", "garbage"); inert while unset.
+/// "between_frames", "during_full", "hang", "spin" (burns CPU), "garbage"); inert while unset.
 inline constexpr const char* kLoaderFaultSetting = "IPC.Loader.test_fault";
 
 /// The executable that decodes raw files for this process.
