@@ -13,8 +13,8 @@ OwnedFrame decodeLocally(const ImageFileClass& file, const FrameRequest& request
 }
 
 // The child answers with the file's identity, then, when that says 0, with the frame.
-bool receiveDecode(LoaderChild& child, std::uint32_t sequence, const LoadRequest& load,
-                   const std::function<bool()>& stop, OwnedFrame& result, std::string& fault) {
+bool receiveDecode(LoaderChild& child, std::uint32_t sequence, const std::function<bool()>& stop,
+                   OwnedFrame& result, std::string& fault) {
   Message message;
   LoadIdentity identity;
   if (!awaitReply(child, sequence, MessageType::Identity, message, fault, stop)) return false;
@@ -31,7 +31,7 @@ bool receiveDecode(LoaderChild& child, std::uint32_t sequence, const LoadRequest
     return false;
   }
   std::string error;
-  result.frame = receiveFrame(load.fullRegion, notice, error);
+  result.frame = receiveFrame(child.arena(true), notice, error);
   if (!result.frame) {
     fault = "the frame could not be received (" + error + ")";
     return false;
@@ -72,8 +72,7 @@ OwnedFrame decodeRawFrameInChild(const ImageFileClass& file, const FrameRequest&
   if (!child->requests().send(message, loaderTimeoutMs(), error))
     fault = "cannot send the request (" + error + ")";
   else
-    receiveDecode(*child, sequence, load, stop, result, fault);
-  unlinkRegion(load.fullRegion);
+    receiveDecode(*child, sequence, stop, result, fault);
   if (fault.empty()) {
     LoaderPool::instance().release(std::move(child));
     // The child logged the decoder's reason in its own log; this one names the file here.
@@ -84,7 +83,6 @@ OwnedFrame decodeRawFrameInChild(const ImageFileClass& file, const FrameRequest&
   // A child in an unknown state, or one still decoding what nobody wants, never serves again.
   child->kill();
   child.reset();
-  unlinkRegion(load.fullRegion);
   result = OwnedFrame{};
   if (stop()) {
     result.errorCode = kImageReaderCancelled;

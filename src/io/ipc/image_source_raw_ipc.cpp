@@ -45,8 +45,6 @@ class ImageSourceRawIPC::Load {
   std::unique_ptr<ipc::LoaderChild> child;
   std::uint32_t sequence = 0;
   std::string path;
-  std::string quarterRegion;
-  std::string fullRegion;
   std::weak_ptr<ImageSourceRawIPC> source;
   std::shared_ptr<void> token;
   bool ended = false;
@@ -151,12 +149,9 @@ void ImageSourceRawIPC::Load::run() {
       fault = "the loader process answered another load";
     else if (message.type == ipc::MessageType::Frame &&
              ipc::decodeFrameNotice(message.payload, notice)) {
-      if (cancelSent) {
-        ipc::unlinkRegion(notice.full ? fullRegion : quarterRegion);
-        continue;
-      }
+      if (cancelSent) continue;
       std::shared_ptr<ImageFrame> frame =
-          ipc::receiveFrame(notice.full ? fullRegion : quarterRegion, notice, error);
+          ipc::receiveFrame(child->arena(notice.full != 0), notice, error);
       if (!frame)
         fault = "the frame could not be received (" + error + ")";
       else if (notice.full)
@@ -172,8 +167,6 @@ void ImageSourceRawIPC::Load::run() {
 }
 
 void ImageSourceRawIPC::Load::finish(const std::string& fault, int doneCode, HeldFrame held) {
-  ipc::unlinkRegion(quarterRegion);
-  ipc::unlinkRegion(fullRegion);
   if (!fault.empty()) {
     // A child in an unknown state never serves another load.
     child->kill();
@@ -219,8 +212,6 @@ std::shared_ptr<ImageSourceRawIPC> ImageSourceRawIPC::start(
   load.child = std::move(child);
   load.sequence = sequence;
   load.path = request.path;
-  load.quarterRegion = request.quarterRegion;
-  load.fullRegion = request.fullRegion;
   load.hostCancel = std::move(cancel);
   load.source = source;
   source->worker_ = std::thread([load = source->load_] { load->run(); });

@@ -113,55 +113,82 @@ ReceiveStatus MessageQueue::receive(Message& message, int timeoutMs, std::string
              : ReceiveStatus::Failed;
 }
 
-SharedRegion::~SharedRegion() {
+FrameArena::~FrameArena() {
   if (data_) munmap(data_, size_);
+  if (fd_ >= 0) close(fd_);
 }
 
-bool SharedRegion::create(const std::string& name, std::size_t bytes, std::string& error) {
-  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+bool FrameArena::create(int lowestFd, std::string& error) {
+  const int fd = memfd_create("vorn-loader-frames", MFD_CLOEXEC);
   if (fd < 0) {
-    error = systemError("cannot create segment " + name);
+    error = systemError("cannot create a frame buffer");
     return false;
   }
-  bool ok = ftruncate(fd, static_cast<off_t>(bytes)) == 0;
-  void* mapped = ok ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-  if (mapped == MAP_FAILED) {
-    error = systemError("cannot size or map segment " + name);
-    ok = false;
-  } else {
-    data_ = static_cast<unsigned char*>(mapped);
-    size_ = bytes;
-  }
-  close(fd);
-  return ok;
+  // Kept clear of the numbers the child receives it under, so handing it over needs no juggling.
+  fd_ = fd >= lowestFd ? fd : fcntl(fd, F_DUPFD_CLOEXEC, lowestFd);
+  if (fd_ != fd) close(fd);
+  if (fd_ < 0) error = systemError("cannot place the frame buffer");
+  return fd_ >= 0;
 }
 
-bool SharedRegion::open(const std::string& name, std::size_t bytes, std::string& error) {
-  const int fd = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-  if (fd < 0) {
-    error = systemError("cannot open segment " + name);
-    return false;
-  }
+bool FrameArena::adopt(int fd, std::string& error) {
   struct stat status {};
-  bool ok = fstat(fd, &status) == 0;
-  if (!ok || static_cast<std::uint64_t>(status.st_size) < bytes) {
-    error = "segment " + name + " is smaller than its frame";
-    close(fd);
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    error = "descriptor " + std::to_string(fd) + " is no frame buffer";
     return false;
   }
-  void* mapped = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
-  close(fd);
+  fd_ = fd;
+  fcntl(fd_, F_SETFD, FD_CLOEXEC);
+  return true;
+}
+
+// The whole file, populated up front: one fault storm per growth instead of one per frame.
+bool FrameArena::mapWhole(int protection, std::string& error) {
+  struct stat status {};
+  if (fstat(fd_, &status) != 0) {
+    error = systemError("cannot size the frame buffer");
+    return false;
+  }
+  const auto bytes = static_cast<std::size_t>(status.st_size);
+  if (data_ && bytes == size_ && protection == protection_) return true;
+  if (data_) munmap(data_, size_);
+  data_ = nullptr;
+  size_ = 0;
+  void* mapped = mmap(nullptr, bytes, protection, MAP_SHARED | MAP_POPULATE, fd_, 0);
   if (mapped == MAP_FAILED) {
-    error = systemError("cannot map segment " + name);
+    error = systemError("cannot map the frame buffer");
     return false;
   }
   data_ = static_cast<unsigned char*>(mapped);
   size_ = bytes;
+  protection_ = protection;
   return true;
 }
 
-void unlinkRegion(const std::string& name) {
-  shm_unlink(name.c_str());
+bool FrameArena::reserve(std::size_t bytes, std::string& error) {
+  if (fd_ < 0 || bytes == 0) {
+    error = "no frame buffer";
+    return false;
+  }
+  if (data_ && size_ >= bytes) return true;
+  if (ftruncate(fd_, static_cast<off_t>(bytes)) != 0) {
+    error = systemError("cannot grow the frame buffer to " + std::to_string(bytes) + " bytes");
+    return false;
+  }
+  return mapWhole(PROT_READ | PROT_WRITE, error);
+}
+
+bool FrameArena::view(std::size_t bytes, std::string& error) {
+  if (fd_ < 0 || bytes == 0) {
+    error = "no frame buffer";
+    return false;
+  }
+  if (data_ && size_ >= bytes) return true;
+  if (!mapWhole(PROT_READ, error)) return false;
+  if (size_ >= bytes) return true;
+  error = "the frame buffer holds " + std::to_string(size_) + " bytes, not the " +
+          std::to_string(bytes) + " of the frame";
+  return false;
 }
 
 void unlinkQueue(const std::string& name) {

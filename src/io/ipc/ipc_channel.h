@@ -10,11 +10,11 @@
 
 namespace vorn::ipc {
 
-/// Every shared-memory segment and queue of the loader is named "/vorn-ipc-<host pid>-...".
+/// Every queue of the loader is named "/vorn-ipc-<host pid>-..."; frames pass through FrameArena.
 /// No semaphores: a queue message is the hand-off, and its timed receive is the only wait.
 inline constexpr const char* kNamePrefix = "/vorn-ipc-";
 
-/// A fresh name "/vorn-ipc-<pid>-<counter>-<role>" for a queue or segment of this process.
+/// A fresh name "/vorn-ipc-<pid>-<counter>-<role>" for a queue of this process.
 std::string uniqueIpcName(const std::string& role);
 
 enum class ReceiveStatus { Ok, Timeout, Failed };
@@ -45,28 +45,35 @@ class MessageQueue {
   mqd_t queue_ = static_cast<mqd_t>(-1);
 };
 
-/// A frame's pixels in a named shared-memory segment, unmapped on destruction.
-class SharedRegion {
+/// The frame buffer a host and its child share for the child's whole life: an anonymous memory
+/// file, so no name exists to be left behind, kept mapped so that its pages fault in once.
+class FrameArena {
  public:
-  SharedRegion() = default;
-  ~SharedRegion();
-  SharedRegion(const SharedRegion&) = delete;
-  SharedRegion& operator=(const SharedRegion&) = delete;
+  FrameArena() = default;
+  ~FrameArena();
+  FrameArena(const FrameArena&) = delete;
+  FrameArena& operator=(const FrameArena&) = delete;
 
-  /// Creates and maps `bytes` bytes under a name that must not exist yet.
-  bool create(const std::string& name, std::size_t bytes, std::string& error);
-  /// Maps an existing segment that holds at least `bytes` bytes.
-  bool open(const std::string& name, std::size_t bytes, std::string& error);
+  /// Creates the memory file (its descriptor at least `lowestFd`); false with `error` set.
+  bool create(int lowestFd, std::string& error);
+  /// Takes over a descriptor the child inherited; false when it is no memory file.
+  bool adopt(int fd, std::string& error);
+  int fd() const { return fd_; }
+  /// The child's side: at least `bytes` mapped writable, the file grown when it holds fewer.
+  bool reserve(std::size_t bytes, std::string& error);
+  /// The host's side: at least `bytes` mapped readable; false when the file holds fewer.
+  bool view(std::size_t bytes, std::string& error);
   unsigned char* data() const { return data_; }
-  std::size_t size() const { return size_; }
 
  private:
+  bool mapWhole(int protection, std::string& error);
+
+  int fd_ = -1;
+  int protection_ = 0;
   unsigned char* data_ = nullptr;
   std::size_t size_ = 0;
 };
 
-/// Removes a segment's name; a name already gone is no error.
-void unlinkRegion(const std::string& name);
 /// Removes a queue's name; a name already gone is no error.
 void unlinkQueue(const std::string& name);
 

@@ -89,9 +89,12 @@ void stallIfAsked(const LoadRequest& request) {
 
 class Loader {
  public:
-  Loader(MessageQueue& requests, MessageQueue& replies, pid_t host, bool (*allocationRefused)())
+  Loader(MessageQueue& requests, MessageQueue& replies, FrameArena& quarterArena,
+         FrameArena& fullArena, pid_t host, bool (*allocationRefused)())
       : requests_(requests),
         replies_(replies),
+        quarterArena_(quarterArena),
+        fullArena_(fullArena),
         host_(host),
         allocationRefused_(allocationRefused) {}
 
@@ -170,15 +173,14 @@ class Loader {
     notice.loadState = frame.getLoadState();
     notice.sensorWidth = sensorSize.width;
     notice.sensorHeight = sensorSize.height;
-    SharedRegion region;
+    FrameArena& arena = full ? fullArena_ : quarterArena_;
     std::string error;
-    if (!region.create(full ? request.fullRegion : request.quarterRegion, notice.bytes(), error))
-      return false;
+    if (!arena.reserve(notice.bytes(), error)) return false;
     if (full && request.fault == "during_full") {
-      std::memcpy(region.data(), frame.data, notice.bytes() / 2);
+      std::memcpy(arena.data(), frame.data, notice.bytes() / 2);
       raise(SIGKILL);
     }
-    std::memcpy(region.data(), frame.data, notice.bytes());
+    std::memcpy(arena.data(), frame.data, notice.bytes());
     return reply(MessageType::Frame, sequence, encodeFrameNotice(notice));
   }
 
@@ -284,6 +286,8 @@ class Loader {
 
   MessageQueue& requests_;
   MessageQueue& replies_;
+  FrameArena& quarterArena_;
+  FrameArena& fullArena_;
   pid_t host_;
   bool (*allocationRefused_)();
   std::optional<Message> next_;
@@ -299,9 +303,13 @@ int runRawLoader(int argc, char** argv, bool (*allocationRefused)()) {
   MessageQueue requests;
   MessageQueue replies;
   std::string error;
-  if (!requests.open(argv[1], error) || !replies.open(argv[2], error)) return kExitChannel;
+  FrameArena quarterArena;
+  FrameArena fullArena;
+  if (!requests.open(argv[1], error) || !replies.open(argv[2], error) ||
+      !quarterArena.adopt(kQuarterArenaFd, error) || !fullArena.adopt(kFullArenaFd, error))
+    return kExitChannel;
   if (!replies.send({MessageType::Ready, 0, {}}, kSendTimeoutMs, error)) return kExitChannel;
-  Loader loader(requests, replies, host, allocationRefused);
+  Loader loader(requests, replies, quarterArena, fullArena, host, allocationRefused);
   return loader.serve();
 }
 

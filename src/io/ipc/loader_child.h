@@ -2,6 +2,10 @@
 
 namespace vorn::ipc {
 
+/// The descriptors under which the child inherits its frame buffers (quarter, full frame).
+inline constexpr int kQuarterArenaFd = 3;
+inline constexpr int kFullArenaFd = 4;
+
 /// The loader's exit status after an allocation was refused: the host reports it as such.
 inline constexpr int kLoaderExitOutOfMemory = 5;
 

@@ -36,8 +36,6 @@ std::vector<unsigned char> encodeLoadRequest(const LoadRequest& request) {
   PayloadWriter writer;
   writer.put(request.flag);
   writer.putString(request.path);
-  writer.putString(request.quarterRegion);
-  writer.putString(request.fullRegion);
   writer.put(request.cpuSeconds);
   writer.putString(request.fault);
   writer.put(static_cast<std::uint32_t>(request.settings.size()));
@@ -55,7 +53,6 @@ bool decodeLoadRequest(const std::vector<unsigned char>& payload, LoadRequest& r
   PayloadReader reader(payload);
   std::uint32_t count = 0;
   if (!reader.get(request.flag) || !reader.getString(request.path) ||
-      !reader.getString(request.quarterRegion) || !reader.getString(request.fullRegion) ||
       !reader.get(request.cpuSeconds) || !reader.getString(request.fault) || !reader.get(count))
     return false;
   request.settings.clear();

@@ -14,8 +14,6 @@ namespace vorn::ipc {
 struct LoadRequest {
   std::int32_t flag = 0;
   std::string path;
-  std::string quarterRegion;  ///< segment name the child creates for the quarter frame
-  std::string fullRegion;
   std::int32_t cpuSeconds = 0;
   std::string fault;  ///< test hook stage; empty in normal use
   std::vector<std::pair<std::string, std::string>> settings;

@@ -61,8 +61,6 @@ LoadRequest loadRequestFor(const std::string& path, std::int32_t flag) {
   LoadRequest request;
   request.flag = flag;
   request.path = path;
-  request.quarterRegion = uniqueIpcName("quarter");
-  request.fullRegion = uniqueIpcName("full");
   request.cpuSeconds = store.getInt(kLoaderCpuSetting, kDefaultCpuSeconds);
   request.fault = store.getString(kLoaderFaultSetting, {});
   for (const char* key : {kFailOnSetting, detail::kMaxPixelsSetting, detail::kMaxMemorySetting})
@@ -80,14 +78,11 @@ void logLoaderError(const std::string& path, const std::string& what) {
                               what.c_str());
 }
 
-std::shared_ptr<ImageFrame> receiveFrame(const std::string& name, const FrameNotice& notice,
+std::shared_ptr<ImageFrame> receiveFrame(FrameArena& arena, const FrameNotice& notice,
                                          std::string& error) {
-  // Copied rather than adopted: frames come from the memory pool, and the segment is freed now.
-  SharedRegion region;
-  const bool mapped = region.open(name, notice.bytes(), error);
-  // Both sides hold the segment now (or the child is gone): its name is no longer needed.
-  unlinkRegion(name);
-  if (!mapped) return nullptr;
+  // Copied rather than adopted: frames come from the memory pool, and the buffer serves the
+  // child's next frame.
+  if (!arena.view(notice.bytes(), error)) return nullptr;
   auto frame = std::make_shared<ImageFrame>(_Size<int>(notice.width, notice.height),
                                             ColorProfileType::melissaRGB());
   if (frame->empty()) {
@@ -95,7 +90,7 @@ std::shared_ptr<ImageFrame> receiveFrame(const std::string& name, const FrameNot
             std::to_string(notice.height);
     return nullptr;
   }
-  std::memcpy(frame->data, region.data(), notice.bytes());
+  std::memcpy(frame->data, arena.data(), notice.bytes());
   frame->setLoadState(static_cast<ImageLoadState>(notice.loadState));
   return frame;
 }
@@ -135,6 +130,10 @@ std::unique_ptr<LoaderChild> LoaderChild::spawn(std::string& error) {
     }
   } unlink{requestName, replyName};
 
+  if (!child->quarterArena_.create(kFullArenaFd + 1, error) ||
+      !child->fullArena_.create(kFullArenaFd + 1, error))
+    return nullptr;
+
   const std::string executable = loaderExecutablePath();
   const std::string hostPid = std::to_string(getpid());
   const std::string memoryMb =
@@ -149,7 +148,9 @@ std::unique_ptr<LoaderChild> LoaderChild::spawn(std::string& error) {
   // Standard input and output lead nowhere; errors still reach the host's stderr.
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  posix_spawn_file_actions_adddup2(&actions, child->quarterArena_.fd(), kQuarterArenaFd);
+  posix_spawn_file_actions_adddup2(&actions, child->fullArena_.fd(), kFullArenaFd);
+  posix_spawn_file_actions_addclosefrom_np(&actions, kFullArenaFd + 1);
   // The child starts with no blocked or ignored signal, so its CPU limit and faults end it.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);

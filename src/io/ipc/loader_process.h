@@ -38,8 +38,8 @@ LoadRequest loadRequestFor(const std::string& path, std::int32_t flag);
 std::uint32_t nextRequestSequence();
 /// Logs the one error line of a load through the child, naming the file.
 void logLoaderError(const std::string& path, const std::string& what);
-/// Copies a frame out of the child's segment `region`, unlinking its name; null with `error`.
-std::shared_ptr<ImageFrame> receiveFrame(const std::string& region, const FrameNotice& notice,
+/// Copies the frame a notice announces out of the child's buffer; null with `error` set.
+std::shared_ptr<ImageFrame> receiveFrame(FrameArena& arena, const FrameNotice& notice,
                                          std::string& error);
 
 class LoaderChild;
@@ -73,6 +73,8 @@ class LoaderChild {
 
   MessageQueue& requests() { return requests_; }
   MessageQueue& replies() { return replies_; }
+  /// The buffer the child writes its quarter (`full` false) or full frames into.
+  FrameArena& arena(bool full) { return full ? fullArena_ : quarterArena_; }
 
  private:
   LoaderChild() = default;
@@ -83,6 +85,8 @@ class LoaderChild {
   std::string exit_;
   MessageQueue requests_;
   MessageQueue replies_;
+  FrameArena quarterArena_;
+  FrameArena fullArena_;
 };
 
 /// Keeps idle children between loads, as many as ever ran at once (at most kMaxIdle), so that

@@ -60,8 +60,6 @@ ImageResult ImageReader::open_ipc_async(const std::string& path, const _Size<int
     awaitIdentity(*child, sequence, identity, fault);
   if (!fault.empty()) {
     child->kill();
-    ipc::unlinkRegion(request.quarterRegion);
-    ipc::unlinkRegion(request.fullRegion);
     ipc::logLoaderError(path, fault);
     return result;
   }
