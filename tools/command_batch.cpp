@@ -227,6 +227,8 @@ FileResult renderOne(const BatchJob& job, const LayeredEdit& edit, const BatchOp
 
 // Each render is itself parallel over rows; two files at once hide one file's single-threaded
 // decode and encode behind the other's render.
+// Each worker decodes raw files in a warm loader child of its own (the pool keeps as many as ran
+// at once): serialised on one child, the mostly single-threaded raw decodes would bound a batch.
 int defaultJobs() {
   return 2;
 }
