@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <fstream>
 #include <thread>
 
@@ -12,6 +14,7 @@
 #include "support/scoped_setting.h"
 #include "support/temp_dir.h"
 #include "vorn/core/library.h"
+#include "vorn/io/image_file_class.h"
 
 namespace vorn {
 namespace {
@@ -267,6 +270,43 @@ TEST(IpcLoaderConcurrent, SeveralThreadsLoadAtOnce) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(equal.load(), 6);
   EXPECT_TRUE(test::leftoverIpcNames().empty());
+}
+
+// Two workers decoding side by side, as `vorn batch -j 2` does, each keep a warm child: a
+// second round starts no process, and every frame equals the in-process decode.
+TEST(IpcLoaderConcurrent, ParallelWorkersKeepOneWarmChildEach) {
+  VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
+  test::LoaderSettings settings;
+  ipc::LoaderPool::instance().clear();
+  const ImageFileClass file = classifyImageFile(nef);
+  const OwnedFrame expected = ImageReader::decodeFrame(file);
+  ASSERT_TRUE(expected.frame);
+  std::atomic<int> equal{0};
+  const auto round = [&] {
+    std::barrier together(2);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 2; ++t)
+      workers.emplace_back([&] {
+        for (int i = 0; i < 3; ++i) {
+          together.arrive_and_wait();
+          FrameRequest request;
+          request.outOfProcess = true;
+          const OwnedFrame decoded = ImageReader::decodeFrame(file, request);
+          if (decoded.errorCode == kImageReaderOk &&
+              test::sameFrames(decoded.frame, expected.frame))
+            ++equal;
+        }
+      });
+    for (std::thread& worker : workers) worker.join();
+    std::vector<pid_t> pids = ipc::LoaderPool::instance().idlePids();
+    std::sort(pids.begin(), pids.end());
+    return pids;
+  };
+  const std::vector<pid_t> first = round();
+  EXPECT_EQ(first.size(), 2u);
+  EXPECT_EQ(round(), first);
+  EXPECT_EQ(equal.load(), 12);
+  ipc::LoaderPool::instance().clear();
 }
 
 }  // namespace

@@ -300,9 +300,11 @@ pid_t LoaderPool::idlePid() {
   return idle_.empty() ? -1 : idle_.back()->pid();
 }
 
-std::size_t LoaderPool::idleCount() {
+std::vector<pid_t> LoaderPool::idlePids() {
   std::lock_guard lock(mutex_);
-  return idle_.size();
+  std::vector<pid_t> pids;
+  for (const auto& child : idle_) pids.push_back(child->pid());
+  return pids;
 }
 
 void LoaderPool::childStarted() {

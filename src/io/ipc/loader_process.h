@@ -102,8 +102,8 @@ class LoaderPool {
   void clear();
   /// The most recently idled child's pid, -1 when there is none.
   pid_t idlePid();
-  /// How many children wait idle.
-  std::size_t idleCount();
+  /// The pids of the children waiting idle.
+  std::vector<pid_t> idlePids();
 
   static constexpr std::size_t kMaxIdle = 8;
 
