@@ -16,7 +16,7 @@ struct LoadRequest;
 }  // namespace ipc
 
 /// A raw file decoded by a loader child process: the same frames, listeners, waits and codes as
-/// ImageSourceRaw, each frame copied out of the child's shared segment.
+/// ImageSourceRaw, each frame copied out of the child's shared frame buffer.
 class ImageSourceRawIPC final : public ImageSourceRawBase {
  public:
   using Mutex = std::mutex;

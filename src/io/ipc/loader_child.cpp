@@ -153,7 +153,8 @@ class Loader {
         ImageReader::decodeFrame(classifyImageFile(request.path), frameRequest);
     LoadIdentity identity;
     identity.code = decoded.errorCode;
-    if (identity.code == kImageReaderOk && (!decoded.frame || !decoded.metadata))
+    if (identity.code == kImageReaderOk &&
+        (!decoded.frame || decoded.frame->empty() || !decoded.metadata))
       identity.code = kImageReaderFailed;
     if (identity.code == kImageReaderOk) identity.metadata = *decoded.metadata;
     if (!sendIdentity(sequence, identity)) return false;

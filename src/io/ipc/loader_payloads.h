@@ -30,7 +30,7 @@ struct LoadIdentity {
   ImageMetadata metadata;
 };
 
-/// A frame the child put in its segment.
+/// A frame the child put in its frame buffer.
 struct FrameNotice {
   std::uint32_t full = 0;  ///< 0 for the quarter loader's frame, 1 for the full loader's
   std::int32_t width = 0;

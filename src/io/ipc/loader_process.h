@@ -31,8 +31,7 @@ std::string loaderExecutablePath();
 /// The configured load timeout in milliseconds (at least 1).
 int loaderTimeoutMs();
 
-/// A request for `path` with fresh segment names and the settings the decode reads: the child
-/// has none of its own.
+/// A request for `path` with the settings the decode reads: the child has none of its own.
 LoadRequest loadRequestFor(const std::string& path, std::int32_t flag);
 /// A sequence number no other request of this process carries.
 std::uint32_t nextRequestSequence();
