@@ -249,6 +249,33 @@ TEST(IpcLoader, OpenRoutesRawFilesAndCancelReachesTheChild) {
   EXPECT_FALSE(test::ipcSource(ImageReader::instance().open(nef, ImageReader::kNoResizeSize)));
 }
 
+// A single decode stopped while the child hangs returns code 5 at once; the child is ended
+// rather than awaited, and the next decode gets a fresh one.
+TEST(IpcLoader, StoppedSingleDecodeEndsTheChildAndTheNextWorks) {
+  VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
+  test::LoaderSettings settings;
+  ipc::LoaderPool::instance().clear();
+  DataStore::instance().set("IPC.Loader.test_fault", "hang");
+  FrameRequest request;
+  request.outOfProcess = true;
+  request.cancel = std::make_shared<bool>(false);
+  std::thread stopper([cancel = request.cancel] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    raw::requestCancel(cancel);
+  });
+  OwnedFrame stopped;
+  EXPECT_TRUE(test::finishesWithin(
+      10, [&] { stopped = ImageReader::decodeFrame(classifyImageFile(nef), request); }));
+  stopper.join();
+  EXPECT_EQ(stopped.errorCode, kImageReaderCancelled);
+  EXPECT_FALSE(stopped.frame);
+  EXPECT_EQ(ipc::LoaderPool::instance().idlePid(), -1);
+  DataStore::instance().set("IPC.Loader.test_fault", "");
+  request.cancel.reset();
+  EXPECT_EQ(ImageReader::decodeFrame(classifyImageFile(nef), request).errorCode, kImageReaderOk);
+  EXPECT_TRUE(test::leftoverIpcNames().empty());
+}
+
 TEST(IpcLoaderConcurrent, SeveralThreadsLoadAtOnce) {
   VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
   test::LoaderSettings settings;
