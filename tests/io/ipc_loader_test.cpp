@@ -151,8 +151,8 @@ TEST(IpcLoader, ChildFaultsEndTheLoadWithCode4AndLeaveNothing) {
 
 // The limits are set by the child itself. Wherever the decode meets the address-space limit
 // (the decoder's buffers, the frame pool, the memory check), the load ends as a fault, code 4,
-// and a CPU runaway ends the same way; each time the next load gets a working child.
-TEST(IpcLoader, ChildPastItsLimitsFailsTheLoadWithCode4) {
+// and a CPU runaway (below) ends the same way; each time the next load gets a working child.
+TEST(IpcLoader, ChildPastItsMemoryFailsTheLoadWithCode4) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers' shadow memory rules out an address-space limit";
 #endif
@@ -160,7 +160,6 @@ TEST(IpcLoader, ChildPastItsLimitsFailsTheLoadWithCode4) {
   const std::string dng = test::testData("truncated_iphone12promax_exiv2.dng");
   test::LoaderSettings settings;
   test::DataStoreGuard memory("IPC.Loader.memory_mb");
-  test::DataStoreGuard cpu("IPC.Loader.cpu_seconds");
   DataStore::instance().set(kFailOnSetting, "none");
   for (const int megabytes : {300, 500, 650}) {
     ipc::LoaderPool::instance().clear();
@@ -172,7 +171,13 @@ TEST(IpcLoader, ChildPastItsLimitsFailsTheLoadWithCode4) {
   }
   DataStore::instance().set("IPC.Loader.memory_mb", "");
   ipc::LoaderPool::instance().clear();
+  EXPECT_TRUE(test::leftoverIpcNames().empty());
+}
 
+TEST(IpcLoader, ChildPastItsCpuTimeFailsTheLoadWithCode4) {
+  VORN_REQUIRE_SAMPLE(nef, kSmallRaw);
+  test::LoaderSettings settings;
+  test::DataStoreGuard cpu("IPC.Loader.cpu_seconds");
   DataStore::instance().set("IPC.Loader.cpu_seconds", 1);
   DataStore::instance().set("IPC.Loader.test_fault", "spin");
   test::LogCapture log;
