@@ -72,7 +72,7 @@ void GrainNewEffect::render(const Window& window) const {
     const detail::NoiseRow coarseRow = coarse.row(fy, coarseLattice);
     const detail::NoiseRow fineRow = fine.row(fy, fineLattice);
     // Both octaves and the blend in one pass, so the row's noise never goes through memory.
-    detail::clonedLoop(
+    detail::clonedTableLoop(
         [=](std::size_t i) {
           // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
           // passes through as it did.

@@ -141,7 +141,7 @@ void TextureOverlayEffect::render(const Window& window) const {
     const float* texels = tile.data();
     const double* us = columnU.data();
     const double* vs = columnV.data();
-    detail::clonedLoop(
+    detail::clonedTableLoop(
         [=](std::size_t i) {
           const double u = wrappedSum(us[i], rowU);
           const double v = wrappedSum(vs[i], rowV);
@@ -151,14 +151,18 @@ void TextureOverlayEffect::render(const Window& window) const {
           v0 = v0 < kTileTexels - 1 ? v0 : kTileTexels - 1;
           const auto du = static_cast<float>(u - u0);
           const auto dv = static_cast<float>(v - v0);
-          const float* top = texels + v0 * kStride + u0;
-          const float* bottom = top + kStride;
-          const float t = detail::mix(detail::mix(top[0], top[1], du),
-                                      detail::mix(bottom[0], bottom[1], du), dv);
-          const PixelRGB<float> p = in[i];
-          out[i] = PixelRGB<float>(detail::mix(p.r, overlay(p.r, t), opacity),
-                                   detail::mix(p.g, overlay(p.g, t), opacity),
-                                   detail::mix(p.b, overlay(p.b, t), opacity));
+          // Indices rather than pointers: the vectoriser gathers only from a base plus an index.
+          const int k = v0 * kStride + u0;
+          const float t =
+              detail::mix(detail::mix(texels[k], texels[k + 1], du),
+                          detail::mix(texels[k + kStride], texels[k + kStride + 1], du), dv);
+          // Channels read one by one: a whole-pixel copy is an aggregate the vectoriser refuses.
+          const float r = in[i].r;
+          const float g = in[i].g;
+          const float b = in[i].b;
+          out[i] = PixelRGB<float>(detail::mix(r, overlay(r, t), opacity),
+                                   detail::mix(g, overlay(g, t), opacity),
+                                   detail::mix(b, overlay(b, t), opacity));
         },
         count);
   });
