@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "effects/kernels/atrous.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/decimate.h"
 #include "effects/kernels/luminance.h"
 #include "vorn/effects/detail_effects.h"
@@ -151,6 +152,15 @@ bool anyAbove(const Levels& k) {
   return std::any_of(k.begin(), k.end(), [](float v) { return v > 0.0f; });
 }
 
+/// The pixel with its Y, B - Y and R - Y moved by dy, db and dr; the inverse is exact.
+inline PixelRGB<float> withChanges(const PixelRGB<float>& p, float dy, float db, float dr) {
+  const float r = p.r + dr + dy;
+  const float b = p.b + db + dy;
+  const float dg =
+      (dy - detail::kLumaRed * (dr + dy) - detail::kLumaBlue * (db + dy)) / detail::kLumaGreen;
+  return PixelRGB<float>(r, p.g + dg, b);
+}
+
 /// Writes the window's output from its denoised luminance plane (part `lumaKept` of the change
 /// undone) and chromaChange(rowIndex, x, pixel), the {B - Y, R - Y} change of pixel x of the
 /// output row whose first pixel has index rowIndex in window planes; the inverse is exact.
@@ -158,18 +168,14 @@ template <typename ChromaChange>
 void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float lumaKept,
                    const ChromaChange& chromaChange) {
   const float removedKept = 1.0f - lumaKept;
-  window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
-                           std::size_t count) {
-    for (std::size_t x = 0; x < count; ++x) {
-      const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
-      const auto [db, dr] = chromaChange(index, x, in[x]);
-      const float r = in[x].r + dr + dy;
-      const float b = in[x].b + db + dy;
-      const float dg =
-          (dy - detail::kLumaRed * (dr + dy) - detail::kLumaBlue * (db + dy)) / detail::kLumaGreen;
-      out[x] = PixelRGB<float>(r, in[x].g + dg, b);
-    }
-  });
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        for (std::size_t x = 0; x < count; ++x) {
+          const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
+          const auto [db, dr] = chromaChange(index, x, in[x]);
+          out[x] = withChanges(in[x], dy, db, dr);
+        }
+      });
 }
 
 // The three channels are shrunk separately and their changes mapped back to RGB.
@@ -431,18 +437,44 @@ void renderNlb(const detail::StencilWindow& window, const NlbSetting& setting) {
   });
   const detail::ImageRGBf filtered =
       nonLocalMeansChroma(small, sigma, setting.spread, window.control);
-  const int width = window.input.width;
   const float amount = setting.chromaAmount;
-  // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount.
-  writeDenoised(window, luma, 0.0f,
-                [&](std::size_t rowIndex, std::size_t column, const PixelRGB<float>& p) {
-                  const auto across = static_cast<std::size_t>(width);
-                  const int x = window.input.x + static_cast<int>(rowIndex % across + column);
-                  const int y = window.input.y + static_cast<int>(rowIndex / across);
-                  const PixelRGB<float> chroma = grid.sample(filtered, x, y);
-                  return std::pair{amount * (chroma.g - blueDifferenceOf(p)),
-                                   amount * (chroma.b - redDifferenceOf(p))};
-                });
+  // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount. The
+  // column taps are worked out once, as value offsets the vector loop gathers at.
+  const auto width = static_cast<std::size_t>(window.output.width);
+  const auto columns = grid.columnTaps(window.output.x, width);
+  std::vector<int> leftValue(width);
+  std::vector<int> rightValue(width);
+  std::vector<float> across(width);
+  for (std::size_t i = 0; i < width; ++i) {
+    leftValue[i] = 3 * columns[i].first;
+    rightValue[i] = 3 * columns[i].second;
+    across[i] = columns[i].weight;
+  }
+  window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
+                           std::size_t count) {
+    const int y =
+        window.input.y + static_cast<int>(index / static_cast<std::size_t>(window.input.width));
+    const detail::DecimationGrid::Tap row = grid.rowTap(y);
+    const float* top = &filtered.row(row.first)->r;
+    const float* bottom = &filtered.row(row.second)->r;
+    const float down = row.weight;
+    const float* denoised = luma.data() + index;
+    const int* left = leftValue.data();
+    const int* right = rightValue.data();
+    const float* weight = across.data();
+    detail::clonedTableLoop(
+        [=](std::size_t x) {
+          const auto chroma = [=](int c) {
+            return detail::mix(detail::mix(top[left[x] + c], top[right[x] + c], weight[x]),
+                               detail::mix(bottom[left[x] + c], bottom[right[x] + c], weight[x]),
+                               down);
+          };
+          const float dy = denoised[x] - lumaOf(in[x]);
+          out[x] = withChanges(in[x], dy, amount * (chroma(1) - blueDifferenceOf(in[x])),
+                               amount * (chroma(2) - redDifferenceOf(in[x])));
+        },
+        count);
+  });
 }
 
 }  // namespace
