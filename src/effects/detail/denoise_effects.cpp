@@ -60,8 +60,9 @@ constexpr float kChannelLimit = 64.0f;
 
 /// v limited to +-kChannelLimit, NaN as 0; plain comparisons, so the pixel loops vectorise.
 float limited(float v) {
-  if (!(v > -kChannelLimit)) return v == v ? -kChannelLimit : 0.0f;
-  return v < kChannelLimit ? v : kChannelLimit;
+  const float low = v == v ? -kChannelLimit : 0.0f;
+  const float high = v < kChannelLimit ? v : kChannelLimit;
+  return v > -kChannelLimit ? high : low;
 }
 
 // Opponent channels Y, B - Y, R - Y: linear, so the inverse is exact, and chroma noise can be
@@ -317,6 +318,9 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
   detail::ImageRGBf filtered(_Size<int>(width, small.height));
   std::array<float, 3> inverse{};
   for (std::size_t c = 0; c < 3; ++c) inverse[c] = 1.0f / std::max(sigma[c] * sigma[c], 1e-10f);
+  const float iy = inverse[0];
+  const float ib = inverse[1];
+  const float ir = inverse[2];
   // A patch of pure noise differs from another by 2 sigma^2 per value on average.
   constexpr float kNoiseDistance = 2.0f;
   const float scale = 1.0f / (static_cast<float>(kNlbPatchValues) * spread * spread);
@@ -349,16 +353,21 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
           const float* bb = padded.blue.row(py + dy) + x0 + dx;
           const float* br = padded.red.row(py + dy) + x0 + dx;
           float* d = row(distance, r, span);
-          for (int x = 0; x < span; ++x)
-            d[x] = (ay[x] - by[x]) * (ay[x] - by[x]) * inverse[0] +
-                   (ab[x] - bb[x]) * (ab[x] - bb[x]) * inverse[1] +
-                   (ar[x] - br[x]) * (ar[x] - br[x]) * inverse[2];
+          detail::clonedLoop(
+              [=](std::size_t x) {
+                d[x] = (ay[x] - by[x]) * (ay[x] - by[x]) * iy +
+                       (ab[x] - bb[x]) * (ab[x] - bb[x]) * ib +
+                       (ar[x] - br[x]) * (ar[x] - br[x]) * ir;
+              },
+              static_cast<std::size_t>(span));
         }
         for (int r = 0; r < rows; ++r) {
           std::fill(column.begin(), column.end(), 0.0f);
+          float* columnSum = column.data();
           for (int k = 0; k <= 2 * kNlbPatch; ++k) {
             const float* d = row(distance, r + k, span);
-            for (int x = 0; x < span; ++x) column[static_cast<std::size_t>(x)] += d[x];
+            detail::clonedLoop([=](std::size_t x) { columnSum[x] += d[x]; },
+                               static_cast<std::size_t>(span));
           }
           const int qy = first + r + dy + kPad;
           const float* candidateBlue = padded.blue.row(qy) + kPad + dx;
@@ -366,15 +375,16 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
           float* w = row(weights, r, width);
           float* sb = row(blue, r, width);
           float* sr = row(red, r, width);
-          for (int x = 0; x < width; ++x) {
-            float patch = 0.0f;
-            for (int k = 0; k <= 2 * kNlbPatch; ++k)
-              patch += column[static_cast<std::size_t>(x + k)];
-            const float weight = similarity(patch * scale - offset);
-            w[x] += weight;
-            sb[x] += weight * candidateBlue[x];
-            sr[x] += weight * candidateRed[x];
-          }
+          detail::clonedTableLoop(
+              [=](std::size_t x) {
+                float patch = 0.0f;
+                for (std::size_t k = 0; k <= 2 * kNlbPatch; ++k) patch += columnSum[x + k];
+                const float weight = similarity(patch * scale - offset);
+                w[x] += weight;
+                sb[x] += weight * candidateBlue[x];
+                sr[x] += weight * candidateRed[x];
+              },
+              static_cast<std::size_t>(width));
         }
       }
     }
