@@ -67,15 +67,12 @@ float limited(float v) {
 
 // Opponent channels Y, B - Y, R - Y: linear, so the inverse is exact, and chroma noise can be
 // treated apart from luminance noise.
-float lumaOf(const PixelRGB<float>& p) {
+// Lambdas rather than functions, so the plane and decimation loops they are passed to inline them.
+constexpr auto lumaOf = [](const PixelRGB<float>& p) {
   return detail::luminance(limited(p.r), limited(p.g), limited(p.b));
-}
-float blueDifferenceOf(const PixelRGB<float>& p) {
-  return limited(p.b) - lumaOf(p);
-}
-float redDifferenceOf(const PixelRGB<float>& p) {
-  return limited(p.r) - lumaOf(p);
-}
+};
+constexpr auto blueDifferenceOf = [](const PixelRGB<float>& p) { return limited(p.b) - lumaOf(p); };
+constexpr auto redDifferenceOf = [](const PixelRGB<float>& p) { return limited(p.r) - lumaOf(p); };
 
 int denoiseReach(const DenoiseSetting& setting) {
   if (setting.identity()) return 0;

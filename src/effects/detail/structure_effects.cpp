@@ -116,7 +116,9 @@ void renderStructure(const detail::StencilWindow& window, const StructureSetting
     gains[static_cast<std::size_t>(level)] =
         setting.amount *
         setting.weight(std::log2(detail::atrousBandScale(level, window.spatialScale)));
-  const Plane luma = detail::planeOf(window.source, window.input, structureLuma);
+  // Through a lambda, which the plane's loop inlines; a function would be called per pixel.
+  const Plane luma = detail::planeOf(window.source, window.input,
+                                     [](const PixelRGB<float>& p) { return structureLuma(p); });
   const float knee = setting.knee;
   const Plane shaped = detail::atrousReshapeRows(
       luma, levels,
