@@ -108,11 +108,10 @@ TEST(ColorSpaceTest, FastPowerFunctionsFollowTheLibrary) {
   EXPECT_EQ(detail::fastLog2(1.0f), 0.0f);
 }
 
-// The transfer curves' polynomials and the divide-free cube root against double-precision
-// references: every binade of both curves, and cube roots over the range Oklab meets.
-TEST(ColorSpaceTest, TransferCurvesAndCubeRootStayWithinAFewTenthsOfAMillionth) {
+// The transfer curves' polynomials against double-precision references over every binade.
+TEST(ColorSpaceTest, TransferCurvesStayWithinAFewTenthsOfAMillionth) {
   const detail::SrgbTransfer& transfer = detail::srgbTransfer();
-  double decodeWorst = 0.0, encodeWorst = 0.0, rootWorst = 0.0;
+  double decodeWorst = 0.0, encodeWorst = 0.0;
   for (float v = 0.0f; v <= 1.0f; v = std::nextafter(v, 2.0f) + v * 1e-5f) {
     const double d = v;
     const double linear = d <= 0.04045 ? d / 12.92 : std::pow((d + 0.055) / 1.055, 2.4);
@@ -121,13 +120,8 @@ TEST(ColorSpaceTest, TransferCurvesAndCubeRootStayWithinAFewTenthsOfAMillionth) 
       decodeWorst = std::max(decodeWorst, std::fabs(transfer.toLinear(v) / linear - 1.0));
     encodeWorst = std::max(encodeWorst, std::fabs(transfer.toEncoded(v) - encoded));
   }
-  for (float x = 1e-12f; x < 1e6f; x *= 1.0013f)
-    rootWorst = std::max(rootWorst, std::fabs(detail::fastCbrt(x) / std::cbrt(double{x}) - 1.0));
   EXPECT_LT(decodeWorst, 1e-6) << "largest relative error of the decoding";
   EXPECT_LT(encodeWorst, 1e-6) << "largest error of the encoding";
-  EXPECT_LT(rootWorst, 1e-6) << "largest relative error of the cube root";
-  EXPECT_EQ(detail::fastCbrt(0.0f), 0.0f);
-  EXPECT_FLOAT_EQ(detail::fastCbrt(-27.0f), -3.0f);
 }
 
 TEST(ColorEffectTest, SaturationRemovesAndGreysStayNeutral) {

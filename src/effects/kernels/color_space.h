@@ -191,18 +191,14 @@ void encodeFromPlanes(const float* r, const float* g, const float* b, float* out
 float srgbToLinearExact(float encoded);
 float linearToSrgbExact(float linear);
 
-/// Cube root by a bit-level estimate of the reciprocal root and three divide-free Newton steps
-/// (relative error below 1e-6); 0 for 0.
+/// Cube root by a bit-level estimate and two Newton steps (relative error below 1e-6).
 inline float fastCbrt(float x) {
   const float magnitude = std::fabs(x);
-  // Held above 1e-30 so that the estimate's cube cannot overflow; 0 still gives 0.
-  const float a = magnitude > 1e-30f ? magnitude : 1e-30f;
-  float r = std::bit_cast<float>(0x54a2fa8cu - std::bit_cast<std::uint32_t>(a) / 3u);
-  const float third = a * (1.0f / 3.0f);
-  r *= 4.0f / 3.0f - third * (r * r * r);
-  r *= 4.0f / 3.0f - third * (r * r * r);
-  r *= 4.0f / 3.0f - third * (r * r * r);
-  return std::copysign(magnitude * r * r, x);
+  const float guess =
+      std::bit_cast<float>(std::bit_cast<std::uint32_t>(magnitude) / 3u + 0x2a514067u);
+  float y = (2.0f * guess + magnitude / (guess * guess)) * (1.0f / 3.0f);
+  y = (2.0f * y + magnitude / (y * y)) * (1.0f / 3.0f);
+  return std::copysign(y, x);
 }
 
 /// atan2 by a minimax polynomial (error below 3e-4 radian), branch-free.
