@@ -162,8 +162,12 @@ void cancellationLatency(benchmark::State& state) {
                                              effect("VORNSimpleBlurEffect", 60.0f)};
   for (std::size_t i = 0; i < std::size(spatial); ++i)
     doc.adjustment->insertEffectAtIndex(spatial[i], i);
+  // The fastest of three renders: the first after inserting the effects also pays for new
+  // pool blocks, and stops spread over a too-long time would miss the end of later renders.
   bool ok = true;
-  const double renderSeconds = secondsOf([&] { return doc.fullRender(); }, ok);
+  double renderSeconds = secondsOf([&] { return doc.fullRender(); }, ok);
+  for (int i = 0; i < 2; ++i)
+    renderSeconds = std::min(renderSeconds, secondsOf([&] { return doc.fullRender(); }, ok));
   std::vector<double> latencies;
   for (auto _ : state) {
     for (int attempt = 0; attempt < 20; ++attempt) {

@@ -9,12 +9,14 @@
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <type_traits>
 
 #include "batch_plan.h"
 #include "cli.h"
+#include "error_echo.h"
 #include "progress_line.h"
 #include "vorn/batch_edit.h"
 
@@ -141,6 +143,15 @@ class BatchReport {
     line_->update(done(), secondsSince(started_));
   }
 
+  /// Prints a library error above the progress line, or on `err` when there is none.
+  void echo(const std::string& line, std::ostream& err) {
+    const std::lock_guard lock(mutex_);
+    if (line_)
+      line_->printAbove(line);
+    else
+      err << line << '\n' << std::flush;
+  }
+
   /// Prints the summary; the exit code follows from the counts.
   int summarise(std::size_t notStarted, bool interrupted) {
     const std::lock_guard lock(mutex_);
@@ -256,6 +267,11 @@ int runBatchWith(const std::vector<std::string>& args, std::istream& in, std::os
   written.quality = options.quality;
   const InterruptScope interrupts;
   BatchReport report(out, jobs.size(), options.json, terminal && !options.json);
+  // Errors echoed to the same terminal would tear the progress line; a redirected stderr keeps
+  // them.
+  std::optional<EchoRedirect> aboveProgress;
+  if (terminal && !options.json && &err == &std::cerr && ::isatty(STDERR_FILENO) == 1)
+    aboveProgress.emplace([&](const std::string& line) { report.echo(line, err); });
   std::atomic<std::size_t> next{0};
   std::atomic<std::size_t> started{0};
   const auto worker = [&] {

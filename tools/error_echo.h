@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
+#include <string>
 
 #include "vorn/core/log.h"
 
@@ -17,6 +19,16 @@ class ErrorEcho final : public ILogStream {
 
  private:
   std::ostream& out_;
+};
+
+/// While alive, echoed errors go to `print` instead of their stream: a progress line on the same
+/// terminal then prints them above itself and stays whole.
+class EchoRedirect {
+ public:
+  explicit EchoRedirect(std::function<void(const std::string&)> print);
+  ~EchoRedirect();
+  EchoRedirect(const EchoRedirect&) = delete;
+  EchoRedirect& operator=(const EchoRedirect&) = delete;
 };
 
 /// Adds an ErrorEcho on `out` to the running log and lowers its verbosity to keep errors.

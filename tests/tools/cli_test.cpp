@@ -385,7 +385,23 @@ TEST(CliCommands, LibraryErrorsAreEchoedWithTheFileButWarningsAreNot) {
   Logger::LogInstance().Flush();
   EXPECT_NE(echoed.str().find("vorn: "), std::string::npos);
   EXPECT_NE(echoed.str().find(broken), std::string::npos) << echoed.str();
+  EXPECT_EQ(echoed.str().find("::"), std::string::npos) << "signatures are not for people";
   EXPECT_EQ(echoed.str().find("a warning"), std::string::npos);
+
+  // While a progress line owns the terminal, echoes go to it and come back when it ends.
+  std::vector<std::string> above;
+  {
+    const EchoRedirect redirect([&](const std::string& line) { above.push_back(line); });
+    LogError("%s", "first failure");
+    Logger::LogInstance().Flush();
+  }
+  LogError("%s", "second failure");
+  Logger::LogInstance().Flush();
+  ASSERT_EQ(above.size(), 1u);
+  EXPECT_NE(above[0].find("vorn: "), std::string::npos);
+  EXPECT_NE(above[0].find("first failure"), std::string::npos);
+  EXPECT_EQ(echoed.str().find("first failure"), std::string::npos);
+  EXPECT_NE(echoed.str().find("second failure"), std::string::npos);
 }
 
 }  // namespace
