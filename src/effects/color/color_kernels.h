@@ -56,10 +56,11 @@ std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return linearKernel([adjust, linear](float& r, float& g, float& b) {
+  // The matrix is folded into Oklab's first one, so it costs nothing per pixel.
+  return linearKernel([adjust, toLms = kLinearSrgbToLms * linear](float& r, float& g, float& b) {
     float x = r, y = g, z = b;
-    linear.apply(x, y, z);
-    Oklab lab = linearToOklab(x, y, z);
+    toLms.apply(x, y, z);
+    Oklab lab = lmsToOklab(x, y, z);
     adjust(lab);
     oklabToLinear(lab, r, g, b);
     // Colours pushed outside the gamut are clipped at black rather than left negative.
