@@ -130,6 +130,18 @@ TEST(CreativeBlurTest, FocusBlurBloomsAHighlightIntoAFlatDiscAndKeepsTheCentreSh
   EXPECT_EQ(test::maxDifference(*output, *source, _Rect<int>(95, 95, 10, 10)), 0.0f);
 }
 
+// The disc's sums and its weights are worked out apart, spans cut at the borders: a flat picture
+// must stay flat everywhere, its corners included.
+TEST(CreativeBlurTest, FocusBlurLeavesAFlatPictureFlatUpToItsCorners) {
+  const auto source = flatImage(310, 190, 0.4f);
+  for (const float radius : {20.0f, 100.0f}) {
+    SCOPED_TRACE(radius);
+    const auto output =
+        test::renderOrFail(*makeEffect("VORNFocusBlurDevEffect", {radius, 0, 0}, 0.5f), source);
+    EXPECT_LE(test::maxDifference(*output, *source), 1e-5f);
+  }
+}
+
 // Lens blur and rays work on blocks aligned on the frame: a region whose window starts between
 // blocks must still render exactly as the whole picture does there.
 TEST(CreativeBlurTest, DecimatedEffectsRenderARegionAsTheWholeRendersIt) {

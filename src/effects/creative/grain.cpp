@@ -66,14 +66,13 @@ void GrainNewEffect::render(const Window& window) const {
   const NoiseRows fine(fineCell, fineSeed, fx0, width);
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
-    thread_local std::vector<float> noise;
-    thread_local std::vector<float> lattice;
-    noise.assign(count, 0.0f);
+    thread_local std::vector<float> coarseLattice;
+    thread_local std::vector<float> fineLattice;
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
-    coarse.accumulate(fy, coarseAmplitude, noise.data(), lattice);
-    fine.accumulate(fy, fineAmplitude, noise.data(), lattice);
-    const float* sum = noise.data();
-    detail::clonedLoop(
+    const detail::NoiseRow coarseRow = coarse.row(fy, coarseLattice);
+    const detail::NoiseRow fineRow = fine.row(fy, fineLattice);
+    // Both octaves and the blend in one pass, so the row's noise never goes through memory.
+    detail::clonedTableLoop(
         [=](std::size_t i) {
           // Clamped by selects, which vectorise where std::clamp's reference returns branch; NaN
           // passes through as it did.
@@ -81,7 +80,8 @@ void GrainNewEffect::render(const Window& window) const {
           l = l < 0.0f ? 0.0f : l;
           l = l > 1.0f ? 1.0f : l;
           const float strength = kShadowFloor + (1.0f - kShadowFloor) * 4.0f * l * (1.0f - l);
-          const float g = sum[i] * strength;
+          const float sum = coarseAmplitude * coarseRow(i) + fineAmplitude * fineRow(i);
+          const float g = sum * strength;
           // Grain never pushes a channel below black (selects, so NaN reads as black as before).
           const auto grained = [g](float c) {
             const float floor = c < 0.0f ? c : 0.0f;

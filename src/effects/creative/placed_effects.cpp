@@ -238,33 +238,45 @@ void renderGraduated(const Effect& effect, const detail::StencilWindow& window,
   const float saturation = 1.0f + adjustments.saturation;
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int x0, int y) {
-    const auto covered = [&](std::size_t i) { return gradient.at(x0 + static_cast<int>(i), y); };
-    // The gradient is linear along a row, so its covered pixels form one run: only they are
-    // adjusted, the rest copied.
+    // The row's coverage in a loop of its own that vectorises; it is linear along the row, so its
+    // covered pixels form one run: only they are adjusted, the rest copied.
+    thread_local std::vector<float> coverage;
+    coverage.resize(count);
+    float* covered = coverage.data();
+    detail::clonedLoop(
+        [=](std::size_t i) { covered[i] = gradient.at(x0 + static_cast<int>(i), y); }, count);
     std::size_t first = 0;
     std::size_t end = count;
-    while (first < end && covered(first) == 0.0f) ++first;
-    while (end > first && covered(end - 1) == 0.0f) --end;
+    while (first < end && covered[first] == 0.0f) ++first;
+    while (end > first && covered[end - 1] == 0.0f) --end;
     std::copy(in, in + first, out);
     std::copy(in + end, in + count, out + end);
     if (first == end) return;
     // Blocks small enough that the adjusted pixels stay in the first-level cache between passes.
     constexpr std::size_t kBlock = 256;
     std::array<PixelRGB<float>, kBlock> adjusted;
+    PixelRGB<float>* a = adjusted.data();
     for (std::size_t start = first; start < end; start += kBlock) {
       const std::size_t block = std::min(kBlock, end - start);
-      for (std::size_t i = 0; i < block; ++i) {
-        const PixelRGB<float> p = detail::spreadable(in[start + i]);
-        adjusted[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
-      }
-      detail::applyKeyedGain(*lookup, domain, adjusted.data(), nullptr, adjusted.data(), block);
-      for (std::size_t i = 0; i < block; ++i) {
-        const PixelRGB<float> a = detail::saturated(adjusted[i], saturation);
-        out[start + i] = detail::mix(
-            in[start + i],
-            PixelRGB<float>(std::max(a.r, 0.0f), std::max(a.g, 0.0f), std::max(a.b, 0.0f)),
-            covered(start + i));
-      }
+      const PixelRGB<float>* source = in + start;
+      detail::clonedLoop(
+          [=](std::size_t i) {
+            const PixelRGB<float> p = detail::spreadable(source[i]);
+            a[i] = PixelRGB<float>(p.r * balance.r, p.g * balance.g, p.b * balance.b);
+          },
+          block);
+      detail::applyKeyedGain(*lookup, domain, a, nullptr, a, block);
+      const float* weight = covered + start;
+      PixelRGB<float>* target = out + start;
+      detail::clonedLoop(
+          [=](std::size_t i) {
+            const PixelRGB<float> s = detail::saturated(a[i], saturation);
+            // Selects, not std::max, whose reference return keeps the loop from vectorising.
+            const PixelRGB<float> kept(s.r < 0.0f ? 0.0f : s.r, s.g < 0.0f ? 0.0f : s.g,
+                                       s.b < 0.0f ? 0.0f : s.b);
+            target[i] = detail::mix(source[i], kept, weight[i]);
+          },
+          block);
     }
   });
 }

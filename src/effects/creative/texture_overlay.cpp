@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "effects/creative/slider.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/value_noise.h"
@@ -103,19 +104,19 @@ void TextureOverlayEffect::render(const Window& window) const {
   const float radians = mappedValue(2, 0.0f, 180.0f, 360.0f) * 3.14159265f / 180.0f;
   const double spacing = kThreadSpacing * scale * window.spatialScale;
   const Canvas canvas(spacing);
-  std::vector<float> tile(static_cast<std::size_t>(kTileTexels) * kTileTexels);
-  detail::parallelRows(kTileTexels, [&](int first, int end) {
+  // One texel more each way, repeating the first column and row, so a bilinear read never wraps.
+  constexpr int kStride = kTileTexels + 1;
+  std::vector<float> tile(static_cast<std::size_t>(kStride) * kStride);
+  detail::parallelRows(kStride, [&](int first, int end) {
     for (int ty = first; ty < end; ++ty) {
-      for (int tx = 0; tx < kTileTexels; ++tx) {
-        tile[static_cast<std::size_t>(ty) * kTileTexels + static_cast<std::size_t>(tx)] = canvas.at(
-            static_cast<double>(tx) / kTexelsPerThread, static_cast<double>(ty) / kTexelsPerThread);
+      for (int tx = 0; tx < kStride; ++tx) {
+        tile[static_cast<std::size_t>(ty) * kStride + static_cast<std::size_t>(tx)] =
+            canvas.at(static_cast<double>(tx % kTileTexels) / kTexelsPerThread,
+                      static_cast<double>(ty % kTileTexels) / kTexelsPerThread);
       }
     }
   });
   window.control.checkpoint();
-  const auto texel = [&](int tx, int ty) {
-    return tile[static_cast<std::size_t>(ty) * kTileTexels + static_cast<std::size_t>(tx)];
-  };
   // Texels of the tile per pixel along the frame's axes.
   const double c = kTexelsPerThread * std::cos(radians) / spacing;
   const double s = kTexelsPerThread * std::sin(radians) / spacing;
@@ -135,32 +136,35 @@ void TextureOverlayEffect::render(const Window& window) const {
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
     const double rowU = wrapped(s * fy);
     const double rowV = wrapped(c * fy);
-    // The texture of the row first, then the blend in a loop of its own that has no table reads
-    // and vectorises.
-    thread_local std::vector<float> texture;
-    texture.resize(3 * count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const double u = wrappedSum(columnU[i], rowU);
-      const double v = wrappedSum(columnV[i], rowV);
-      int u0 = static_cast<int>(u);
-      int v0 = static_cast<int>(v);
-      u0 = u0 < kTileTexels - 1 ? u0 : kTileTexels - 1;
-      v0 = v0 < kTileTexels - 1 ? v0 : kTileTexels - 1;
-      const int u1 = u0 + 1 == kTileTexels ? 0 : u0 + 1;
-      const int v1 = v0 + 1 == kTileTexels ? 0 : v0 + 1;
-      const auto du = static_cast<float>(u - u0);
-      const auto dv = static_cast<float>(v - v0);
-      const float t = detail::mix(detail::mix(texel(u0, v0), texel(u1, v0), du),
-                                  detail::mix(texel(u0, v1), texel(u1, v1), du), dv);
-      // One value per channel, so the blend runs over the row as a flat array of floats.
-      texture[3 * i] = t;
-      texture[3 * i + 1] = t;
-      texture[3 * i + 2] = t;
-    }
-    const float* source = &in->r;
-    float* target = &out->r;
-    for (std::size_t n = 0; n < 3 * count; ++n)
-      target[n] = detail::mix(source[n], overlay(source[n], texture[n]), opacity);
+    // Plain arithmetic and table reads on captured pointers, so the loop vectorises with the
+    // wider units.
+    const float* texels = tile.data();
+    const double* us = columnU.data();
+    const double* vs = columnV.data();
+    detail::clonedTableLoop(
+        [=](std::size_t i) {
+          const double u = wrappedSum(us[i], rowU);
+          const double v = wrappedSum(vs[i], rowV);
+          int u0 = static_cast<int>(u);
+          int v0 = static_cast<int>(v);
+          u0 = u0 < kTileTexels - 1 ? u0 : kTileTexels - 1;
+          v0 = v0 < kTileTexels - 1 ? v0 : kTileTexels - 1;
+          const auto du = static_cast<float>(u - u0);
+          const auto dv = static_cast<float>(v - v0);
+          // Indices rather than pointers: the vectoriser gathers only from a base plus an index.
+          const int k = v0 * kStride + u0;
+          const float t =
+              detail::mix(detail::mix(texels[k], texels[k + 1], du),
+                          detail::mix(texels[k + kStride], texels[k + kStride + 1], du), dv);
+          // Channels read one by one: a whole-pixel copy is an aggregate the vectoriser refuses.
+          const float r = in[i].r;
+          const float g = in[i].g;
+          const float b = in[i].b;
+          out[i] = PixelRGB<float>(detail::mix(r, overlay(r, t), opacity),
+                                   detail::mix(g, overlay(g, t), opacity),
+                                   detail::mix(b, overlay(b, t), opacity));
+        },
+        count);
   });
 }
 

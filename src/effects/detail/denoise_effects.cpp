@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "effects/kernels/atrous.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/decimate.h"
 #include "effects/kernels/luminance.h"
 #include "vorn/effects/detail_effects.h"
@@ -59,21 +60,19 @@ constexpr float kChannelLimit = 64.0f;
 
 /// v limited to +-kChannelLimit, NaN as 0; plain comparisons, so the pixel loops vectorise.
 float limited(float v) {
-  if (!(v > -kChannelLimit)) return v == v ? -kChannelLimit : 0.0f;
-  return v < kChannelLimit ? v : kChannelLimit;
+  const float low = v == v ? -kChannelLimit : 0.0f;
+  const float high = v < kChannelLimit ? v : kChannelLimit;
+  return v > -kChannelLimit ? high : low;
 }
 
 // Opponent channels Y, B - Y, R - Y: linear, so the inverse is exact, and chroma noise can be
 // treated apart from luminance noise.
-float lumaOf(const PixelRGB<float>& p) {
+// Lambdas rather than functions, so the plane and decimation loops they are passed to inline them.
+constexpr auto lumaOf = [](const PixelRGB<float>& p) {
   return detail::luminance(limited(p.r), limited(p.g), limited(p.b));
-}
-float blueDifferenceOf(const PixelRGB<float>& p) {
-  return limited(p.b) - lumaOf(p);
-}
-float redDifferenceOf(const PixelRGB<float>& p) {
-  return limited(p.r) - lumaOf(p);
-}
+};
+constexpr auto blueDifferenceOf = [](const PixelRGB<float>& p) { return limited(p.b) - lumaOf(p); };
+constexpr auto redDifferenceOf = [](const PixelRGB<float>& p) { return limited(p.r) - lumaOf(p); };
 
 int denoiseReach(const DenoiseSetting& setting) {
   if (setting.identity()) return 0;
@@ -151,6 +150,15 @@ bool anyAbove(const Levels& k) {
   return std::any_of(k.begin(), k.end(), [](float v) { return v > 0.0f; });
 }
 
+/// The pixel with its Y, B - Y and R - Y moved by dy, db and dr; the inverse is exact.
+inline PixelRGB<float> withChanges(const PixelRGB<float>& p, float dy, float db, float dr) {
+  const float r = p.r + dr + dy;
+  const float b = p.b + db + dy;
+  const float dg =
+      (dy - detail::kLumaRed * (dr + dy) - detail::kLumaBlue * (db + dy)) / detail::kLumaGreen;
+  return PixelRGB<float>(r, p.g + dg, b);
+}
+
 /// Writes the window's output from its denoised luminance plane (part `lumaKept` of the change
 /// undone) and chromaChange(rowIndex, x, pixel), the {B - Y, R - Y} change of pixel x of the
 /// output row whose first pixel has index rowIndex in window planes; the inverse is exact.
@@ -158,18 +166,14 @@ template <typename ChromaChange>
 void writeDenoised(const detail::StencilWindow& window, const Plane& luma, float lumaKept,
                    const ChromaChange& chromaChange) {
   const float removedKept = 1.0f - lumaKept;
-  window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
-                           std::size_t count) {
-    for (std::size_t x = 0; x < count; ++x) {
-      const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
-      const auto [db, dr] = chromaChange(index, x, in[x]);
-      const float r = in[x].r + dr + dy;
-      const float b = in[x].b + db + dy;
-      const float dg =
-          (dy - detail::kLumaRed * (dr + dy) - detail::kLumaBlue * (db + dy)) / detail::kLumaGreen;
-      out[x] = PixelRGB<float>(r, in[x].g + dg, b);
-    }
-  });
+  window.forOutputRows(
+      [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
+        for (std::size_t x = 0; x < count; ++x) {
+          const float dy = removedKept * (luma.data()[index + x] - lumaOf(in[x]));
+          const auto [db, dr] = chromaChange(index, x, in[x]);
+          out[x] = withChanges(in[x], dy, db, dr);
+        }
+      });
 }
 
 // The three channels are shrunk separately and their changes mapped back to RGB.
@@ -311,6 +315,9 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
   detail::ImageRGBf filtered(_Size<int>(width, small.height));
   std::array<float, 3> inverse{};
   for (std::size_t c = 0; c < 3; ++c) inverse[c] = 1.0f / std::max(sigma[c] * sigma[c], 1e-10f);
+  const float iy = inverse[0];
+  const float ib = inverse[1];
+  const float ir = inverse[2];
   // A patch of pure noise differs from another by 2 sigma^2 per value on average.
   constexpr float kNoiseDistance = 2.0f;
   const float scale = 1.0f / (static_cast<float>(kNlbPatchValues) * spread * spread);
@@ -343,16 +350,21 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
           const float* bb = padded.blue.row(py + dy) + x0 + dx;
           const float* br = padded.red.row(py + dy) + x0 + dx;
           float* d = row(distance, r, span);
-          for (int x = 0; x < span; ++x)
-            d[x] = (ay[x] - by[x]) * (ay[x] - by[x]) * inverse[0] +
-                   (ab[x] - bb[x]) * (ab[x] - bb[x]) * inverse[1] +
-                   (ar[x] - br[x]) * (ar[x] - br[x]) * inverse[2];
+          detail::clonedLoop(
+              [=](std::size_t x) {
+                d[x] = (ay[x] - by[x]) * (ay[x] - by[x]) * iy +
+                       (ab[x] - bb[x]) * (ab[x] - bb[x]) * ib +
+                       (ar[x] - br[x]) * (ar[x] - br[x]) * ir;
+              },
+              static_cast<std::size_t>(span));
         }
         for (int r = 0; r < rows; ++r) {
           std::fill(column.begin(), column.end(), 0.0f);
+          float* columnSum = column.data();
           for (int k = 0; k <= 2 * kNlbPatch; ++k) {
             const float* d = row(distance, r + k, span);
-            for (int x = 0; x < span; ++x) column[static_cast<std::size_t>(x)] += d[x];
+            detail::clonedLoop([=](std::size_t x) { columnSum[x] += d[x]; },
+                               static_cast<std::size_t>(span));
           }
           const int qy = first + r + dy + kPad;
           const float* candidateBlue = padded.blue.row(qy) + kPad + dx;
@@ -360,15 +372,16 @@ detail::ImageRGBf nonLocalMeansChroma(const detail::ImageRGBf& small, std::array
           float* w = row(weights, r, width);
           float* sb = row(blue, r, width);
           float* sr = row(red, r, width);
-          for (int x = 0; x < width; ++x) {
-            float patch = 0.0f;
-            for (int k = 0; k <= 2 * kNlbPatch; ++k)
-              patch += column[static_cast<std::size_t>(x + k)];
-            const float weight = similarity(patch * scale - offset);
-            w[x] += weight;
-            sb[x] += weight * candidateBlue[x];
-            sr[x] += weight * candidateRed[x];
-          }
+          detail::clonedTableLoop(
+              [=](std::size_t x) {
+                float patch = 0.0f;
+                for (std::size_t k = 0; k <= 2 * kNlbPatch; ++k) patch += columnSum[x + k];
+                const float weight = similarity(patch * scale - offset);
+                w[x] += weight;
+                sb[x] += weight * candidateBlue[x];
+                sr[x] += weight * candidateRed[x];
+              },
+              static_cast<std::size_t>(width));
         }
       }
     }
@@ -431,18 +444,44 @@ void renderNlb(const detail::StencilWindow& window, const NlbSetting& setting) {
   });
   const detail::ImageRGBf filtered =
       nonLocalMeansChroma(small, sigma, setting.spread, window.control);
-  const int width = window.input.width;
   const float amount = setting.chromaAmount;
-  // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount.
-  writeDenoised(window, luma, 0.0f,
-                [&](std::size_t rowIndex, std::size_t column, const PixelRGB<float>& p) {
-                  const auto across = static_cast<std::size_t>(width);
-                  const int x = window.input.x + static_cast<int>(rowIndex % across + column);
-                  const int y = window.input.y + static_cast<int>(rowIndex / across);
-                  const PixelRGB<float> chroma = grid.sample(filtered, x, y);
-                  return std::pair{amount * (chroma.g - blueDifferenceOf(p)),
-                                   amount * (chroma.b - redDifferenceOf(p))};
-                });
+  // The filtered half-resolution chroma replaces the pixel's own, in proportion to Amount. The
+  // column taps are worked out once, as value offsets the vector loop gathers at.
+  const auto width = static_cast<std::size_t>(window.output.width);
+  const auto columns = grid.columnTaps(window.output.x, width);
+  std::vector<int> leftValue(width);
+  std::vector<int> rightValue(width);
+  std::vector<float> across(width);
+  for (std::size_t i = 0; i < width; ++i) {
+    leftValue[i] = 3 * columns[i].first;
+    rightValue[i] = 3 * columns[i].second;
+    across[i] = columns[i].weight;
+  }
+  window.forOutputRows([&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index,
+                           std::size_t count) {
+    const int y =
+        window.input.y + static_cast<int>(index / static_cast<std::size_t>(window.input.width));
+    const detail::DecimationGrid::Tap row = grid.rowTap(y);
+    const float* top = &filtered.row(row.first)->r;
+    const float* bottom = &filtered.row(row.second)->r;
+    const float down = row.weight;
+    const float* denoised = luma.data() + index;
+    const int* left = leftValue.data();
+    const int* right = rightValue.data();
+    const float* weight = across.data();
+    detail::clonedTableLoop(
+        [=](std::size_t x) {
+          const auto chroma = [=](int c) {
+            return detail::mix(detail::mix(top[left[x] + c], top[right[x] + c], weight[x]),
+                               detail::mix(bottom[left[x] + c], bottom[right[x] + c], weight[x]),
+                               down);
+          };
+          const float dy = denoised[x] - lumaOf(in[x]);
+          out[x] = withChanges(in[x], dy, amount * (chroma(1) - blueDifferenceOf(in[x])),
+                               amount * (chroma(2) - redDifferenceOf(in[x])));
+        },
+        count);
+  });
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "effects/kernels/atrous.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/luminance.h"
 #include "effects/kernels/mix.h"
 #include "vorn/effects/detail_effects.h"
@@ -100,7 +101,10 @@ float structureLuma(const PixelRGB<float>& p) {
 float withHeadroom(float added, float luma) {
   constexpr float kRoom = 0.15f;
   const float room = added > 0.0f ? 1.0f - luma : luma;
-  return added * detail::smoothStep(0.0f, kRoom, room);
+  // smoothStep(0, kRoom, room) with its clamp as selects (same answers), so the loop vectorises.
+  float t = (room - 0.0f) / (kRoom - 0.0f);
+  t = t < 0.0f ? 0.0f : (1.0f < t ? 1.0f : t);
+  return added * (t * t * (3.0f - 2.0f * t));
 }
 
 // Each band of the luminance gets amount x weight(scale) of itself, compressed past the knee;
@@ -112,27 +116,38 @@ void renderStructure(const detail::StencilWindow& window, const StructureSetting
     gains[static_cast<std::size_t>(level)] =
         setting.amount *
         setting.weight(std::log2(detail::atrousBandScale(level, window.spatialScale)));
-  const Plane luma = detail::planeOf(window.source, window.input, structureLuma);
+  // Through a lambda, which the plane's loop inlines; a function would be called per pixel.
+  const Plane luma = detail::planeOf(window.source, window.input,
+                                     [](const PixelRGB<float>& p) { return structureLuma(p); });
   const float knee = setting.knee;
   const Plane shaped = detail::atrousReshapeRows(
       luma, levels,
       [&](int level, float* band, int count) {
         const float gain = gains[static_cast<std::size_t>(level)];
         if (gain == 0.0f) return;
-        for (int i = 0; i < count; ++i) {
-          const float added = gain * band[i];
-          band[i] += gain > 0.0f ? added / (1.0f + std::fabs(added) / knee) : added;
+        const auto n = static_cast<std::size_t>(count);
+        if (gain < 0.0f) {
+          detail::clonedLoop([=](std::size_t i) { band[i] += gain * band[i]; }, n);
+          return;
         }
+        detail::clonedLoop(
+            [=](std::size_t i) {
+              const float added = gain * band[i];
+              band[i] += added / (1.0f + std::fabs(added) / knee);
+            },
+            n);
       },
       &window.control);
   window.forOutputRows(
       [&](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t index, std::size_t count) {
         const float* l = luma.data() + index;
         const float* s = shaped.data() + index;
-        for (std::size_t x = 0; x < count; ++x) {
-          const float added = withHeadroom(s[x] - l[x], l[x]);
-          out[x] = PixelRGB<float>(in[x].r + added, in[x].g + added, in[x].b + added);
-        }
+        detail::clonedLoop(
+            [=](std::size_t x) {
+              const float added = withHeadroom(s[x] - l[x], l[x]);
+              out[x] = PixelRGB<float>(in[x].r + added, in[x].g + added, in[x].b + added);
+            },
+            count);
       });
 }
 

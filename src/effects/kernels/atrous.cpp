@@ -3,6 +3,8 @@
 #include <array>
 #include <utility>
 
+#include "core/dispatch.h"
+
 namespace vorn::detail {
 
 namespace {
@@ -10,6 +12,34 @@ namespace {
 constexpr float kEdgeTap = 1.0f / 16.0f;
 constexpr float kNearTap = 4.0f / 16.0f;
 constexpr float kCentreTap = 6.0f / 16.0f;
+
+/// out[x] for x in [begin, end) from taps `step` apart that all lie inside the row. Cloned for
+/// the wider vector units; without contraction each clone gives the baseline's bits.
+VORN_DISPATCH void innerTaps(const float* __restrict in, int step, int begin, int end,
+                             float* __restrict out) {
+  for (int x = begin; x < end; ++x)
+    out[x] = kEdgeTap * (in[x - 2 * step] + in[x + 2 * step]) +
+             kNearTap * (in[x - step] + in[x + step]) + kCentreTap * in[x];
+}
+
+/// The same taps down five rows into one.
+VORN_DISPATCH void columnTaps(const float* __restrict l0, const float* __restrict l1,
+                              const float* __restrict l2, const float* __restrict l3,
+                              const float* __restrict l4, int width, float* __restrict out) {
+  for (int x = 0; x < width; ++x)
+    out[x] = kEdgeTap * (l0[x] + l4[x]) + kNearTap * (l1[x] + l3[x]) + kCentreTap * l2[x];
+}
+
+/// out = a - b.
+VORN_DISPATCH void differenceOf(const float* __restrict a, const float* __restrict b, int width,
+                                float* __restrict out) {
+  for (int x = 0; x < width; ++x) out[x] = a[x] - b[x];
+}
+
+/// sum += a.
+VORN_DISPATCH void addTo(const float* __restrict a, int width, float* __restrict sum) {
+  for (int x = 0; x < width; ++x) sum[x] += a[x];
+}
 
 /// One row of the B3 kernel with taps `step` apart, indices clamped to the row.
 void smoothRow(const float* in, int width, int step, float* out) {
@@ -20,9 +50,7 @@ void smoothRow(const float* in, int width, int step, float* out) {
   for (int x = 0; x < inner0; ++x)
     out[x] = kEdgeTap * (at(x - 2 * step) + at(x + 2 * step)) +
              kNearTap * (at(x - step) + at(x + step)) + kCentreTap * in[x];
-  for (int x = inner0; x < inner1; ++x)
-    out[x] = kEdgeTap * (in[x - 2 * step] + in[x + 2 * step]) +
-             kNearTap * (in[x - step] + in[x + step]) + kCentreTap * in[x];
+  innerTaps(in, step, inner0, inner1, out);
   for (int x = inner1; x < width; ++x)
     out[x] = kEdgeTap * (at(x - 2 * step) + at(x + 2 * step)) +
              kNearTap * (at(x - step) + at(x + step)) + kCentreTap * in[x];
@@ -89,12 +117,10 @@ class Smoothings {
     const float* lines[5];
     for (int k = 0; k < 5; ++k)
       lines[k] = current_->row(std::clamp(y + (k - 2) * step, 0, height_ - 1));
-    for (int x = 0; x < width_; ++x)
-      column[x] = kEdgeTap * (lines[0][x] + lines[4][x]) + kNearTap * (lines[1][x] + lines[3][x]) +
-                  kCentreTap * lines[2][x];
+    columnTaps(lines[0], lines[1], lines[2], lines[3], lines[4], width_, column);
     float* smooth = next_->row(y);
     smoothRow(column, width_, step, smooth);
-    for (int x = 0; x < width_; ++x) band[x] = lines[2][x] - smooth[x];
+    differenceOf(lines[2], smooth, width_, band);
   }
 
  private:
@@ -106,15 +132,29 @@ class Smoothings {
   Plane* next_;
 };
 
+/// body(first, end, stride) over all rows, in parallel. From a few rows apart the taps are read
+/// in runs y, y + step, ...: consecutive rows of a run share four of their five input rows, which
+/// stay in cache, where consecutive rows would share none. Each row is written once either way.
+template <typename Body>
+void forRowsByTaps(int height, int step, const RenderControl& poll, Body&& body) {
+  constexpr int kRunsFrom = 8;
+  if (step < kRunsFrom) {
+    parallelRowsCancellable(height, poll, [&](int first, int end) { body(first, end, 1); });
+    return;
+  }
+  parallelRowsCancellable(std::min(step, height), poll, [&](int first, int end) {
+    for (int run = first; run < end; ++run) body(run, height, step);
+  });
+}
+
 /// sum += band, or sum = band on the first level; the last level adds the residual too.
 void accumulate(const float* band, const float* residual, bool first, int width, float* sum) {
   if (first) {
     std::copy(band, band + width, sum);
   } else {
-    for (int x = 0; x < width; ++x) sum[x] += band[x];
+    addTo(band, width, sum);
   }
-  if (residual)
-    for (int x = 0; x < width; ++x) sum[x] += residual[x];
+  if (residual) addTo(residual, width, sum);
 }
 
 /// The frame both reshaping decompositions share: levels clamped, an empty input answered with
@@ -146,9 +186,9 @@ Plane atrousReshape(const Plane& input, int levels, const BandReshape& reshape,
   return forEachAtrousLevel(
       input, levels, control,
       [&](int level, bool last, Smoothings& smoothings, const RenderControl& poll, Plane& output) {
-        parallelRowsCancellable(height, poll, [&](int first, int end) {
+        forRowsByTaps(height, 1 << level, poll, [&](int first, int end, int stride) {
           std::vector<float> column(static_cast<std::size_t>(width));
-          for (int y = first; y < end; ++y)
+          for (int y = first; y < end; y += stride)
             smoothings.smooth(y, 1 << level, column.data(), band.row(y));
         });
         if (reshape) reshape(level, band);
@@ -168,10 +208,10 @@ Plane atrousReshapeRows(const Plane& input, int levels, const BandRowReshape& re
   return forEachAtrousLevel(
       input, levels, control,
       [&](int level, bool last, Smoothings& smoothings, const RenderControl& poll, Plane& output) {
-        parallelRowsCancellable(height, poll, [&](int first, int end) {
+        forRowsByTaps(height, 1 << level, poll, [&](int first, int end, int stride) {
           std::vector<float> column(static_cast<std::size_t>(width));
           std::vector<float> band(static_cast<std::size_t>(width));
-          for (int y = first; y < end; ++y) {
+          for (int y = first; y < end; y += stride) {
             smoothings.smooth(y, 1 << level, column.data(), band.data());
             if (reshape) reshape(level, band.data(), width);
             accumulate(band.data(), last ? smoothings.next().row(y) : nullptr, level == 0, width,

@@ -14,4 +14,12 @@ VORN_DISPATCH_TEMPLATE void clonedLoop(const Body& body, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) body(i);
 }
 
+/// clonedLoop for bodies that read tables at computed places (gathers): the caller promises that
+/// no iteration writes what another reads, which the vectoriser cannot check for a gather.
+template <typename Body>
+VORN_DISPATCH_TEMPLATE void clonedTableLoop(const Body& body, std::size_t count) {
+#pragma GCC ivdep
+  for (std::size_t i = 0; i < count; ++i) body(i);
+}
+
 }  // namespace vorn::detail

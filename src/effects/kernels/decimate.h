@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/mix.h"
 #include "effects/kernels/window_blur.h"
 
@@ -34,22 +35,38 @@ class DecimationGrid {
   template <typename Prepare>
   ImageRGBf decimate(const Prepare& prepare) const {
     ImageRGBf small(size());
+    const int width = window_.input.width;
     parallelRows(height_, [&](int first, int end) {
+      // A source row is prepared whole in a loop that vectorises, then summed block by block
+      // in the order a block's own loops would take.
+      thread_local std::vector<PixelRGB<float>> prepared;
+      thread_local std::vector<PixelRGB<float>> sums;
+      prepared.resize(static_cast<std::size_t>(width));
+      sums.resize(static_cast<std::size_t>(width_));
+      PixelRGB<float>* values = prepared.data();
       for (int by = first; by < end; ++by) {
         const int y0 = std::max(0, originY_ + by * factor_);
         const int y1 = std::min(window_.input.height, originY_ + (by + 1) * factor_);
-        for (int bx = 0; bx < width_; ++bx) {
-          const int x0 = std::max(0, originX_ + bx * factor_);
-          const int x1 = std::min(window_.input.width, originX_ + (bx + 1) * factor_);
-          PixelRGB<float> sum(0.0f);
-          for (int y = y0; y < y1; ++y) {
-            const PixelRGB<float>* row = window_.source.row(window_.input.y + y) + window_.input.x;
-            for (int x = x0; x < x1; ++x) {
-              const PixelRGB<float> p = prepare(spreadable(row[x]));
+        std::fill(sums.begin(), sums.end(), PixelRGB<float>(0.0f));
+        for (int y = y0; y < y1; ++y) {
+          const PixelRGB<float>* row = window_.source.row(window_.input.y + y) + window_.input.x;
+          clonedLoop([=](std::size_t x) { values[x] = prepare(spreadable(row[x])); },
+                     static_cast<std::size_t>(width));
+          for (int bx = 0; bx < width_; ++bx) {
+            PixelRGB<float> sum = sums[static_cast<std::size_t>(bx)];
+            const int x1 = std::min(width, originX_ + (bx + 1) * factor_);
+            for (int x = std::max(0, originX_ + bx * factor_); x < x1; ++x) {
+              const PixelRGB<float>& p = values[x];
               sum = PixelRGB<float>(sum.r + p.r, sum.g + p.g, sum.b + p.b);
             }
+            sums[static_cast<std::size_t>(bx)] = sum;
           }
-          small.at(bx, by) = scaled(sum, 1.0f / static_cast<float>((y1 - y0) * (x1 - x0)));
+        }
+        for (int bx = 0; bx < width_; ++bx) {
+          const int x0 = std::max(0, originX_ + bx * factor_);
+          const int x1 = std::min(width, originX_ + (bx + 1) * factor_);
+          small.at(bx, by) = scaled(sums[static_cast<std::size_t>(bx)],
+                                    1.0f / static_cast<float>((y1 - y0) * (x1 - x0)));
         }
       }
     });

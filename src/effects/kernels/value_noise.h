@@ -11,10 +11,10 @@
 // value at a place depends only on that place and the seed.
 namespace vorn::detail {
 
-/// A 32-bit integer hash (Wellons' lowbias32) of a lattice point and the seed.
-inline std::uint32_t latticeHash(std::int64_t i, std::int64_t j, std::uint32_t seed) {
-  std::uint32_t h = static_cast<std::uint32_t>(i) * 0x8da6b343u ^
-                    static_cast<std::uint32_t>(j) * 0xd8163841u ^ seed * 0xcb1ab31fu;
+/// A 32-bit integer hash (Wellons' lowbias32) of a lattice point (coordinates modulo 2^32) and
+/// the seed.
+inline std::uint32_t latticeHash(std::uint32_t i, std::uint32_t j, std::uint32_t seed) {
+  std::uint32_t h = i * 0x8da6b343u ^ j * 0xd8163841u ^ seed * 0xcb1ab31fu;
   h ^= h >> 16;
   h *= 0x7feb352du;
   h ^= h >> 15;
@@ -25,10 +25,27 @@ inline std::uint32_t latticeHash(std::int64_t i, std::int64_t j, std::uint32_t s
 
 /// A lattice value in -1 ... 1, triangular (the sum of two uniform halves) so large values are
 /// rarer, as in grain.
-inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
+inline float latticeValue(std::uint32_t i, std::uint32_t j, std::uint32_t seed) {
   const std::uint32_t h = latticeHash(i, j, seed);
-  return static_cast<float>(h & 0xffffu) / 65535.0f + static_cast<float>(h >> 16) / 65535.0f - 1.0f;
+  // Both halves fit a signed lane, whose conversion to float vectorises.
+  return static_cast<float>(static_cast<std::int32_t>(h & 0xffffu)) / 65535.0f +
+         static_cast<float>(static_cast<std::int32_t>(h >> 16)) / 65535.0f - 1.0f;
 }
+inline float latticeValue(std::int64_t i, std::int64_t j, std::uint32_t seed) {
+  return latticeValue(static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(j), seed);
+}
+
+/// The lattice values of one row of noise and where each pixel of the span falls between them:
+/// a pixel's noise is then two reads and a mix, written so a loop over the span vectorises.
+struct NoiseRow {
+  const std::uint32_t* index;
+  const float* weight;
+  const float* values;
+  float operator()(std::size_t i) const {
+    const std::uint32_t n = index[i];
+    return mix(values[n], values[n + 1], weight[i]);
+  }
+};
 
 /// Value noise over rows of one span of pixels. Where each pixel falls between lattice columns is
 /// worked out once; a row then interpolates its lattice columns vertically once and costs a pixel
@@ -49,27 +66,27 @@ class NoiseRows {
     }
   }
 
-  /// Adds amplitude times the noise of row y (pixel centre, frame coordinates) to sum; lattice
-  /// is scratch space the caller keeps between rows.
-  void accumulate(double y, float amplitude, float* sum, std::vector<float>& lattice) const {
+  /// The noise of row y (pixel centre, frame coordinates); lattice is scratch space the caller
+  /// keeps between rows and must outlive the answer.
+  NoiseRow row(double y, std::vector<float>& lattice) const {
     const double v = y * inverseCell_;
     const double fv = std::floor(v);
     const auto j = static_cast<std::int64_t>(fv);
     const float sv = smooth(v - fv);
     lattice.resize(static_cast<std::size_t>(last_ - first_ + 1));
-    for (std::int64_t i = first_; i <= last_; ++i) {
-      lattice[static_cast<std::size_t>(i - first_)] =
-          mix(latticeValue(i, j, seed_), latticeValue(i, j + 1, seed_), sv);
-    }
-    const float* values = lattice.data();
-    const std::uint32_t* index = index_.data();
-    const float* weight = weight_.data();
+    // The hash in 32-bit lanes (it truncates its coordinates to them anyway), so that the
+    // lattice row vectorises: it costs as much as the pixels when the cells are small.
+    const auto i0 = static_cast<std::uint32_t>(first_);
+    const auto j0 = static_cast<std::uint32_t>(j);
+    const std::uint32_t seed = seed_;
+    float* values = lattice.data();
     clonedLoop(
-        [=](std::size_t i) {
-          const std::uint32_t n = index[i];
-          sum[i] += amplitude * mix(values[n], values[n + 1], weight[i]);
+        [=](std::size_t k) {
+          const std::uint32_t i = i0 + static_cast<std::uint32_t>(k);
+          values[k] = mix(latticeValue(i, j0, seed), latticeValue(i, j0 + 1u, seed), sv);
         },
-        index_.size());
+        lattice.size());
+    return NoiseRow{index_.data(), weight_.data(), values};
   }
 
  private:

@@ -94,6 +94,46 @@ TEST(AtrousReshape, AWindowGrownByTheReachMatchesTheWhole) {
   EXPECT_LE(maxDifference(full, rows, 0, 0, 0, 0, 200, 180), 1e-6f);
 }
 
+// Wide levels visit their rows in runs a step apart: every band must still be the difference of
+// two smoothings by the clamped B3 kernel, checked against a direct convolution on a tall plane.
+TEST(AtrousReshape, WideLevelsMatchADirectSmoothing) {
+  constexpr int kWidth = 23, kHeight = 150, kLevels = 6;
+  const Plane noise = gaussianNoise(kWidth, kHeight, 1.0f, 13);
+  const auto smoothed = [](const Plane& in, int step) {
+    const float taps[5] = {1.0f / 16, 4.0f / 16, 6.0f / 16, 4.0f / 16, 1.0f / 16};
+    const auto clamp = [](int v, int n) { return std::min(std::max(v, 0), n - 1); };
+    Plane out(in.width(), in.height());
+    for (int y = 0; y < in.height(); ++y)
+      for (int x = 0; x < in.width(); ++x) {
+        double sum = 0.0;
+        for (int j = 0; j < 5; ++j)
+          for (int i = 0; i < 5; ++i)
+            sum += double(taps[j]) * taps[i] *
+                   in.row(clamp(y + (j - 2) * step,
+                                in.height()))[clamp(x + (i - 2) * step, in.width())];
+        out.row(y)[x] = static_cast<float>(sum);
+      }
+    return out;
+  };
+  std::vector<float> worst(kLevels, 0.0f);
+  Plane current(kWidth, kHeight);
+  std::copy(noise.data(), noise.data() + noise.size(), current.data());
+  std::vector<Plane> expected;
+  for (int level = 0; level < kLevels; ++level) {
+    Plane next = smoothed(current, 1 << level);
+    Plane band(kWidth, kHeight);
+    for (std::size_t i = 0; i < band.size(); ++i)
+      band.data()[i] = current.data()[i] - next.data()[i];
+    expected.push_back(std::move(band));
+    current = std::move(next);
+  }
+  atrousReshape(noise, kLevels, [&](int level, Plane& band) {
+    const Plane& want = expected[static_cast<std::size_t>(level)];
+    worst[static_cast<std::size_t>(level)] = maxDifference(band, want, 0, 0, 0, 0, kWidth, kHeight);
+  });
+  for (int level = 0; level < kLevels; ++level) EXPECT_LE(worst[level], 1e-5f) << level;
+}
+
 TEST(AtrousBandNoise, MeasuresEachBandOfNoiseAndIgnoresAnEdge) {
   constexpr float kSigma = 0.04f;
   ImageRGBf image(_Size<int>(700, 500));
