@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -105,6 +106,22 @@ TEST(ColorSpaceTest, FastPowerFunctionsFollowTheLibrary) {
   for (int n = -20; n <= 20; ++n)
     EXPECT_EQ(detail::fastExp2(static_cast<float>(n)), std::ldexp(1.0f, n));
   EXPECT_EQ(detail::fastLog2(1.0f), 0.0f);
+}
+
+// The transfer curves' polynomials against double-precision references over every binade.
+TEST(ColorSpaceTest, TransferCurvesStayWithinAFewTenthsOfAMillionth) {
+  const detail::SrgbTransfer& transfer = detail::srgbTransfer();
+  double decodeWorst = 0.0, encodeWorst = 0.0;
+  for (float v = 0.0f; v <= 1.0f; v = std::nextafter(v, 2.0f) + v * 1e-5f) {
+    const double d = v;
+    const double linear = d <= 0.04045 ? d / 12.92 : std::pow((d + 0.055) / 1.055, 2.4);
+    const double encoded = d <= 0.0031308 ? d * 12.92 : 1.055 * std::pow(d, 1.0 / 2.4) - 0.055;
+    if (v > 1e-30f)
+      decodeWorst = std::max(decodeWorst, std::fabs(transfer.toLinear(v) / linear - 1.0));
+    encodeWorst = std::max(encodeWorst, std::fabs(transfer.toEncoded(v) - encoded));
+  }
+  EXPECT_LT(decodeWorst, 1e-6) << "largest relative error of the decoding";
+  EXPECT_LT(encodeWorst, 1e-6) << "largest error of the encoding";
 }
 
 TEST(ColorEffectTest, SaturationRemovesAndGreysStayNeutral) {

@@ -221,14 +221,17 @@ TEST_F(LutFiles, CurvesInterpolateLinearlyAndAmountMixesWithTheInput) {
 TEST_F(LutFiles, RegionsMatchTheWholeRenderHostileInputStaysFiniteAndARewrittenFileIsReread) {
   const std::string path = write("look.cube", cubeText(17, lookEntry));
   const auto source = test::makeTestImage(120, 90);
-  const auto effect = lutEffect(path);
-  const auto whole = test::renderOrFail(*effect, source);
-  EXPECT_GT(test::meanDifference(*source, *whole), 0.01f);
-  const _Rect<int> region(37, 29, 41, 33);
-  auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(0.0f));
-  EffectCallContext call(source, destination, nullptr, region, nullptr, nullptr);
-  ASSERT_TRUE(effect->processImage(call));
-  EXPECT_EQ(test::maxDifference(*whole, *destination, region), 0.0f);
+  // Region rows end in a scalar tail, the whole frame runs almost all through the vector kernel.
+  for (const float amount : {100.0f, 60.0f}) {
+    const auto effect = lutEffect(path, amount);
+    const auto whole = test::renderOrFail(*effect, source);
+    EXPECT_GT(test::meanDifference(*source, *whole), 0.005f);
+    const _Rect<int> region(37, 29, 41, 33);
+    auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(0.0f));
+    EffectCallContext call(source, destination, nullptr, region, nullptr, nullptr);
+    ASSERT_TRUE(effect->processImage(call));
+    EXPECT_EQ(test::maxDifference(*whole, *destination, region), 0.0f) << amount;
+  }
 
   // Non-finite input holds at the table's ends; the mix with the input is made finite.
   auto hostile = std::make_shared<ImageRGBf>(_Size<int>(3, 1));

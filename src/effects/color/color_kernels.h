@@ -56,17 +56,22 @@ std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return linearKernel([adjust, linear](float& r, float& g, float& b) {
+  // The matrix is folded into Oklab's first one, so it costs nothing per pixel. Always inlined:
+  // a call left in the pixel loop keeps it from vectorising.
+  const Matrix3 toLms = kLinearSrgbToLms * linear;
+  const auto perPixel =
+      [ adjust, toLms ](float& r, float& g, float& b) __attribute__((always_inline)) {
     float x = r, y = g, z = b;
-    linear.apply(x, y, z);
-    Oklab lab = linearToOklab(x, y, z);
+    toLms.apply(x, y, z);
+    Oklab lab = lmsToOklab(x, y, z);
     adjust(lab);
     oklabToLinear(lab, r, g, b);
     // Colours pushed outside the gamut are clipped at black rather than left negative.
     r = r > 0.0f ? r : 0.0f;
     g = g > 0.0f ? g : 0.0f;
     b = b > 0.0f ? b : 0.0f;
-  });
+  };
+  return linearKernel(perPixel);
 }
 
 template <typename Adjust>

@@ -80,6 +80,61 @@ inline float fastPow(float x, float p) {
 /// The sRGB decoding's slope at 1 (2.4 / 1.055): encoded values above 1 continue along it.
 inline constexpr float kSrgbSlopeAtOne = 2.4f / 1.055f;
 
+/// t = 2^-n f with f in [1, 2) returned through f, and 2^(-n p) for n below 2^Bits made of the
+/// powers steps = {2^-p, 2^-2p, 2^-4p, 2^-8p} picked by the bits of n. A chain of selects on n
+/// would be turned into a switch and a table, whose bounds check stops loops from vectorising.
+template <std::size_t Bits>
+inline float binadeScale(float t, float& f, const std::array<float, Bits>& steps) {
+  static_assert(Bits == 3 || Bits == 4);
+  const std::uint32_t bits = std::bit_cast<std::uint32_t>(t);
+  const std::uint32_t n = 127u - (bits >> 23);
+  f = std::bit_cast<float>((bits & 0x007fffffu) | 0x3f800000u);
+  float scale = (n & 1u) != 0 ? steps[0] : 1.0f;
+  scale *= (n & 2u) != 0 ? steps[1] : 1.0f;
+  scale *= (n & 4u) != 0 ? steps[2] : 1.0f;
+  if constexpr (Bits == 4) scale *= (n & 8u) != 0 ? steps[3] : 1.0f;
+  return scale;
+}
+
+/// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
+/// error below 6e-7), with no divide, logarithm or exponential.
+inline float srgbDecodePower(float t) {
+  // 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
+  static constexpr std::array<float, 3> kSteps = {1.894645708e-01f, 3.589682359e-02f,
+                                                  1.288581944e-03f};
+  float f;
+  const float scale = binadeScale(t, f, kSteps);
+  const float u = f - 1.5f;
+  const float p = ((((((-1.148404387e-03f * u + 3.917631254e-03f) * u - 1.755438233e-02f) * u +
+                      1.756061089e-01f) *
+                         u +
+                     1.975812494e+00f) *
+                        u +
+                    4.233885162e+00f) *
+                       u +
+                   2.646177801e+00f);
+  return p * scale;
+}
+
+/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7).
+inline float srgbEncodeRoot(float t) {
+  // 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
+  static constexpr std::array<float, 4> kSteps = {7.491535384e-01f, 5.612310242e-01f,
+                                                  3.149802625e-01f, 9.921256575e-02f};
+  float f;
+  const float scale = binadeScale(t, f, kSteps);
+  const float u = f - 1.5f;
+  const float p = ((((((-2.691525734e-03f * u + 5.235440120e-03f) * u - 9.645350204e-03f) * u +
+                      2.242407490e-02f) *
+                         u -
+                     6.395487171e-02f) *
+                        u +
+                    3.289062385e-01f) *
+                       u +
+                   1.184053587e+00f);
+  return p * scale;
+}
+
 /// sRGB decoding of any value: negative values mirror the positive side, values above 1 continue
 /// as a straight line and NaN becomes 0. Branch-free, so loops over it vectorise.
 struct SrgbDecode {
@@ -90,7 +145,9 @@ struct SrgbDecode {
     t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
     // t is at least 0.0521 wherever the power is kept.
     t = t > 0.05f ? t : 0.05f;
-    float y = magnitude <= 0.04045f ? magnitude * (1.0f / 12.92f) : fastPow(t, 2.4f);
+    // Computed for every value, so the select below needs no branch.
+    const float power = srgbDecodePower(t);
+    float y = magnitude <= 0.04045f ? magnitude * (1.0f / 12.92f) : power;
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * kSrgbSlopeAtOne : y;
     return std::copysign(y, x);
   }
@@ -105,8 +162,8 @@ struct SrgbEncode {
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
     float t = magnitude < 1.0f ? magnitude : 1.0f;
     t = t > 0.003f ? t : 0.003f;
-    float y =
-        magnitude <= 0.0031308f ? magnitude * 12.92f : 1.055f * fastPow(t, 1.0f / 2.4f) - 0.055f;
+    const float root = 1.055f * srgbEncodeRoot(t) - 0.055f;
+    float y = magnitude <= 0.0031308f ? magnitude * 12.92f : root;
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
     return std::copysign(y, x);
   }
@@ -163,14 +220,26 @@ struct Oklab {
   float L, a, b;
 };
 
-inline Oklab linearToOklab(float r, float g, float b) {
-  const float l = fastCbrt(0.4122214708f * r + 0.5363325363f * g + 0.0514459929f * b);
-  const float m = fastCbrt(0.2119034982f * r + 0.6806995451f * g + 0.1073969566f * b);
-  const float s = fastCbrt(0.0883024619f * r + 0.2817188376f * g + 0.6299787005f * b);
+/// Oklab of cone responses l, m, s (before their cube roots).
+inline Oklab lmsToOklab(float l, float m, float s) {
+  l = fastCbrt(l);
+  m = fastCbrt(m);
+  s = fastCbrt(s);
   return {0.2104542553f * l + 0.7936177850f * m - 0.0040720468f * s,
           1.9779984951f * l - 2.4285922050f * m + 0.4505937099f * s,
           0.0259040371f * l + 0.7827717662f * m - 0.8086757660f * s};
 }
+
+inline Oklab linearToOklab(float r, float g, float b) {
+  return lmsToOklab(0.4122214708f * r + 0.5363325363f * g + 0.0514459929f * b,
+                    0.2119034982f * r + 0.6806995451f * g + 0.1073969566f * b,
+                    0.0883024619f * r + 0.2817188376f * g + 0.6299787005f * b);
+}
+
+/// Linear sRGB to Oklab's cone responses, the matrix linearToOklab applies first.
+inline constexpr Matrix3 kLinearSrgbToLms{{0.4122214708f, 0.5363325363f, 0.0514459929f,
+                                           0.2119034982f, 0.6806995451f, 0.1073969566f,
+                                           0.0883024619f, 0.2817188376f, 0.6299787005f}};
 
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
   const float l0 = c.L + 0.3963377774f * c.a + 0.2158037573f * c.b;

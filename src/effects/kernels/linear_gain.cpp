@@ -1,6 +1,6 @@
 #include "effects/kernels/linear_gain.h"
 
-#include <vector>
+#include <algorithm>
 
 #include "core/dispatch.h"
 
@@ -8,55 +8,59 @@ namespace vorn::detail {
 
 namespace {
 
-// The power segment's affine form per value, with a flag where it does not hold; selects and
-// 32-bit flags keep the loop free of branches, so the clones vectorise it. A root of 0 marks a
-// unit gain, which is never computed with.
-VORN_DISPATCH void scaleOnPowerSegment(const float* __restrict in, float* __restrict out,
-                                       const float* __restrict root, std::int32_t* __restrict redo,
+constexpr float kKnee = 0.04045f;
+
+/// The power segment's affine form of one value; false where it does not hold.
+inline bool onPowerSegment(float x, float root, float& t) {
+  t = root * (x + 0.055f) - 0.055f;
+  return (x > kKnee) & (t > kKnee);
+}
+
+// One pass over the pixels' channels in their interleaved order: selects and an OR-reduced flag
+// keep it free of branches, so the clones vectorise it. Values off the power segment are left as
+// they came in, to be redone by the caller; the return says whether there are any.
+VORN_DISPATCH bool scaleOnPowerSegment(const float* __restrict in, float* __restrict out,
+                                       const float* __restrict gain, const float* __restrict root,
                                        std::size_t count) {
-  constexpr float kKnee = 0.04045f;
-  for (std::size_t k = 0; k < count; ++k) {
-    const float x = in[k];
-    const float t = root[k] * (x + 0.055f) - 0.055f;
-    const bool scaled = root[k] != 0.0f;
-    const bool fast = (x > kKnee) & (t > kKnee);
-    out[k] = fast & scaled ? t : x;
-    redo[k] = static_cast<std::int32_t>(!fast & scaled);
+  std::int32_t missed = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const bool scaled = gain[i] != 1.0f;
+    for (std::size_t c = 0; c < 3; ++c) {
+      const float x = in[3 * i + c];
+      float t;
+      const bool fast = onPowerSegment(x, root[i], t);
+      out[3 * i + c] = fast & scaled ? t : x;
+      missed |= static_cast<std::int32_t>(!fast & scaled);
+    }
   }
+  return missed != 0;
 }
 
 }  // namespace
 
 void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const float* gain,
                        const float* root, std::size_t count) {
-  thread_local std::vector<float> roots;
-  thread_local std::vector<float> source;
-  thread_local std::vector<std::int32_t> slow;
-  const std::size_t n = 3 * count;
-  roots.resize(n);
-  slow.resize(n);
-  float* r = roots.data();
-  for (std::size_t i = 0; i < count; ++i) {
-    const float k = gain[i] == 1.0f ? 0.0f : root[i];
-    r[3 * i] = k;
-    r[3 * i + 1] = k;
-    r[3 * i + 2] = k;
+  // In short pieces, so a dark patch sends only its own piece through the exact path (the same
+  // test again finds the values there that need it) and an in-place piece is copied in L1.
+  constexpr std::size_t kPiece = 64;
+  float copy[3 * kPiece];
+  for (std::size_t first = 0; first < count; first += kPiece) {
+    const std::size_t n = count - first < kPiece ? count - first : kPiece;
+    const float* v = &in[first].r;
+    float* o = &out[first].r;
+    if (v == o) v = std::copy(v, v + 3 * n, copy) - 3 * n;
+    const float* g = gain + first;
+    const float* r = root + first;
+    if (!scaleOnPowerSegment(v, o, g, r, n)) continue;
+    for (std::size_t i = 0; i < n; ++i) {
+      if (g[i] == 1.0f) continue;
+      for (std::size_t c = 0; c < 3; ++c) {
+        float t;
+        if (!onPowerSegment(v[3 * i + c], r[i], t))
+          o[3 * i + c] = encodedTimesGain(v[3 * i + c], EncodedGain{g[i], r[i]});
+      }
+    }
   }
-  const float* v = &in->r;
-  float* o = &out->r;
-  // The pass reads and writes apart; in place, the row is read from a copy.
-  if (v == o) {
-    source.assign(v, v + n);
-    v = source.data();
-  }
-  std::int32_t* redo = slow.data();
-  scaleOnPowerSegment(v, o, r, redo, n);
-  std::int32_t any = 0;
-  for (std::size_t k = 0; k < n; ++k) any |= redo[k];
-  if (any == 0) return;
-  // A flagged value was left as it came in.
-  for (std::size_t k = 0; k < n; ++k)
-    if (redo[k] != 0) o[k] = encodedTimesGain(o[k], EncodedGain{gain[k / 3], root[k / 3]});
 }
 
 }  // namespace vorn::detail
