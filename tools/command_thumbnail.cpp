@@ -8,7 +8,7 @@ namespace vorn::cli {
 namespace {
 
 constexpr const char* kThumbnailUsage =
-    "usage: vorn thumbnail IN OUT.jpg|OUT.tif [--size PIXELS]\n";
+    "usage: vorn thumbnail IN OUT.jpg|OUT.tif [--size PIXELS] [--in-process]\n";
 
 bool parseSize(const std::string& text, int& size) {
   const char* end = text.data() + text.size();
@@ -21,6 +21,7 @@ bool parseSize(const std::string& text, int& size) {
 int runThumbnail(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   std::vector<std::string> paths;
   int size = 256;
+  bool inProcess = false;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--size") {
       if (i + 1 == args.size() || !parseSize(args[i + 1], size)) {
@@ -30,6 +31,8 @@ int runThumbnail(const std::vector<std::string>& args, std::ostream& out, std::o
         return kExitUsage;
       }
       ++i;
+    } else if (args[i] == "--in-process") {
+      inProcess = true;
     } else if (args[i].size() > 1 && args[i][0] == '-') {
       err << "vorn thumbnail: unknown option " << args[i] << '\n' << kThumbnailUsage;
       return kExitUsage;
@@ -44,6 +47,7 @@ int runThumbnail(const std::vector<std::string>& args, std::ostream& out, std::o
   VornBatchOptions options;
   vornBatchDefaultOptions(&options);
   options.longSide = size;
+  options.inProcess = inProcess ? 1 : 0;
   // The library's call, so that a host and this command make the same thumbnail.
   char message[1024] = {};
   const int code = generateThumbnail(paths[0].c_str(), paths[1].c_str(), &options, nullptr, nullptr,

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "batch/batch_run.h"
+#include "io/raster/thumbnail_out_of_process.h"
 #include "vorn/batch_edit.h"
 #include "vorn/effects/color_effects.h"
 #include "vorn/io/image_file_class.h"
@@ -202,7 +203,8 @@ int generateThumbnail(const char* input, const char* output, const VornBatchOpti
     // High quality: an embedded preview only when it covers the side (enlarged it turns soft),
     // else a DCT-scaled JPEG or half-size raw decode, both far cheaper than a full decode.
     const std::shared_ptr<ImageFrame> frame =
-        getThumbnailBySide(in, side, true, nullptr, run.stopFlag());
+        chosen.inProcess ? getThumbnailBySide(in, side, true, nullptr, run.stopFlag())
+                         : detail::thumbnailBySideOutOfProcess(in, side, true, run.stopFlag());
     if (run.cancelled()) throw BatchFailure(VORN_BATCH_CANCELLED, "cancelled");
     if (!frame || frame->empty())
       throw BatchFailure(VORN_BATCH_INPUT_FAILED, in + ": the file cannot be decoded");

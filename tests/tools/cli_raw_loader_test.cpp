@@ -69,6 +69,27 @@ TEST(CliRawLoader, RendersThroughTheChildEqualInProcessOutput) {
   EXPECT_TRUE(test::leftoverIpcNames().empty());
 }
 
+// A thumbnail no embedded preview covers comes from the half-size decode, made by the child
+// (a pool emptied first holds one afterwards) and equal to the one made in process.
+TEST(CliRawLoader, ThumbnailsBeyondThePreviewDecodeInTheChild) {
+  VORN_REQUIRE_SAMPLE(dng, "bmpcc4k_imageio.dng");
+  test::LoaderSettings settings;
+  ipc::LoaderPool::instance().clear();
+  test::TempDir dir("cli_raw_loader");
+  const auto thumbnail = [&](const char* name, bool inProcess) {
+    std::ostringstream out, err;
+    std::vector<std::string> args = {dng, (dir.path() / name).string(), "--size", "1500"};
+    if (inProcess) args.emplace_back("--in-process");
+    return runThumbnail(args, out, err);
+  };
+  ASSERT_EQ(thumbnail("child.jpg", false), kExitOk);
+  EXPECT_GT(ipc::LoaderPool::instance().idlePid(), 0);
+  ASSERT_EQ(thumbnail("local.jpg", true), kExitOk);
+  EXPECT_EQ(withoutProfileDates(dir.path() / "child.jpg"),
+            withoutProfileDates(dir.path() / "local.jpg"));
+  EXPECT_TRUE(test::leftoverIpcNames().empty());
+}
+
 // A child killed mid-frame fails that render with code 4; the next render gets a fresh child.
 TEST(CliRawLoader, AChildFaultFailsTheRenderWithCode4AndTheNextWorks) {
   VORN_REQUIRE_SAMPLE(nef, "nikon_coolscan4_imageio.nef");

@@ -9,10 +9,12 @@
 #include "io/raster/jpeg_decoder.h"
 #include "io/raster/orientation.h"
 #include "io/raster/raster_open.h"
+#include "io/raster/thumbnail_out_of_process.h"
 #include "io/raw/raw_decoder.h"
 #include "io/source_processing.h"
 #include "vorn/core/log.h"
 #include "vorn/io/image_file_class.h"
+#include "vorn/io/image_reader.h"
 
 namespace vorn {
 namespace {
@@ -78,9 +80,20 @@ struct Failure {
 };
 
 // A raw file without a suitable preview: the half-size decode, already upright, stands in.
-std::shared_ptr<ImageFrame> decodeRawHalfSize(const ImageFileClass& file,
+// Through the loader child, the smallest cover asks for that same half-size decode.
+std::shared_ptr<ImageFrame> decodeRawHalfSize(const ImageFileClass& file, bool outOfProcess,
                                               const std::shared_ptr<bool>& cancel,
                                               Failure& failure) {
+  if (outOfProcess) {
+    FrameRequest request;
+    request.cover = _Size<int>(1, 1);
+    request.cancel = cancel;
+    request.outOfProcess = true;
+    OwnedFrame decoded = ImageReader::decodeFrame(file, request);
+    if (decoded.errorCode == kImageReaderOk && decoded.frame) return decoded.frame;
+    failure = {"decode", "the raw decode ended with code " + std::to_string(decoded.errorCode)};
+    return nullptr;
+  }
   std::shared_ptr<const raw::RawInput> input;
   raw::DecodeOutcome outcome = raw::rawInputOf(file, input);
   raw::RawFrame decoded;
@@ -134,7 +147,8 @@ std::shared_ptr<ImageFrame> decodePreview(const detail::EmbeddedPreview& preview
 std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::string& path,
                                           _Size<int> box, Fit fit, bool highQuality,
                                           std::shared_ptr<const ImageMetadata>* metadataOut,
-                                          const std::shared_ptr<bool>& cancel) {
+                                          const std::shared_ptr<bool>& cancel,
+                                          bool rawOutOfProcess = false) {
   if (cancelled(cancel)) return nullptr;
   const ImageFileClass file = classifyImageFile(path);
   if (!file.isRead()) return fail(function, path, {"open", file.readError});
@@ -171,7 +185,7 @@ std::shared_ptr<ImageFrame> makeThumbnail(const char* function, const std::strin
   }
   if (!frame && file.raw) {
     if (cancelled(cancel)) return nullptr;
-    frame = decodeRawHalfSize(file, cancel, failure);
+    frame = decodeRawHalfSize(file, rawOutOfProcess, cancel, failure);
     if (!frame) return cancelled(cancel) ? nullptr : fail(function, path, failure);
   }
   if (!frame) {
@@ -227,6 +241,14 @@ std::shared_ptr<ImageFrame> getThumbnailBySide(const std::string& path, int side
   }
   return makeThumbnail(__PRETTY_FUNCTION__, path, _Size<int>(side, side), Fit::Shrink, highQuality,
                        metadata, cancel);
+}
+
+std::shared_ptr<ImageFrame> detail::thumbnailBySideOutOfProcess(const std::string& path, int side,
+                                                                bool highQuality,
+                                                                std::shared_ptr<bool> cancel) {
+  if (side <= 0) return nullptr;
+  return makeThumbnail(__PRETTY_FUNCTION__, path, _Size<int>(side, side), Fit::Shrink, highQuality,
+                       nullptr, cancel, true);
 }
 
 std::shared_ptr<ImageFrame> getThumbnailNative(const std::string& path, _Size<int> size,
