@@ -1,4 +1,5 @@
 #include "io/ipc/loader_process.h"
+#include "core/parallel.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -90,7 +91,7 @@ std::shared_ptr<ImageFrame> receiveFrame(FrameArena& arena, const FrameNotice& n
             std::to_string(notice.height);
     return nullptr;
   }
-  std::memcpy(frame->data, arena.data(), notice.bytes());
+  detail::parallelCopy(frame->data, arena.data(), notice.bytes());
   frame->setLoadState(static_cast<ImageLoadState>(notice.loadState));
   return frame;
 }
