@@ -45,11 +45,8 @@ bool receiveDecode(LoaderChild& child, std::uint32_t sequence, const std::functi
 OwnedFrame decodeRawFrameInChild(const ImageFileClass& file, const FrameRequest& request) {
   const std::shared_ptr<bool> cancel = request.cancel;
   const auto stop = [cancel] { return raw::isCancelRequested(cancel); };
+  // decodeFrame, the one caller, has seen the flag clear already.
   OwnedFrame result;
-  if (stop()) {
-    result.errorCode = kImageReaderCancelled;
-    return result;
-  }
   std::string error;
   std::unique_ptr<LoaderChild> child = LoaderPool::instance().acquire(error);
   if (!child) {
