@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ostream>
 
 #include "cli.h"
@@ -30,6 +31,12 @@ void printHelp(std::ostream& out) {
          "\"VORNLUTMappingEffect:Amount.data=warm_film.cube\"\n";
 }
 
+// Asking a command for help is not a usage error; its value-taking options never take "-h".
+bool asksForHelp(const std::vector<std::string>& args) {
+  return std::any_of(args.begin(), args.end(),
+                     [](const std::string& arg) { return arg == "--help" || arg == "-h"; });
+}
+
 }  // namespace
 
 int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -39,6 +46,10 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   }
   const std::string& command = args.front();
   const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (asksForHelp(rest)) {
+    printHelp(out);
+    return kExitOk;
+  }
   if (command == "info") return runInfo(rest, out, err);
   if (command == "effects") return runEffects(rest, out, err);
   if (command == "apply") return runApply(rest, out, err);
