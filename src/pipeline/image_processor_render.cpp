@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,33 @@
 
 namespace vorn {
 namespace {
+
+/// An export renders once: pooled blocks kept for another render would only hold memory, so
+/// caching is off while any export runs and the host's own policy returns after the last one.
+class ExportMemoryScope {
+ public:
+  explicit ExportMemoryScope(bool exporting) : exporting_(exporting) {
+    if (!exporting_) return;
+    std::lock_guard lock(mutex_);
+    if (running_++ == 0) {
+      hostPolicy_ = MemoryManager::instance().isCachingEnabled();
+      MemoryManager::instance().setCachingEnabled(false);
+    }
+  }
+  ~ExportMemoryScope() {
+    if (!exporting_) return;
+    std::lock_guard lock(mutex_);
+    if (--running_ == 0) MemoryManager::instance().setCachingEnabled(hostPolicy_);
+  }
+  ExportMemoryScope(const ExportMemoryScope&) = delete;
+  ExportMemoryScope& operator=(const ExportMemoryScope&) = delete;
+
+ private:
+  bool exporting_;
+  static inline std::mutex mutex_;
+  static inline int running_ = 0;
+  static inline bool hostPolicy_ = true;
+};
 
 /// The ROI check: inside the W x H canvas (touching the edge is fine) with positive sides;
 /// written so that NaN fails every comparison.
@@ -99,8 +127,6 @@ _Rect<int> ImageProcessor::chainInputCells(_Rect<int> cells) const {
 
 bool ImageProcessor::prepareProcessing(ImageProcessorSettings& settings) {
   validateLayers();
-  // An export renders once: pooled blocks kept for another render would only hold memory.
-  if (settings.exportMode) MemoryManager::instance().setCachingEnabled(false);
   if (layers_.empty()) {
     VORN_LOG_FAILURE("There aren't any layers!");
     return false;
@@ -168,6 +194,7 @@ bool ImageProcessor::prepareProcessing(ImageProcessorSettings& settings) {
 void ImageProcessor::startProcessing(ImageProcessorSettings settings) {
   const auto start = std::chrono::steady_clock::now();
   const std::clock_t cpuStart = std::clock();
+  const ExportMemoryScope exportMemory(settings.exportMode);
   // Brush work on a layer's mask is finished and held back until this render is done.
   std::vector<std::shared_ptr<void>> maskHolds;
   for (const std::shared_ptr<BaseLayer>& layer : layers_)

@@ -7,6 +7,7 @@
 #include "support/data_store_guard.h"
 #include "support/log_capture.h"
 #include "vorn/core/data_store.h"
+#include "vorn/core/memory_manager.h"
 #include "vorn/effects/effect_chain.h"
 #include "vorn/io/image_metadata.h"
 #include "vorn/pipeline/blend.h"
@@ -52,6 +53,25 @@ TEST(ImageProcessorStart, RefusedRendersKeepTheLastResult) {
   doc.processor.startProcessing(s);
   ASSERT_TRUE(doc.processor.getLastResult());
   EXPECT_EQ(doc.processor.getLastResult()->size(), _Size<int>(16, 12)) << "the edge is inside";
+}
+
+TEST(ImageProcessorStart, AnExportKeepsNoBlocksButLeavesTheHostsPolicy) {
+  MemoryManager& memory = MemoryManager::instance();
+  const bool before = memory.isCachingEnabled();
+  for (const bool hostPolicy : {true, false}) {
+    memory.setCachingEnabled(hostPolicy);
+    test::Document doc(_Size<int>(64, 48));
+    ImageProcessorSettings settings;
+    settings.exportMode = true;
+    doc.processor.startProcessing(settings);
+    ASSERT_TRUE(doc.processor.getLastResult());
+    EXPECT_EQ(memory.isCachingEnabled(), hostPolicy);
+    if (hostPolicy) {
+      // The export's own blocks were not cached, so none of its frames is idle afterwards.
+      EXPECT_EQ(memory.stats().bytesIdle, 0u);
+    }
+  }
+  memory.setCachingEnabled(before);
 }
 
 TEST(ImageProcessorStart, LayerOrderAndEnabledLayers) {
