@@ -56,6 +56,9 @@ class LensField {
   std::vector<float> columnWeight_;
 };
 
+/// The kernels a WarpSource reads with: the portable loop and the gathers of two vector units.
+enum class WarpIsa { Portable, Avx2, Avx512 };
+
 /// Single channels of a picture read bilinearly at rows of positions, clamped to bounds, as
 /// ChannelSampler reads them one at a time (bit for bit), several pixels per instruction.
 struct WarpSource {
@@ -77,6 +80,10 @@ struct WarpSource {
   /// out[n] = channel c (0 red, 1 green, 2 blue) at (xs[n], ys[n]) for n below count; a NaN
   /// position lands on the low edge.
   void read(int c, const float* xs, const float* ys, float* out, std::size_t count) const;
+  /// read with the given kernel; false when the CPU lacks its instructions or the offsets do
+  /// not fit its 32 bits (so that tests compare every kernel with the portable one).
+  bool readWith(WarpIsa isa, int c, const float* xs, const float* ys, float* out,
+                std::size_t count) const;
 
   const float* base;  ///< red of the bounds' first row's pixel 0
   std::ptrdiff_t pitch;
