@@ -103,6 +103,17 @@ __attribute__((target("avx2"))) void readChannelAvx2(const WarpSource& source, i
   readChannel<std::int32_t>(source, c, xs + n, ys + n, out + n, count - n);
 }
 
+// Sixteen reads from two windows of 32 floats, the first for the low eight lanes and the second
+// for the high ones, at each lane's offset into its window.
+__attribute__((target("avx512f"))) inline __m512 readWindows(const float* low, const float* high,
+                                                             __m512i relative) {
+  const __m512 fromLow =
+      _mm512_permutex2var_ps(_mm512_loadu_ps(low), relative, _mm512_loadu_ps(low + 16));
+  const __m512 fromHigh =
+      _mm512_permutex2var_ps(_mm512_loadu_ps(high), relative, _mm512_loadu_ps(high + 16));
+  return _mm512_mask_blend_ps(0xFF00, fromLow, fromHigh);
+}
+
 __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& source, int c,
                                                           const float* xs, const float* ys,
                                                           float* out, std::size_t count) {
@@ -116,6 +127,12 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
   const __m512i pitch = _mm512_set1_epi32(static_cast<int>(source.pitch));
   const __m512i top = _mm512_set1_epi32(source.top);
   const __m512i three = _mm512_set1_epi32(3);
+  const __m512i halves = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 8, 8, 8, 8, 8, 8, 8, 8);
+  // A window's last read is 3 floats (the right neighbour) past a relative offset of at most
+  // 28; the window may not run past the picture's last value.
+  const __m512i windowSpan = _mm512_set1_epi32(28);
+  const __m512i lastWindow = _mm512_set1_epi32(
+      static_cast<int>(std::min<std::ptrdiff_t>(source.extent - 32 - c, 0x7fffffff)));
   std::size_t n = 0;
   for (; n + 16 <= count; n += 16) {
     const __m512 x =
@@ -133,10 +150,30 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
     const __m512i dx = _mm512_maskz_mov_epi32(_mm512_cmp_ps_mask(fx, right, _CMP_LT_OQ), three);
     const __m512i dy = _mm512_maskz_mov_epi32(_mm512_cmp_ps_mask(fy, bottom, _CMP_LT_OQ), pitch);
     const __m512i below = _mm512_add_epi32(at, dy);
-    const __m512 p00 = _mm512_i32gather_ps(at, channel, 4);
-    const __m512 p01 = _mm512_i32gather_ps(_mm512_add_epi32(at, dx), channel, 4);
-    const __m512 p10 = _mm512_i32gather_ps(below, channel, 4);
-    const __m512 p11 = _mm512_i32gather_ps(_mm512_add_epi32(below, dx), channel, 4);
+    __m512 p00, p01, p10, p11;
+    // Neighbouring pixels read neighbouring places: when each half's reads fall in 32 floats
+    // from its first lane's, two loads and a permute replace a gather.
+    const __m512i atFirst = _mm512_permutexvar_epi32(halves, at);
+    const __m512i belowFirst = _mm512_permutexvar_epi32(halves, below);
+    const __m512i atRelative = _mm512_sub_epi32(at, atFirst);
+    const __m512i belowRelative = _mm512_sub_epi32(below, belowFirst);
+    if ((_mm512_cmple_epu32_mask(atRelative, windowSpan) &
+         _mm512_cmple_epu32_mask(belowRelative, windowSpan) &
+         _mm512_cmple_epi32_mask(belowFirst, lastWindow)) == 0xFFFF) {
+      const float* atLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(at));
+      const float* atHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(at, 2));
+      const float* belowLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(below));
+      const float* belowHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(below, 2));
+      p00 = readWindows(atLow, atHigh, atRelative);
+      p01 = readWindows(atLow, atHigh, _mm512_add_epi32(atRelative, dx));
+      p10 = readWindows(belowLow, belowHigh, belowRelative);
+      p11 = readWindows(belowLow, belowHigh, _mm512_add_epi32(belowRelative, dx));
+    } else {
+      p00 = _mm512_i32gather_ps(at, channel, 4);
+      p01 = _mm512_i32gather_ps(_mm512_add_epi32(at, dx), channel, 4);
+      p10 = _mm512_i32gather_ps(below, channel, 4);
+      p11 = _mm512_i32gather_ps(_mm512_add_epi32(below, dx), channel, 4);
+    }
     const __m512 a = _mm512_add_ps(p00, _mm512_mul_ps(_mm512_sub_ps(p01, p00), tx));
     const __m512 b = _mm512_add_ps(p10, _mm512_mul_ps(_mm512_sub_ps(p11, p10), tx));
     _mm512_storeu_ps(out + n, _mm512_add_ps(a, _mm512_mul_ps(_mm512_sub_ps(b, a), ty)));

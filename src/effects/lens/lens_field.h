@@ -70,6 +70,7 @@ struct WarpSource {
         pitch(3 * static_cast<std::ptrdiff_t>(image.width)),
         top(bounds.y),
         narrow(pitch * (bounds.height + 1) < 0x7fffffff),
+        extent(pitch * (image.height - bounds.y)),
         left(static_cast<float>(bounds.x)),
         topEdge(static_cast<float>(bounds.y)),
         right(static_cast<float>(bounds.x + bounds.width - 1)),
@@ -90,6 +91,8 @@ struct WarpSource {
   int top;
   /// Offsets fit 32 bits (a source under ~700 MP): the gathers are then twice as wide.
   bool narrow;
+  /// The values from base to the picture's end: vector reads may load anywhere below it.
+  std::ptrdiff_t extent;
   float left;
   float topEdge;
   float right;
