@@ -181,7 +181,41 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
   readChannel<std::int32_t>(source, c, xs + n, ys + n, out + n, count - n);
 }
 
+// out[n] = left[node[n]] + step[node[n]] * weight[n]: each pixel's node and the step to the next.
+void spreadNodes(const float* left, const float* step, const int* node, const float* weight,
+                 float* out, std::size_t count) {
+  clonedTableLoop([left, step, node, weight,
+                   out](std::size_t n) { out[n] = left[node[n]] + step[node[n]] * weight[n]; },
+                  count);
+}
+
+// Sixteen neighbouring pixels lie on at most sixteen neighbouring nodes (a cell is a pixel or
+// more), so one load and a permute of the nodes from the first pixel's replace a gather.
+__attribute__((target("avx512f"))) void spreadNodesAvx512(const float* left, const float* step,
+                                                          const int* node, const float* weight,
+                                                          float* out, std::size_t count) {
+  std::size_t n = 0;
+  for (; n + 16 <= count; n += 16) {
+    const int first = node[n];
+    const __m512i relative =
+        _mm512_sub_epi32(_mm512_loadu_si512(node + n), _mm512_set1_epi32(first));
+    const __m512 value = _mm512_permutexvar_ps(relative, _mm512_loadu_ps(left + first));
+    const __m512 slope = _mm512_permutexvar_ps(relative, _mm512_loadu_ps(step + first));
+    _mm512_storeu_ps(out + n,
+                     _mm512_add_ps(value, _mm512_mul_ps(slope, _mm512_loadu_ps(weight + n))));
+  }
+  spreadNodes(left, step, node + n, weight + n, out + n, count - n);
+}
+
 #pragma GCC diagnostic pop
+
+using SpreadKernel = void (*)(const float*, const float*, const int*, const float*, float*,
+                              std::size_t);
+
+SpreadKernel selectSpreadKernel() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512f") ? spreadNodesAvx512 : spreadNodes;
+}
 
 using ReadKernel = void (*)(const WarpSource&, int, const float*, const float*, float*,
                             std::size_t);
@@ -300,19 +334,20 @@ void LensField::row(int x, int y, int count, float* const* planes) const {
   const int firstNode = node[0];
   const int lastNode = node[count - 1] + 1;
   const auto plane = static_cast<std::size_t>(columns_) * static_cast<std::size_t>(rows_);
+  // Padded for the vector kernel's loads of a vector's worth of nodes from any of them.
+  const std::size_t padded = static_cast<std::size_t>(columns_) + 16;
   thread_local std::vector<float> blended;
-  blended.resize(2 * static_cast<std::size_t>(columns_));
+  blended.resize(2 * padded);
   float* left = blended.data();
-  float* step = left + columns_;
+  float* step = left + padded;
+  static const SpreadKernel spread = selectSpreadKernel();
   for (int k = 0; k < kLensPlanes; ++k) {
     if (!planes[k]) continue;
     const float* above = nodes_.data() + k * plane + static_cast<std::size_t>(j) * columns_;
     const float* below = above + columns_;
     for (int i = firstNode; i <= lastNode; ++i) left[i] = above[i] + (below[i] - above[i]) * ty;
     for (int i = firstNode; i < lastNode; ++i) step[i] = left[i + 1] - left[i];
-    clonedTableLoop([left, step, node, weight, out = planes[k]](
-                        std::size_t n) { out[n] = left[node[n]] + step[node[n]] * weight[n]; },
-                    static_cast<std::size_t>(count));
+    spread(left, step, node, weight, planes[k], static_cast<std::size_t>(count));
   }
 }
 
