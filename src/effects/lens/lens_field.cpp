@@ -151,28 +151,51 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
     const __m512i dy = _mm512_maskz_mov_epi32(_mm512_cmp_ps_mask(fy, bottom, _CMP_LT_OQ), pitch);
     const __m512i below = _mm512_add_epi32(at, dy);
     __m512 p00, p01, p10, p11;
-    // Neighbouring pixels read neighbouring places: when each half's reads fall in 32 floats
-    // from its first lane's, two loads and a permute replace a gather.
+    // Neighbouring pixels read neighbouring places: where a half's reads fall in 32 floats
+    // from its first lane's, two loads and a permute replace its gather.
     const __m512i atFirst = _mm512_permutexvar_epi32(halves, at);
     const __m512i belowFirst = _mm512_permutexvar_epi32(halves, below);
     const __m512i atRelative = _mm512_sub_epi32(at, atFirst);
     const __m512i belowRelative = _mm512_sub_epi32(below, belowFirst);
-    if ((_mm512_cmple_epu32_mask(atRelative, windowSpan) &
-         _mm512_cmple_epu32_mask(belowRelative, windowSpan) &
-         _mm512_cmple_epi32_mask(belowFirst, lastWindow)) == 0xFFFF) {
-      const float* atLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(at));
-      const float* atHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(at, 2));
-      const float* belowLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(below));
-      const float* belowHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(below, 2));
-      p00 = readWindows(atLow, atHigh, atRelative);
-      p01 = readWindows(atLow, atHigh, _mm512_add_epi32(atRelative, dx));
-      p10 = readWindows(belowLow, belowHigh, belowRelative);
-      p11 = readWindows(belowLow, belowHigh, _mm512_add_epi32(belowRelative, dx));
-    } else {
+    const __mmask16 fits = _mm512_cmple_epu32_mask(atRelative, windowSpan) &
+                           _mm512_cmple_epu32_mask(belowRelative, windowSpan) &
+                           _mm512_cmple_epi32_mask(belowFirst, lastWindow);
+    const bool lowFits = (fits & 0x00FF) == 0x00FF;
+    const bool highFits = (fits & 0xFF00) == 0xFF00;
+    const __mmask16 gathered =
+        static_cast<__mmask16>((lowFits ? 0 : 0x00FF) | (highFits ? 0 : 0xFF00));
+    if (gathered == 0xFFFF) {
       p00 = _mm512_i32gather_ps(at, channel, 4);
       p01 = _mm512_i32gather_ps(_mm512_add_epi32(at, dx), channel, 4);
       p10 = _mm512_i32gather_ps(below, channel, 4);
       p11 = _mm512_i32gather_ps(_mm512_add_epi32(below, dx), channel, 4);
+    } else {
+      // A half that does not fit borrows the other's windows (its own may end past the
+      // picture), and its lanes are then gathered over.
+      const float* atLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(at));
+      const float* atHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(at, 2));
+      const float* belowLow = channel + _mm_cvtsi128_si32(_mm512_castsi512_si128(below));
+      const float* belowHigh = channel + _mm_cvtsi128_si32(_mm512_extracti32x4_epi32(below, 2));
+      if (!lowFits) {
+        atLow = atHigh;
+        belowLow = belowHigh;
+      }
+      if (!highFits) {
+        atHigh = atLow;
+        belowHigh = belowLow;
+      }
+      const __m512i atRight = _mm512_add_epi32(at, dx);
+      const __m512i belowRight = _mm512_add_epi32(below, dx);
+      p00 = readWindows(atLow, atHigh, atRelative);
+      p01 = readWindows(atLow, atHigh, _mm512_add_epi32(atRelative, dx));
+      p10 = readWindows(belowLow, belowHigh, belowRelative);
+      p11 = readWindows(belowLow, belowHigh, _mm512_add_epi32(belowRelative, dx));
+      if (gathered != 0) {
+        p00 = _mm512_mask_i32gather_ps(p00, gathered, at, channel, 4);
+        p01 = _mm512_mask_i32gather_ps(p01, gathered, atRight, channel, 4);
+        p10 = _mm512_mask_i32gather_ps(p10, gathered, below, channel, 4);
+        p11 = _mm512_mask_i32gather_ps(p11, gathered, belowRight, channel, 4);
+      }
     }
     const __m512 a = _mm512_add_ps(p00, _mm512_mul_ps(_mm512_sub_ps(p01, p00), tx));
     const __m512 b = _mm512_add_ps(p10, _mm512_mul_ps(_mm512_sub_ps(p11, p10), tx));
