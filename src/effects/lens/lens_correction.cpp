@@ -125,25 +125,32 @@ void LensCorrectionEffect::render(const Window& window) const {
       planes[k] = (k < detail::kGain ? warp : shade) ? buffer[k] : nullptr;
     float* const channels[3] = {buffer[detail::kLensPlanes], buffer[detail::kLensPlanes + 1],
                                 buffer[detail::kLensPlanes + 2]};
+    PixelRGB<float> warped[kPiece];
     for (std::size_t first = 0; first < count; first += kPiece) {
       const std::size_t n = std::min(kPiece, count - first);
       field.row(frameX + static_cast<int>(first), y - window.frame.y, static_cast<int>(n), planes);
       PixelRGB<float>* piece = out + first;
+      // The shading reads the warped pixels from a buffer apart from the row: in place, it
+      // would copy them aside itself.
+      const PixelRGB<float>* shaded = in + first;
       if (warp) {
         for (int c = 0; c < 3; ++c)
           source.read(c, planes[2 * c], planes[2 * c + 1], channels[c], n);
+        PixelRGB<float>* interleaved = shade ? warped : piece;
         detail::clonedLoop(
-            [r = channels[0], g = channels[1], b = channels[2], o = &piece->r](std::size_t i) {
+            [r = channels[0], g = channels[1], b = channels[2],
+             o = &interleaved->r](std::size_t i) {
               o[3 * i] = r[i];
               o[3 * i + 1] = g[i];
               o[3 * i + 2] = b[i];
             },
             n);
-      } else {
+        shaded = warped;
+      } else if (!shade) {
         std::copy(in + first, in + first + n, piece);
       }
       if (shade)
-        detail::applyEncodedGains(piece, piece, planes[detail::kGain], planes[detail::kGainRoot],
+        detail::applyEncodedGains(shaded, piece, planes[detail::kGain], planes[detail::kGainRoot],
                                   n);
     }
   });
