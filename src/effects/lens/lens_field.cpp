@@ -8,45 +8,69 @@
 #include <cstdint>
 
 #include "core/parallel.h"
+#include "effects/kernels/bilinear.h"
 #include "effects/kernels/cloned_loop.h"
 
 namespace vorn::detail {
 namespace {
 
-// The arithmetic of ChannelSampler::at, with the clamps as selects and the offset in a type
-// narrow enough (when it fits) for the clones to gather a whole vector of pixels.
+/// Pixels read per pass of the two stages below, their taps held in the first-level cache.
+constexpr std::size_t kTapChunk = 64;
+
+/// Per pixel: the offset of its top-left value from the channel's first, the steps to its right
+/// and lower neighbours (0 at the far edges, where the weight is 0 anyway) and the weights.
 template <typename Offset>
-VORN_DISPATCH_TEMPLATE void readChannel(const WarpSource& source, int c, const float* __restrict xs,
-                                        const float* __restrict ys, float* __restrict out,
-                                        std::size_t count) {
-  const float* __restrict channel = source.base + c;
+struct Taps {
+  Offset at[kTapChunk];
+  Offset right[kTapChunk];
+  Offset down[kTapChunk];
+  float tx[kTapChunk];
+  float ty[kTapChunk];
+};
+
+// The arithmetic of ChannelSampler::at up to its loads (a NaN position lands on the low edge):
+// free of loads at computed places, it vectorises anywhere.
+template <typename Offset>
+VORN_DISPATCH_TEMPLATE void locate(const WarpSource& source, const float* __restrict xs,
+                                   const float* __restrict ys, std::size_t count,
+                                   Offset* __restrict at, Offset* __restrict right,
+                                   Offset* __restrict down, float* __restrict tx,
+                                   float* __restrict ty) {
   const auto pitch = static_cast<Offset>(source.pitch);
   const int top = source.top;
   const float left = source.left;
-  const float right = source.right;
+  const float rightEdge = source.right;
   const float topEdge = source.topEdge;
   const float bottom = source.bottom;
   const float frameX = source.frameX;
   const float frameY = source.frameY;
   for (std::size_t n = 0; n < count; ++n) {
-    float x = xs[n] + frameX;
-    float y = ys[n] + frameY;
-    x = x > left ? x : left;
-    x = x < right ? x : right;
-    y = y > topEdge ? y : topEdge;
-    y = y < bottom ? y : bottom;
+    const float x = clampedTo(xs[n] + frameX, left, rightEdge);
+    const float y = clampedTo(ys[n] + frameY, topEdge, bottom);
     const int ix = static_cast<int>(x);
     const int iy = static_cast<int>(y);
-    const float tx = x - static_cast<float>(ix);
-    const float ty = y - static_cast<float>(iy);
-    const Offset at = static_cast<Offset>(iy - top) * pitch + static_cast<Offset>(3 * ix);
-    // At the far edges the neighbour is the pixel itself (its weight is then 0 anyway).
-    const Offset dx = static_cast<float>(ix) < right ? 3 : 0;
-    const Offset dy = static_cast<float>(iy) < bottom ? pitch : 0;
-    const float a = channel[at] + (channel[at + dx] - channel[at]) * tx;
-    const float b = channel[at + dy] + (channel[at + dy + dx] - channel[at + dy]) * tx;
-    out[n] = a + (b - a) * ty;
+    tx[n] = x - static_cast<float>(ix);
+    ty[n] = y - static_cast<float>(iy);
+    at[n] = static_cast<Offset>(iy - top) * pitch + static_cast<Offset>(3 * ix);
+    right[n] = static_cast<float>(ix) < rightEdge ? 3 : 0;
+    down[n] = static_cast<float>(iy) < bottom ? pitch : 0;
   }
+}
+
+// The four reads and the blend, as ChannelSampler::at orders them; the vector kernels below
+// keep the order and use no fused multiply-add, so every kernel gives the same bits.
+template <typename Offset>
+void blendTaps(const float* channel, const Taps<Offset>& taps, std::size_t first, std::size_t count,
+               float* out) {
+  clonedTableLoop(
+      [channel, at = taps.at + first, right = taps.right + first, down = taps.down + first,
+       tx = taps.tx + first, ty = taps.ty + first, out = out + first](std::size_t n) {
+        const float* p = channel + at[n];
+        const float a = p[0] + (p[right[n]] - p[0]) * tx[n];
+        const float b = p[down[n]] + (p[down[n] + right[n]] - p[down[n]]) * tx[n];
+        out[n] = a + (b - a) * ty[n];
+      },
+      count - first);
 }
 
 // GCC 12's intrinsic headers seed results with self-initialised "undefined" vectors, which
@@ -57,50 +81,27 @@ VORN_DISPATCH_TEMPLATE void readChannel(const WarpSource& source, int c, const f
 #endif
 
 // The generic tuning keeps the clones off gather instructions and loads lane by lane, which
-// costs three times as much here: the vector kernels gather explicitly, with the same
-// operations in the same order as readChannel (no fused multiply-add), so results match it.
-__attribute__((target("avx2"))) void readChannelAvx2(const WarpSource& source, int c,
-                                                     const float* xs, const float* ys, float* out,
-                                                     std::size_t count) {
-  const float* channel = source.base + c;
-  const __m256 left = _mm256_set1_ps(source.left);
-  const __m256 right = _mm256_set1_ps(source.right);
-  const __m256 topEdge = _mm256_set1_ps(source.topEdge);
-  const __m256 bottom = _mm256_set1_ps(source.bottom);
-  const __m256 frameX = _mm256_set1_ps(source.frameX);
-  const __m256 frameY = _mm256_set1_ps(source.frameY);
-  const __m256i pitch = _mm256_set1_epi32(static_cast<int>(source.pitch));
-  const __m256i top = _mm256_set1_epi32(source.top);
-  const __m256i three = _mm256_set1_epi32(3);
+// costs three times as much here.
+__attribute__((target("avx2"))) void blendTapsAvx2(const float* channel,
+                                                   const Taps<std::int32_t>& taps,
+                                                   std::size_t count, int, float* out) {
   std::size_t n = 0;
   for (; n + 8 <= count; n += 8) {
-    // max and min return their second operand for NaN: a NaN position lands on the low edge.
-    const __m256 x =
-        _mm256_min_ps(_mm256_max_ps(_mm256_add_ps(_mm256_loadu_ps(xs + n), frameX), left), right);
-    const __m256 y = _mm256_min_ps(
-        _mm256_max_ps(_mm256_add_ps(_mm256_loadu_ps(ys + n), frameY), topEdge), bottom);
-    const __m256i ix = _mm256_cvttps_epi32(x);
-    const __m256i iy = _mm256_cvttps_epi32(y);
-    const __m256 fx = _mm256_cvtepi32_ps(ix);
-    const __m256 fy = _mm256_cvtepi32_ps(iy);
-    const __m256 tx = _mm256_sub_ps(x, fx);
-    const __m256 ty = _mm256_sub_ps(y, fy);
-    const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(iy, top), pitch),
-                                        _mm256_mullo_epi32(ix, three));
-    const __m256i dx =
-        _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(fx, right, _CMP_LT_OQ)), three);
-    const __m256i dy =
-        _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(fy, bottom, _CMP_LT_OQ)), pitch);
-    const __m256i below = _mm256_add_epi32(at, dy);
+    const __m256i at = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(taps.at + n));
+    const __m256i right = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(taps.right + n));
+    const __m256i below =
+        _mm256_add_epi32(at, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(taps.down + n)));
+    const __m256 tx = _mm256_loadu_ps(taps.tx + n);
     const __m256 p00 = _mm256_i32gather_ps(channel, at, 4);
-    const __m256 p01 = _mm256_i32gather_ps(channel, _mm256_add_epi32(at, dx), 4);
+    const __m256 p01 = _mm256_i32gather_ps(channel, _mm256_add_epi32(at, right), 4);
     const __m256 p10 = _mm256_i32gather_ps(channel, below, 4);
-    const __m256 p11 = _mm256_i32gather_ps(channel, _mm256_add_epi32(below, dx), 4);
+    const __m256 p11 = _mm256_i32gather_ps(channel, _mm256_add_epi32(below, right), 4);
     const __m256 a = _mm256_add_ps(p00, _mm256_mul_ps(_mm256_sub_ps(p01, p00), tx));
     const __m256 b = _mm256_add_ps(p10, _mm256_mul_ps(_mm256_sub_ps(p11, p10), tx));
-    _mm256_storeu_ps(out + n, _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), ty)));
+    _mm256_storeu_ps(out + n, _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a),
+                                                             _mm256_loadu_ps(taps.ty + n))));
   }
-  readChannel<std::int32_t>(source, c, xs + n, ys + n, out + n, count - n);
+  blendTaps(channel, taps, n, count, out);
 }
 
 // Sixteen reads from two windows of 32 floats, the first for the low eight lanes and the second
@@ -114,61 +115,40 @@ __attribute__((target("avx512f"))) inline __m512 readWindows(const float* low, c
   return _mm512_mask_blend_ps(0xFF00, fromLow, fromHigh);
 }
 
-__attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& source, int c,
-                                                          const float* xs, const float* ys,
-                                                          float* out, std::size_t count) {
-  const float* channel = source.base + c;
-  const __m512 left = _mm512_set1_ps(source.left);
-  const __m512 right = _mm512_set1_ps(source.right);
-  const __m512 topEdge = _mm512_set1_ps(source.topEdge);
-  const __m512 bottom = _mm512_set1_ps(source.bottom);
-  const __m512 frameX = _mm512_set1_ps(source.frameX);
-  const __m512 frameY = _mm512_set1_ps(source.frameY);
-  const __m512i pitch = _mm512_set1_epi32(static_cast<int>(source.pitch));
-  const __m512i top = _mm512_set1_epi32(source.top);
-  const __m512i three = _mm512_set1_epi32(3);
+// Neighbouring pixels read neighbouring places: where a half vector's reads fall in 32 floats
+// from its first lane's, two loads and a permute replace its gather. lastWindow is the last
+// offset a window may start at without running past the picture.
+__attribute__((target("avx512f"))) void blendTapsAvx512(const float* channel,
+                                                        const Taps<std::int32_t>& taps,
+                                                        std::size_t count, int lastWindow,
+                                                        float* out) {
   const __m512i halves = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 8, 8, 8, 8, 8, 8, 8, 8);
-  // A window's last read is 3 floats (the right neighbour) past a relative offset of at most
-  // 28; the window may not run past the picture's last value.
-  const __m512i windowSpan = _mm512_set1_epi32(28);
-  const __m512i lastWindow = _mm512_set1_epi32(
-      static_cast<int>(std::min<std::ptrdiff_t>(source.extent - 32 - c, 0x7fffffff)));
+  // A window's last read is 3 floats (the right neighbour) past a relative offset of 28.
+  const __m512i span = _mm512_set1_epi32(28);
+  const __m512i last = _mm512_set1_epi32(lastWindow);
   std::size_t n = 0;
   for (; n + 16 <= count; n += 16) {
-    const __m512 x =
-        _mm512_min_ps(_mm512_max_ps(_mm512_add_ps(_mm512_loadu_ps(xs + n), frameX), left), right);
-    const __m512 y = _mm512_min_ps(
-        _mm512_max_ps(_mm512_add_ps(_mm512_loadu_ps(ys + n), frameY), topEdge), bottom);
-    const __m512i ix = _mm512_cvttps_epi32(x);
-    const __m512i iy = _mm512_cvttps_epi32(y);
-    const __m512 fx = _mm512_cvtepi32_ps(ix);
-    const __m512 fy = _mm512_cvtepi32_ps(iy);
-    const __m512 tx = _mm512_sub_ps(x, fx);
-    const __m512 ty = _mm512_sub_ps(y, fy);
-    const __m512i at = _mm512_add_epi32(_mm512_mullo_epi32(_mm512_sub_epi32(iy, top), pitch),
-                                        _mm512_mullo_epi32(ix, three));
-    const __m512i dx = _mm512_maskz_mov_epi32(_mm512_cmp_ps_mask(fx, right, _CMP_LT_OQ), three);
-    const __m512i dy = _mm512_maskz_mov_epi32(_mm512_cmp_ps_mask(fy, bottom, _CMP_LT_OQ), pitch);
-    const __m512i below = _mm512_add_epi32(at, dy);
-    __m512 p00, p01, p10, p11;
-    // Neighbouring pixels read neighbouring places: where a half's reads fall in 32 floats
-    // from its first lane's, two loads and a permute replace its gather.
+    const __m512i at = _mm512_loadu_si512(taps.at + n);
+    const __m512i right = _mm512_loadu_si512(taps.right + n);
+    const __m512i below = _mm512_add_epi32(at, _mm512_loadu_si512(taps.down + n));
     const __m512i atFirst = _mm512_permutexvar_epi32(halves, at);
     const __m512i belowFirst = _mm512_permutexvar_epi32(halves, below);
     const __m512i atRelative = _mm512_sub_epi32(at, atFirst);
     const __m512i belowRelative = _mm512_sub_epi32(below, belowFirst);
-    const __mmask16 fits = _mm512_cmple_epu32_mask(atRelative, windowSpan) &
-                           _mm512_cmple_epu32_mask(belowRelative, windowSpan) &
-                           _mm512_cmple_epi32_mask(belowFirst, lastWindow);
+    const __mmask16 fits = _mm512_cmple_epu32_mask(atRelative, span) &
+                           _mm512_cmple_epu32_mask(belowRelative, span) &
+                           _mm512_cmple_epi32_mask(belowFirst, last);
     const bool lowFits = (fits & 0x00FF) == 0x00FF;
     const bool highFits = (fits & 0xFF00) == 0xFF00;
-    const __mmask16 gathered =
-        static_cast<__mmask16>((lowFits ? 0 : 0x00FF) | (highFits ? 0 : 0xFF00));
+    const auto gathered = static_cast<__mmask16>((lowFits ? 0 : 0x00FF) | (highFits ? 0 : 0xFF00));
+    const __m512i atRight = _mm512_add_epi32(at, right);
+    const __m512i belowRight = _mm512_add_epi32(below, right);
+    __m512 p00, p01, p10, p11;
     if (gathered == 0xFFFF) {
       p00 = _mm512_i32gather_ps(at, channel, 4);
-      p01 = _mm512_i32gather_ps(_mm512_add_epi32(at, dx), channel, 4);
+      p01 = _mm512_i32gather_ps(atRight, channel, 4);
       p10 = _mm512_i32gather_ps(below, channel, 4);
-      p11 = _mm512_i32gather_ps(_mm512_add_epi32(below, dx), channel, 4);
+      p11 = _mm512_i32gather_ps(belowRight, channel, 4);
     } else {
       // A half that does not fit borrows the other's windows (its own may end past the
       // picture), and its lanes are then gathered over.
@@ -184,12 +164,10 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
         atHigh = atLow;
         belowHigh = belowLow;
       }
-      const __m512i atRight = _mm512_add_epi32(at, dx);
-      const __m512i belowRight = _mm512_add_epi32(below, dx);
       p00 = readWindows(atLow, atHigh, atRelative);
-      p01 = readWindows(atLow, atHigh, _mm512_add_epi32(atRelative, dx));
+      p01 = readWindows(atLow, atHigh, _mm512_add_epi32(atRelative, right));
       p10 = readWindows(belowLow, belowHigh, belowRelative);
-      p11 = readWindows(belowLow, belowHigh, _mm512_add_epi32(belowRelative, dx));
+      p11 = readWindows(belowLow, belowHigh, _mm512_add_epi32(belowRelative, right));
       if (gathered != 0) {
         p00 = _mm512_mask_i32gather_ps(p00, gathered, at, channel, 4);
         p01 = _mm512_mask_i32gather_ps(p01, gathered, atRight, channel, 4);
@@ -197,11 +175,13 @@ __attribute__((target("avx512f"))) void readChannelAvx512(const WarpSource& sour
         p11 = _mm512_mask_i32gather_ps(p11, gathered, belowRight, channel, 4);
       }
     }
+    const __m512 tx = _mm512_loadu_ps(taps.tx + n);
     const __m512 a = _mm512_add_ps(p00, _mm512_mul_ps(_mm512_sub_ps(p01, p00), tx));
     const __m512 b = _mm512_add_ps(p10, _mm512_mul_ps(_mm512_sub_ps(p11, p10), tx));
-    _mm512_storeu_ps(out + n, _mm512_add_ps(a, _mm512_mul_ps(_mm512_sub_ps(b, a), ty)));
+    _mm512_storeu_ps(out + n, _mm512_add_ps(a, _mm512_mul_ps(_mm512_sub_ps(b, a),
+                                                             _mm512_loadu_ps(taps.ty + n))));
   }
-  readChannel<std::int32_t>(source, c, xs + n, ys + n, out + n, count - n);
+  blendTaps(channel, taps, n, count, out);
 }
 
 // out[n] = left[node[n]] + step[node[n]] * weight[n]: each pixel's node and the step to the next.
@@ -240,46 +220,60 @@ SpreadKernel selectSpreadKernel() {
   return __builtin_cpu_supports("avx512f") ? spreadNodesAvx512 : spreadNodes;
 }
 
-using ReadKernel = void (*)(const WarpSource&, int, const float*, const float*, float*,
-                            std::size_t);
+using BlendKernel = void (*)(const float*, const Taps<std::int32_t>&, std::size_t, int, float*);
 
-ReadKernel selectReadKernel() {
+void blendTapsPortable(const float* channel, const Taps<std::int32_t>& taps, std::size_t count, int,
+                       float* out) {
+  blendTaps(channel, taps, 0, count, out);
+}
+
+BlendKernel blendKernelFor(WarpIsa isa) {
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx512f")) return readChannelAvx512;
-  if (__builtin_cpu_supports("avx2")) return readChannelAvx2;
-  return readChannel<std::int32_t>;
+  if (isa == WarpIsa::Avx512) return __builtin_cpu_supports("avx512f") ? blendTapsAvx512 : nullptr;
+  if (isa == WarpIsa::Avx2) return __builtin_cpu_supports("avx2") ? blendTapsAvx2 : nullptr;
+  return blendTapsPortable;
+}
+
+BlendKernel fastestBlendKernel() {
+  for (const WarpIsa isa : {WarpIsa::Avx512, WarpIsa::Avx2})
+    if (const BlendKernel kernel = blendKernelFor(isa)) return kernel;
+  return blendTapsPortable;
 }
 
 }  // namespace
 
 void WarpSource::read(int c, const float* xs, const float* ys, float* out,
                       std::size_t count) const {
-  static const ReadKernel narrowKernel = selectReadKernel();
-  if (narrow)
-    narrowKernel(*this, c, xs, ys, out, count);
-  else
-    readChannel<std::ptrdiff_t>(*this, c, xs, ys, out, count);
+  static const BlendKernel fastest = fastestBlendKernel();
+  readIn(fastest, c, xs, ys, out, count);
 }
 
 bool WarpSource::readWith(WarpIsa isa, int c, const float* xs, const float* ys, float* out,
                           std::size_t count) const {
-  __builtin_cpu_init();
-  if (isa == WarpIsa::Portable) {
-    if (narrow)
-      readChannel<std::int32_t>(*this, c, xs, ys, out, count);
-    else
-      readChannel<std::ptrdiff_t>(*this, c, xs, ys, out, count);
-    return true;
-  }
-  if (!narrow) return false;
-  if (isa == WarpIsa::Avx2) {
-    if (!__builtin_cpu_supports("avx2")) return false;
-    readChannelAvx2(*this, c, xs, ys, out, count);
-    return true;
-  }
-  if (!__builtin_cpu_supports("avx512f")) return false;
-  readChannelAvx512(*this, c, xs, ys, out, count);
+  const BlendKernel kernel = blendKernelFor(isa);
+  if (!kernel) return false;
+  readIn(kernel, c, xs, ys, out, count);
   return true;
+}
+
+// Offsets past 32 bits take the portable loop: a picture over ~700 MP is rare enough.
+template <typename Kernel>
+void WarpSource::readIn(Kernel kernel, int c, const float* xs, const float* ys, float* out,
+                        std::size_t count) const {
+  const float* channel = base + c;
+  const auto lastWindow = static_cast<int>(std::min<std::ptrdiff_t>(extent - 32 - c, INT32_MAX));
+  for (std::size_t first = 0; first < count; first += kTapChunk) {
+    const std::size_t n = std::min(kTapChunk, count - first);
+    if (narrow) {
+      Taps<std::int32_t> taps;
+      locate(*this, xs + first, ys + first, n, taps.at, taps.right, taps.down, taps.tx, taps.ty);
+      kernel(channel, taps, n, lastWindow, out + first);
+    } else {
+      Taps<std::ptrdiff_t> taps;
+      locate(*this, xs + first, ys + first, n, taps.at, taps.right, taps.down, taps.tx, taps.ty);
+      blendTaps(channel, taps, 0, n, out + first);
+    }
+  }
 }
 
 void scaleSource(float* source, float x, float y, const LensAmounts& amounts) {

@@ -99,6 +99,11 @@ struct WarpSource {
   float bottom;
   float frameX;
   float frameY;
+
+ private:
+  template <typename Kernel>
+  void readIn(Kernel kernel, int c, const float* xs, const float* ys, float* out,
+              std::size_t count) const;
 };
 
 }  // namespace vorn::detail
