@@ -192,8 +192,25 @@ void spreadNodes(const float* left, const float* step, const int* node, const fl
                   count);
 }
 
-// Sixteen neighbouring pixels lie on at most sixteen neighbouring nodes (a cell is a pixel or
-// more), so one load and a permute of the nodes from the first pixel's replace a gather.
+// Eight neighbouring pixels lie on at most eight neighbouring nodes (a cell is a pixel or more),
+// so one load and a permute of the nodes from the first pixel's replace a gather.
+__attribute__((target("avx2"))) void spreadNodesAvx2(const float* left, const float* step,
+                                                     const int* node, const float* weight,
+                                                     float* out, std::size_t count) {
+  std::size_t n = 0;
+  for (; n + 8 <= count; n += 8) {
+    const __m256i relative = _mm256_sub_epi32(
+        _mm256_loadu_si256(reinterpret_cast<const __m256i*>(node + n)), _mm256_set1_epi32(node[n]));
+    const __m256 slope = _mm256_permutevar8x32_ps(_mm256_loadu_ps(step + node[n]), relative);
+    const __m256 offset = _mm256_mul_ps(slope, _mm256_loadu_ps(weight + n));
+    _mm256_storeu_ps(
+        out + n,
+        _mm256_add_ps(_mm256_permutevar8x32_ps(_mm256_loadu_ps(left + node[n]), relative), offset));
+  }
+  spreadNodes(left, step, node + n, weight + n, out + n, count - n);
+}
+
+// The same with sixteen pixels.
 __attribute__((target("avx512f"))) void spreadNodesAvx512(const float* left, const float* step,
                                                           const int* node, const float* weight,
                                                           float* out, std::size_t count) {
@@ -217,7 +234,8 @@ using SpreadKernel = void (*)(const float*, const float*, const int*, const floa
 
 SpreadKernel selectSpreadKernel() {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("avx512f") ? spreadNodesAvx512 : spreadNodes;
+  if (__builtin_cpu_supports("avx512f")) return spreadNodesAvx512;
+  return __builtin_cpu_supports("avx2") ? spreadNodesAvx2 : spreadNodes;
 }
 
 using BlendKernel = void (*)(const float*, const Taps<std::int32_t>&, std::size_t, int, float*);
