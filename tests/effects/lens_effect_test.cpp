@@ -361,10 +361,9 @@ TEST(LensCorrection, RowReadsMatchTheSingleSampler) {
     frameXs[n] = xs[n] - originX;
     frameYs[n] = ys[n] - originY;
   }
-  // Every kernel the machine runs, on 32-bit and wide offsets; the count is not a multiple of
-  // a vector, so the tails are read too.
-  // Bounds inside the picture, and the whole of it (whose last rows have no room for a
-  // vector's loads past them).
+  // Every kernel the machine runs, on 32-bit and wide offsets, in bounds inside the picture and
+  // in the whole of it (whose last rows leave no room for a vector's loads past them); the count
+  // is not a multiple of a vector, so the tails are read too.
   int kernels = 0;
   for (const _Rect<int> bounds : {_Rect<int>(4, 3, 40, 30), image.rect()})
     for (const bool narrow : {true, false}) {
@@ -385,7 +384,7 @@ TEST(LensCorrection, RowReadsMatchTheSingleSampler) {
         }
       }
     }
-  EXPECT_GE(kernels, 4) << "the portable kernel reads both offset widths";
+  EXPECT_GE(kernels, 4) << "the portable kernel reads in both bounds and offset widths";
 }
 
 TEST(LensVignette, DarkensOrLightensCornersAndKeepsTheCentre) {

@@ -81,15 +81,15 @@ struct WarpSource {
   /// out[n] = channel c (0 red, 1 green, 2 blue) at (xs[n], ys[n]) for n below count; a NaN
   /// position lands on the low edge.
   void read(int c, const float* xs, const float* ys, float* out, std::size_t count) const;
-  /// read with the given kernel; false when the CPU lacks its instructions or the offsets do
-  /// not fit its 32 bits (so that tests compare every kernel with the portable one).
+  /// read with the given kernel (offsets past 32 bits always take the portable one); false
+  /// when the CPU lacks its instructions. Tests compare every kernel with the portable one.
   bool readWith(WarpIsa isa, int c, const float* xs, const float* ys, float* out,
                 std::size_t count) const;
 
   const float* base;  ///< red of the bounds' first row's pixel 0
   std::ptrdiff_t pitch;
   int top;
-  /// Offsets fit 32 bits (a source under ~700 MP): the gathers are then twice as wide.
+  /// Offsets fit 32 bits (a source under ~700 MP), as the vector kernels need.
   bool narrow;
   /// The values from base to the picture's end: vector reads may load anywhere below it.
   std::ptrdiff_t extent;
