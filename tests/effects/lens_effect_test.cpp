@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "effects/effect_test_support.h"
+#include "effects/kernels/bilinear.h"
 #include "effects/kernels/linear_gain.h"
 #include "effects/lens/lens_database.h"
 #include "effects/lens/lens_field.h"
@@ -284,26 +285,106 @@ TEST(LensCorrection, GridOfTheModelsMatchesThemEverywhere) {
   const _Size<int> frame(6000, 4000);
   const detail::LensModifier modifier(*profile, frame, {true, true, true});
   ASSERT_TRUE(modifier.movesPixels() && modifier.shadesPixels());
-  // A region away from the origin, so node positions and row starts are both exercised.
+  // A region away from the origin, so node positions and row starts are both exercised; the
+  // second amounts push the other way and scale the aberration and shading.
   const _Rect<int> area(37, 11, 5963, 3989);
-  const detail::LensField field(modifier, frame, area);
-  std::vector<float> coordinates(6 * 5963);
-  std::vector<float> gains(5963);
-  float worstShift = 0.0f;
-  float worstGain = 0.0f;
-  for (const int y : {11, 12, 500, 1999, 3999}) {
-    field.row(area.x, y, area.width, coordinates.data(), gains.data());
-    for (int n = 0; n < area.width; n += 7) {
-      float exact[6];
-      ASSERT_TRUE(modifier.sourceAt(area.x + n, y, exact));
-      for (int c = 0; c < 6; ++c)
-        worstShift = std::max(worstShift, std::fabs(coordinates[6 * n + c] - exact[c]));
-      const float gain = modifier.shadingGainAt(area.x + n, y);
-      worstGain = std::max(worstGain, std::fabs(gains[n] / gain - 1.0f));
+  for (const detail::LensAmounts amounts :
+       {detail::LensAmounts{}, detail::LensAmounts{-0.7f, 0.5f, 0.8f}}) {
+    const detail::LensField field(modifier, frame, area, amounts);
+    std::vector<float> values(detail::kLensPlanes * static_cast<std::size_t>(area.width));
+    float* planes[detail::kLensPlanes];
+    for (int k = 0; k < detail::kLensPlanes; ++k) planes[k] = values.data() + k * area.width;
+    float worstShift = 0.0f;
+    float worstGain = 0.0f;
+    float worstRoot = 0.0f;
+    for (const int y : {11, 12, 500, 1999, 3999}) {
+      // Pieces that start mid-cell read what one call over the row reads.
+      field.row(area.x, y, 1000, planes);
+      for (int k = 0; k < detail::kLensPlanes; ++k) planes[k] += 1000;
+      field.row(area.x + 1000, y, area.width - 1000, planes);
+      for (int k = 0; k < detail::kLensPlanes; ++k) planes[k] -= 1000;
+      for (int n = 0; n < area.width; n += 7) {
+        float exact[6];
+        ASSERT_TRUE(modifier.sourceAt(area.x + n, y, exact));
+        detail::scaleSource(exact, static_cast<float>(area.x + n), static_cast<float>(y), amounts);
+        for (int c = 0; c < 6; ++c)
+          worstShift = std::max(worstShift, std::fabs(planes[c][n] - exact[c]));
+        const float gain =
+            1.0f + amounts.vignetting * (modifier.shadingGainAt(area.x + n, y) - 1.0f);
+        worstGain = std::max(worstGain, std::fabs(planes[detail::kGain][n] / gain - 1.0f));
+        worstRoot =
+            std::max(worstRoot,
+                     std::fabs(planes[detail::kGainRoot][n] / std::pow(gain, 1.0f / 2.4f) - 1.0f));
+      }
     }
+    EXPECT_LT(worstShift, 2e-3f) << amounts.distortion;
+    EXPECT_LT(worstGain, 1e-3f) << amounts.distortion;
+    EXPECT_LT(worstRoot, 1e-3f) << amounts.distortion;
   }
-  EXPECT_LT(worstShift, 2e-3f);
-  EXPECT_LT(worstGain, 1e-3f);
+}
+
+TEST(LensCorrection, RowReadsMatchTheSingleSampler) {
+  // Uneven values, so a wrong offset, neighbour or channel shows.
+  ImageRGBf image(_Size<int>(53, 41));
+  for (int y = 0; y < image.height; ++y)
+    for (int x = 0; x < image.width; ++x) {
+      const auto u = static_cast<float>(x);
+      const auto v = static_cast<float>(y);
+      image.at(x, y) = PixelRGB<float>(std::sin(0.3f * u + 0.7f * v), 0.01f * u * v,
+                                       std::cos(0.5f * u - 0.2f * v));
+    }
+  // Inside, on and past every edge, the far corner, NaN and infinities; rows of positions a
+  // pixel or less apart, as a warp reads them, and a tilted row that crosses picture rows.
+  std::vector<float> xs;
+  std::vector<float> ys;
+  for (float y = -5.25f; y < 43.0f; y += 1.37f)
+    for (float x = -3.5f; x < 56.0f; x += 0.91f) {
+      xs.push_back(x);
+      ys.push_back(y);
+    }
+  for (float x = -1.6f; x < 54.0f; x += 1.0f) {
+    xs.push_back(x);
+    ys.push_back(20.0f + 0.09f * x);
+  }
+  const float odd[][2] = {{43.0f, 32.0f},        {43.5f, 2.0f},         {NAN, 10.0f}, {10.0f, NAN},
+                          {INFINITY, -INFINITY}, {-INFINITY, INFINITY}, {4.0f, 3.0f}};
+  for (const auto& p : odd) {
+    xs.push_back(p[0]);
+    ys.push_back(p[1]);
+  }
+  // Frame coordinates from an origin inside the picture.
+  const float originX = 2.0f;
+  const float originY = -1.0f;
+  std::vector<float> frameXs(xs.size());
+  std::vector<float> frameYs(ys.size());
+  for (std::size_t n = 0; n < xs.size(); ++n) {
+    frameXs[n] = xs[n] - originX;
+    frameYs[n] = ys[n] - originY;
+  }
+  // Every kernel the machine runs, on 32-bit and wide offsets, in bounds inside the picture and
+  // in the whole of it (whose last rows leave no room for a vector's loads past them); the count
+  // is not a multiple of a vector, so the tails are read too.
+  int kernels = 0;
+  for (const _Rect<int> bounds : {_Rect<int>(4, 3, 40, 30), image.rect()})
+    for (const bool narrow : {true, false}) {
+      const detail::ChannelSampler single(image, bounds);
+      detail::WarpSource rows(image, bounds, originX, originY);
+      rows.narrow = narrow;
+      for (const auto isa :
+           {detail::WarpIsa::Portable, detail::WarpIsa::Avx2, detail::WarpIsa::Avx512}) {
+        std::vector<float> read(xs.size());
+        for (int c = 0; c < 3; ++c) {
+          if (!rows.readWith(isa, c, frameXs.data(), frameYs.data(), read.data(), read.size()))
+            break;
+          if (c == 0) ++kernels;
+          for (std::size_t n = 0; n < xs.size(); ++n)
+            ASSERT_EQ(read[n], single.at(frameXs[n] + originX, frameYs[n] + originY, c))
+                << "narrow " << narrow << " kernel " << static_cast<int>(isa) << " channel " << c
+                << " at " << xs[n] << ", " << ys[n];
+        }
+      }
+    }
+  EXPECT_GE(kernels, 4) << "the portable kernel reads in both bounds and offset widths";
 }
 
 TEST(LensVignette, DarkensOrLightensCornersAndKeepsTheCentre) {

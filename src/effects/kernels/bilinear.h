@@ -10,15 +10,19 @@
 // rays read only the pixels their render window holds.
 namespace vorn::detail {
 
+/// v limited to [low, high] with selects, which vectorise and send NaN to low.
+inline float clampedTo(float v, float low, float high) {
+  v = v > low ? v : low;
+  return v < high ? v : high;
+}
+
 /// The four pixels around a position and its weights, the position first clamped to bounds
 /// (a NaN coordinate lands on the low edge).
 struct BilinearTap {
   BilinearTap(_Rect<int> bounds, float x, float y) {
-    const auto low = [](float v, float edge) { return v > edge ? v : edge; };
-    const auto high = [](float v, float edge) { return v < edge ? v : edge; };
-    x = high(low(x, static_cast<float>(bounds.x)), static_cast<float>(bounds.x + bounds.width - 1));
-    y = high(low(y, static_cast<float>(bounds.y)),
-             static_cast<float>(bounds.y + bounds.height - 1));
+    x = clampedTo(x, static_cast<float>(bounds.x), static_cast<float>(bounds.x + bounds.width - 1));
+    y = clampedTo(y, static_cast<float>(bounds.y),
+                  static_cast<float>(bounds.y + bounds.height - 1));
     x0 = static_cast<int>(x);
     y0 = static_cast<int>(y);
     x1 = x0 + 1 < bounds.x + bounds.width ? x0 + 1 : x0;
@@ -56,10 +60,8 @@ class ChannelSampler {
 
   /// Channel c (0 red, 1 green, 2 blue) at (x, y); a NaN coordinate lands on the low edge.
   float at(float x, float y, int c) const {
-    x = x > left_ ? x : left_;
-    x = x < right_ ? x : right_;
-    y = y > top_ ? y : top_;
-    y = y < bottom_ ? y : bottom_;
+    x = clampedTo(x, left_, right_);
+    y = clampedTo(y, top_, bottom_);
     const int ix = static_cast<int>(x);
     const int iy = static_cast<int>(y);
     const float tx = x - static_cast<float>(ix);

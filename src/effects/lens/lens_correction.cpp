@@ -2,13 +2,13 @@
 // chromatic aberration) as a per-channel warp read bilinearly, the shading as a gain on light.
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <vector>
 
 #include "effects/creative/slider.h"
-#include "effects/kernels/bilinear.h"
+#include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/frame_geometry.h"
 #include "effects/kernels/linear_gain.h"
-#include "effects/kernels/sampled_curve.h"
 #include "effects/lens/lens_database.h"
 #include "effects/lens/lens_field.h"
 #include "vorn/effects/lens_effects.h"
@@ -20,38 +20,13 @@ using detail::fraction;
 using detail::signedFraction;
 
 /// The three sliders as scales of the profile's corrections.
-struct CorrectionAmounts {
-  explicit CorrectionAmounts(const Effect& effect)
-      : distortion(signedFraction(effect, 0)),
-        aberration(fraction(effect, 1)),
-        vignetting(fraction(effect, 2)) {}
-  detail::LensCorrections corrections() const {
-    return {distortion != 0.0f, aberration != 0.0f, vignetting != 0.0f};
-  }
-  // The warp's displacement scales with Distortion; its negative side pushes the other way,
-  // adding the lens's own distortion instead of removing it.
-  float distortion;
-  float aberration;
-  float vignetting;
-};
+detail::LensAmounts amountsOf(const Effect& effect) {
+  return {signedFraction(effect, 0), fraction(effect, 1), fraction(effect, 2)};
+}
 
-/// Where channel c of output pixel (x, y) reads from, in frame coordinates, given the profile's
-/// coordinates of the pixel (six floats): green follows the scaled distortion, red and blue keep
-/// their scaled offsets from green.
-struct WarpedPixel {
-  float x[3];
-  float y[3];
-  WarpedPixel(const float* profile, float px, float py, const CorrectionAmounts& amounts) {
-    const float gx = px + amounts.distortion * (profile[2] - px);
-    const float gy = py + amounts.distortion * (profile[3] - py);
-    for (int c = 0; c < 3; c += 2) {
-      x[c] = gx + amounts.aberration * (profile[2 * c] - profile[2]);
-      y[c] = gy + amounts.aberration * (profile[2 * c + 1] - profile[3]);
-    }
-    x[1] = gx;
-    y[1] = gy;
-  }
-};
+detail::LensCorrections correctionsOf(const detail::LensAmounts& amounts) {
+  return {amounts.distortion != 0.0f, amounts.aberration != 0.0f, amounts.vignetting != 0.0f};
+}
 
 /// The frame a reach is computed for: the owner's whole image, else a 24 MP 3:2 frame at the
 /// render's spatial scale (a larger frame without a context may read past the margin, clamped).
@@ -66,7 +41,7 @@ _Size<int> assumedFrame(const std::shared_ptr<EffectContext>& context, float spa
 
 /// The largest distance any channel moves over a grid of the frame (its edges included).
 float largestDisplacement(const detail::LensModifier& modifier, _Size<int> frame,
-                          const CorrectionAmounts& amounts) {
+                          const detail::LensAmounts& amounts) {
   constexpr int kSteps = 24;
   std::vector<float> profile(6 * (kSteps + 1));
   float largest = 0.0f;
@@ -76,10 +51,10 @@ float largestDisplacement(const detail::LensModifier& modifier, _Size<int> frame
       const int x = (frame.width - 1) * i / kSteps;
       float* p = profile.data() + 6 * i;
       if (!modifier.sourceAt(x, y, p)) return 0.0f;
-      const WarpedPixel warped(p, static_cast<float>(x), static_cast<float>(y), amounts);
-      for (int c = 0; c < 3; ++c)
-        largest = std::max(largest, std::hypot(warped.x[c] - static_cast<float>(x),
-                                               warped.y[c] - static_cast<float>(y)));
+      detail::scaleSource(p, static_cast<float>(x), static_cast<float>(y), amounts);
+      for (int c = 0; c < 6; c += 2)
+        largest = std::max(
+            largest, std::hypot(p[c] - static_cast<float>(x), p[c + 1] - static_cast<float>(y)));
     }
   }
   return largest;
@@ -107,9 +82,9 @@ bool LensCorrectionEffect::hasProfile() const {
 int LensCorrectionEffect::reach(float spatialScale) const {
   if (isIdentity()) return 0;
   const auto profile = detail::findLensProfile(*shot());
-  const CorrectionAmounts amounts(*this);
+  const detail::LensAmounts amounts = amountsOf(*this);
   const _Size<int> frame = assumedFrame(context_, spatialScale);
-  const detail::LensModifier modifier(*profile, frame, amounts.corrections());
+  const detail::LensModifier modifier(*profile, frame, correctionsOf(amounts));
   // The grid may miss the peak between its points, and the bilinear read takes one pixel more;
   // a profile gone wild (NaN, huge) reads the whole frame at most.
   const float largest = largestDisplacement(modifier, frame, amounts);
@@ -118,7 +93,7 @@ int LensCorrectionEffect::reach(float spatialScale) const {
 }
 
 bool LensCorrectionEffect::isIdentity() const {
-  const CorrectionAmounts amounts(*this);
+  const detail::LensAmounts amounts = amountsOf(*this);
   if (amounts.distortion == 0.0f && amounts.aberration == 0.0f && amounts.vignetting == 0.0f)
     return true;
   return !hasProfile();
@@ -126,58 +101,57 @@ bool LensCorrectionEffect::isIdentity() const {
 
 // Profile correction: lensfun's inverse distortion and TCA models (on a node grid, bilinear
 // between) give each output pixel's source per channel, read bilinearly; its vignetting model's
-// gain multiplies linear light.
+// gain multiplies linear light. Rows go in pieces whose planes stay in the first-level cache.
 void LensCorrectionEffect::render(const Window& window) const {
   const auto profile = detail::findLensProfile(*shot());
-  const CorrectionAmounts amounts(*this);
-  const detail::LensModifier modifier(*profile, _Size<int>(window.frame.width, window.frame.height),
-                                      amounts.corrections());
+  const detail::LensAmounts amounts = amountsOf(*this);
+  const _Size<int> frame(window.frame.width, window.frame.height);
+  const detail::LensModifier modifier(*profile, frame, correctionsOf(amounts));
   const bool warp = modifier.movesPixels();
   const bool shade = modifier.shadesPixels();
   const int frameX = window.output.x - window.frame.x;
   const int frameY = window.output.y - window.frame.y;
   const detail::LensField field(
-      modifier, _Size<int>(window.frame.width, window.frame.height),
-      _Rect<int>(frameX, frameY, window.output.width, window.output.height));
-  // The encoded-value gain needs g^(1/2.4): tabulated once over the gains a lens can ask for.
-  const detail::SampledCurve root(0.25f, 8.0f, 4096,
-                                  [](float g) { return std::pow(g, 1.0f / 2.4f); });
-  const detail::ChannelSampler sampler(window.source, window.input);
-  const auto fx = static_cast<float>(window.frame.x);
-  const auto fy = static_cast<float>(window.frame.y);
+      modifier, frame, _Rect<int>(frameX, frameY, window.output.width, window.output.height),
+      amounts);
+  const detail::WarpSource source(window.source, window.input, static_cast<float>(window.frame.x),
+                                  static_cast<float>(window.frame.y));
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
-    thread_local std::vector<float> coordinates;
-    thread_local std::vector<float> gains;
-    thread_local std::vector<float> roots;
-    coordinates.resize(warp ? 6 * count : 0);
-    gains.resize(shade ? count : 0);
-    const int rowY = y - window.frame.y;
-    field.row(frameX, rowY, static_cast<int>(count), warp ? coordinates.data() : nullptr,
-              shade ? gains.data() : nullptr);
-    if (warp) {
-      for (std::size_t i = 0; i < count; ++i) {
-        const WarpedPixel warped(coordinates.data() + 6 * i,
-                                 static_cast<float>(frameX + static_cast<int>(i)),
-                                 static_cast<float>(rowY), amounts);
-        out[i] = PixelRGB<float>(sampler.at(warped.x[0] + fx, warped.y[0] + fy, 0),
-                                 sampler.at(warped.x[1] + fx, warped.y[1] + fy, 1),
-                                 sampler.at(warped.x[2] + fx, warped.y[2] + fy, 2));
+    constexpr std::size_t kPiece = 512;
+    alignas(64) float buffer[detail::kLensPlanes + 3][kPiece];
+    float* planes[detail::kLensPlanes];
+    for (int k = 0; k < detail::kLensPlanes; ++k)
+      planes[k] = (k < detail::kGain ? warp : shade) ? buffer[k] : nullptr;
+    float* const channels[3] = {buffer[detail::kLensPlanes], buffer[detail::kLensPlanes + 1],
+                                buffer[detail::kLensPlanes + 2]};
+    PixelRGB<float> warped[kPiece];
+    for (std::size_t first = 0; first < count; first += kPiece) {
+      const std::size_t n = std::min(kPiece, count - first);
+      field.row(frameX + static_cast<int>(first), y - window.frame.y, static_cast<int>(n), planes);
+      PixelRGB<float>* piece = out + first;
+      // The shading reads the warped pixels from a buffer apart from the row: in place, it
+      // would copy them aside itself.
+      const PixelRGB<float>* shaded = in + first;
+      if (warp) {
+        for (int c = 0; c < 3; ++c)
+          source.read(c, planes[2 * c], planes[2 * c + 1], channels[c], n);
+        PixelRGB<float>* interleaved = shade ? warped : piece;
+        detail::clonedLoop(
+            [r = channels[0], g = channels[1], b = channels[2],
+             o = &interleaved->r](std::size_t i) {
+              o[3 * i] = r[i];
+              o[3 * i + 1] = g[i];
+              o[3 * i + 2] = b[i];
+            },
+            n);
+        shaded = warped;
+      } else if (!shade) {
+        std::copy(in + first, in + first + n, piece);
       }
-    } else {
-      std::copy(in, in + count, out);
-    }
-    if (shade) {
-      roots.resize(count);
-      for (std::size_t i = 0; i < count; ++i) {
-        // Clamped to the table's span; a sane profile never leaves it.
-        float gain = 1.0f + amounts.vignetting * (gains[i] - 1.0f);
-        gain = gain > 0.25f ? gain : 0.25f;
-        gain = gain < 8.0f ? gain : 8.0f;
-        gains[i] = gain;
-        roots[i] = root.at(gain);
-      }
-      detail::applyEncodedGains(out, out, gains.data(), roots.data(), count);
+      if (shade)
+        detail::applyEncodedGains(shaded, piece, planes[detail::kGain], planes[detail::kGainRoot],
+                                  n);
     }
   });
 }
