@@ -313,9 +313,10 @@ int LensField::nodeOf(int v) const {
 LensField::LensField(const LensModifier& modifier, _Size<int> frame, _Rect<int> area,
                      const LensAmounts& amounts) {
   // The models are functions of the radius over the half diagonal: cells of a 320th of it keep
-  // the error near a thousandth of a pixel and of a gain, with at most ~2e5 nodes.
+  // the error near a thousandth of a pixel and of a gain, with at most ~2e5 nodes. Rounded to
+  // the nearest: truncating 2.8 to 2 gave a preview more nodes than the full frame.
   const double halfDiagonal = 0.5 * std::hypot(frame.width, frame.height);
-  cell_ = std::max(1, static_cast<int>(halfDiagonal / 320.0));
+  cell_ = std::max(1, static_cast<int>(std::lround(halfDiagonal / 320.0)));
   areaX_ = area.x;
   firstColumn_ = nodeOf(area.x);
   firstRow_ = nodeOf(area.y);
