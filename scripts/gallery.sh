@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Renders every detail, creative, colour, LUT, lens and face effect at a strong setting on a sample
-# photo and writes a labelled contact sheet and an HTML page, so a person sees at a glance what
-# each one does.
+# Renders every effect identifier (tone, detail, creative, colour, LUT, lens, face and the grouped
+# ones) at a strong setting on a sample photo and writes a labelled contact sheet and an HTML page,
+# so a person sees at a glance what each one does.
 #   scripts/gallery.sh [OUTPUT_DIR]   (default build/gallery)
 # Settings below are "Name=value,Name=value"; an identifier without one gets its first parameter
 # at 80 % of its range.
@@ -24,6 +24,18 @@ export VORN_DATA_DIR="${VORN_DATA_DIR:-$PWD/build/sample/data}"
 longSide=640
 
 declare -A strong=(
+  [VORNExposureEffect]="Exposure=40"
+  [VORNExposureEffectHDR]="Exposure=40"
+  [VORNShadowsEffect]="Shadows=80"
+  [VORNHighlightsEffect]="Highlights=-80"
+  [VORNHighlightsEffectHDR]="Shadows=80"
+  [VORNBlackWhiteEffect]="Whites=40,Blacks=-60"
+  [VORNCurveEffect]="RGB=75"
+  [VORNDevelopCommonEffectID]="Exposure=20,Shadows=60,Contrast=40"
+  [VORNRawDevelopCommonEffectID]="Highlight Recovery=100,Black Level=60"
+  [VORNHDRBasicCommonEffectID]="Highlights Color=-60,Contrast=30,Amount=60"
+  [VORNHDRBasicCommonEffectRawID]="Temperature=40,Shadows=50"
+  [VORNSkyEnhancerEffect]="Amount=100"
   [VORNSimpleBlurEffect]="Radius=40"
   [VORNSmartBlurEffect]="Amount=100,Smooth=200,Boost=20"
   [VORNGlowEffect]="Amount=80,Radius=50,Brightness=20"
@@ -90,10 +102,14 @@ default_setting() {
     printf "%s=%g", name, min + 0.8 * (max - min); exit }'
 }
 
-ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/detail_effects.h \
+ids=$(grep -ho 'kId = "VORN[A-Za-z0-9]*"' include/vorn/effects/tone_effects.h \
+        include/vorn/effects/detail_effects.h \
         include/vorn/effects/creative_effects.h include/vorn/effects/color_effects.h \
         include/vorn/effects/lut_effects.h include/vorn/effects/lens_effects.h \
         include/vorn/effects/face_effects.h | sed 's/.*"\(.*\)"/\1/')
+# The grouped identifiers are named where their chains are declared.
+ids+=" $(grep -ho 'EffectsArray("VORN[A-Za-z0-9]*"' src/effects/grouped/grouped_effects.cpp |
+  sed 's/.*"\(.*\)"/\1/' | tr '\n' ' ')"
 # The LUT effect finds the tables our script makes in the data folder.
 python3 scripts/make-luts.py "$VORN_DATA_DIR/LUTs"
 

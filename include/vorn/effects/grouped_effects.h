@@ -3,7 +3,7 @@
 #include "vorn/effects/effects_array.h"
 
 // Grouped effects: fixed chains of registered effects shown as one; each is as finished as
-// the effects it chains (the tone ones process, the others still pass pixels through).
+// the effects it chains.
 namespace vorn {
 
 /// The develop panel: exposure, smart tone, highlights and shadows, whites and blacks, contrast.
