@@ -64,8 +64,30 @@ VORN_DISPATCH void encodeValues(const float* in, float* out, std::size_t count) 
 
 }  // namespace
 
+namespace {
+
+/// True when every one of count values lies in [0, 1]; NaN does not.
+inline bool allInUnitRange(const float* values, std::size_t count) {
+  unsigned outside = 0;
+  for (std::size_t i = 0; i < count; ++i)
+    outside |= values[i] >= 0.0f && values[i] <= 1.0f ? 0u : 1u;
+  return outside == 0;
+}
+
+}  // namespace
+
+// Pixels in [0, 1], the usual case, skip the steps that carry the curves beyond it; the result
+// is the same bit for bit.
 VORN_DISPATCH void decodeToPlanes(const float* __restrict in, float* __restrict r,
                                   float* __restrict g, float* __restrict b, std::size_t count) {
+  if (allInUnitRange(in, 3 * count)) {
+    for (std::size_t i = 0; i < count; ++i) {
+      r[i] = srgbDecodeUnit(in[3 * i]);
+      g[i] = srgbDecodeUnit(in[3 * i + 1]);
+      b[i] = srgbDecodeUnit(in[3 * i + 2]);
+    }
+    return;
+  }
   const SrgbDecode decode;
   for (std::size_t i = 0; i < count; ++i) {
     r[i] = decode(in[3 * i]);
@@ -77,11 +99,37 @@ VORN_DISPATCH void decodeToPlanes(const float* __restrict in, float* __restrict 
 VORN_DISPATCH void encodeFromPlanes(const float* __restrict r, const float* __restrict g,
                                     const float* __restrict b, float* __restrict out,
                                     std::size_t count) {
+  if (allInUnitRange(r, count) && allInUnitRange(g, count) && allInUnitRange(b, count)) {
+    for (std::size_t i = 0; i < count; ++i) {
+      out[3 * i] = srgbEncodeUnit(r[i]);
+      out[3 * i + 1] = srgbEncodeUnit(g[i]);
+      out[3 * i + 2] = srgbEncodeUnit(b[i]);
+    }
+    return;
+  }
   const SrgbEncode encode;
   for (std::size_t i = 0; i < count; ++i) {
     out[3 * i] = encode(r[i]);
     out[3 * i + 1] = encode(g[i]);
     out[3 * i + 2] = encode(b[i]);
+  }
+}
+
+VORN_DISPATCH void splitToPlanes(const float* __restrict in, float* __restrict r,
+                                 float* __restrict g, float* __restrict b, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    r[i] = in[3 * i];
+    g[i] = in[3 * i + 1];
+    b[i] = in[3 * i + 2];
+  }
+}
+
+VORN_DISPATCH void joinPlanes(const float* __restrict r, const float* __restrict g,
+                              const float* __restrict b, float* __restrict out, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    out[3 * i] = r[i];
+    out[3 * i + 1] = g[i];
+    out[3 * i + 2] = b[i];
   }
 }
 

@@ -135,19 +135,25 @@ inline float srgbEncodeRoot(float t) {
   return p * scale;
 }
 
+/// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
+/// a pass that knows its values lie there may skip the rest and still agree bit for bit.
+inline float srgbDecodeUnit(float m) {
+  float t = (m + 0.055f) * (1.0f / 1.055f);
+  t = t < 1.0f ? t : 1.0f;
+  // t is at least 0.0521 wherever the power is kept.
+  t = t > 0.05f ? t : 0.05f;
+  // Computed for every value, so the select below needs no branch.
+  const float power = srgbDecodePower(t);
+  return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
+}
+
 /// sRGB decoding of any value: negative values mirror the positive side, values above 1 continue
 /// as a straight line and NaN becomes 0. Branch-free, so loops over it vectorise.
 struct SrgbDecode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
-    float t = (magnitude + 0.055f) * (1.0f / 1.055f);
-    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
-    // t is at least 0.0521 wherever the power is kept.
-    t = t > 0.05f ? t : 0.05f;
-    // Computed for every value, so the select below needs no branch.
-    const float power = srgbDecodePower(t);
-    float y = magnitude <= 0.04045f ? magnitude * (1.0f / 12.92f) : power;
+    float y = srgbDecodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * kSrgbSlopeAtOne : y;
     return std::copysign(y, x);
   }
@@ -155,15 +161,20 @@ struct SrgbDecode {
   void apply(const float* in, float* out, std::size_t count) const;
 };
 
+/// sRGB encoding of m in [0, 1], the steps SrgbEncode extends to every value.
+inline float srgbEncodeUnit(float m) {
+  float t = m < 1.0f ? m : 1.0f;
+  t = t > 0.003f ? t : 0.003f;
+  const float root = 1.055f * srgbEncodeRoot(t) - 0.055f;
+  return m <= 0.0031308f ? m * 12.92f : root;
+}
+
 /// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
 struct SrgbEncode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
-    float t = magnitude < 1.0f ? magnitude : 1.0f;
-    t = t > 0.003f ? t : 0.003f;
-    const float root = 1.055f * srgbEncodeRoot(t) - 0.055f;
-    float y = magnitude <= 0.0031308f ? magnitude * 12.92f : root;
+    float y = srgbEncodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
     return std::copysign(y, x);
   }
@@ -189,6 +200,10 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 /// Encodes linear-light planes into count interleaved sRGB pixels.
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count);
+
+/// Splits count interleaved pixels into planes as they are, and joins them back.
+void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
+void joinPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count);
 
 /// The exact sRGB transfer functions on [0, 1], for per-call set-up.
 float srgbToLinearExact(float encoded);
