@@ -96,43 +96,43 @@ inline float binadeScale(float t, float& f, const std::array<float, Bits>& steps
   return scale;
 }
 
+/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule; the vector passes repeat the same steps.
+template <std::size_t N>
+inline float horner(const std::array<float, N>& c, float u) {
+  float p = c[0];
+  for (std::size_t k = 1; k < N; ++k) p = p * u + c[k];
+  return p;
+}
+
+/// 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
+inline constexpr std::array<float, 3> kDecodeSteps = {1.894645708e-01f, 3.589682359e-02f,
+                                                      1.288581944e-03f};
+/// f^2.4 on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 7> kDecodePolynomial = {
+    -1.148404387e-03f, 3.917631254e-03f, -1.755438233e-02f, 1.756061089e-01f,
+    1.975812494e+00f,  4.233885162e+00f, 2.646177801e+00f};
+
 /// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
 /// error below 6e-7), with no divide, logarithm or exponential.
 inline float srgbDecodePower(float t) {
-  // 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
-  static constexpr std::array<float, 3> kSteps = {1.894645708e-01f, 3.589682359e-02f,
-                                                  1.288581944e-03f};
   float f;
-  const float scale = binadeScale(t, f, kSteps);
-  const float u = f - 1.5f;
-  const float p = ((((((-1.148404387e-03f * u + 3.917631254e-03f) * u - 1.755438233e-02f) * u +
-                      1.756061089e-01f) *
-                         u +
-                     1.975812494e+00f) *
-                        u +
-                    4.233885162e+00f) *
-                       u +
-                   2.646177801e+00f);
-  return p * scale;
+  const float scale = binadeScale(t, f, kDecodeSteps);
+  return horner(kDecodePolynomial, f - 1.5f) * scale;
 }
+
+/// 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
+inline constexpr std::array<float, 4> kEncodeSteps = {7.491535384e-01f, 5.612310242e-01f,
+                                                      3.149802625e-01f, 9.921256575e-02f};
+/// f^(1/2.4) on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 7> kEncodePolynomial = {
+    -2.691525734e-03f, 5.235440120e-03f, -9.645350204e-03f, 2.242407490e-02f,
+    -6.395487171e-02f, 3.289062385e-01f, 1.184053587e+00f};
 
 /// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7).
 inline float srgbEncodeRoot(float t) {
-  // 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
-  static constexpr std::array<float, 4> kSteps = {7.491535384e-01f, 5.612310242e-01f,
-                                                  3.149802625e-01f, 9.921256575e-02f};
   float f;
-  const float scale = binadeScale(t, f, kSteps);
-  const float u = f - 1.5f;
-  const float p = ((((((-2.691525734e-03f * u + 5.235440120e-03f) * u - 9.645350204e-03f) * u +
-                      2.242407490e-02f) *
-                         u -
-                     6.395487171e-02f) *
-                        u +
-                    3.289062385e-01f) *
-                       u +
-                   1.184053587e+00f);
-  return p * scale;
+  const float scale = binadeScale(t, f, kEncodeSteps);
+  return horner(kEncodePolynomial, f - 1.5f) * scale;
 }
 
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
