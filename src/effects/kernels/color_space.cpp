@@ -188,58 +188,70 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
-VORN_AVX512 inline __m512 decodeAvx512(__m512 x, __m512 scales) {
-  const __m512 one = _mm512_set1_ps(1.0f);
-  const __m512 m = magnitudeAvx512(x);
+/// srgbDecodeUnit for 16 values.
+VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
   __m512 t = _mm512_mul_ps(_mm512_add_ps(m, _mm512_set1_ps(0.055f)), _mm512_set1_ps(1.0f / 1.055f));
-  t = maxAvx512(minAvx512(t, one), _mm512_set1_ps(0.05f));
+  t = maxAvx512(minAvx512(t, _mm512_set1_ps(1.0f)), _mm512_set1_ps(0.05f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales);
   const __m512 power =
       _mm512_mul_ps(hornerAvx512(kDecodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
-  __m512 y = _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ),
-                                  power, _mm512_mul_ps(m, _mm512_set1_ps(1.0f / 12.92f)));
-  const __m512 line =
-      _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(kSrgbSlopeAtOne)));
-  y = _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), y, line);
-  return copySignAvx512(y, x);
+  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), power,
+                              _mm512_mul_ps(m, _mm512_set1_ps(1.0f / 12.92f)));
 }
 
-VORN_AVX512 inline __m512 encodeAvx512(__m512 x, __m512 scales) {
-  const __m512 one = _mm512_set1_ps(1.0f);
-  const __m512 m = magnitudeAvx512(x);
-  const __m512 t = maxAvx512(minAvx512(m, one), _mm512_set1_ps(0.003f));
+/// srgbEncodeUnit for 16 values.
+VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
+  const __m512 t = maxAvx512(minAvx512(m, _mm512_set1_ps(1.0f)), _mm512_set1_ps(0.003f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales);
   const __m512 root =
       _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
   const __m512 shifted =
       _mm512_sub_ps(_mm512_mul_ps(_mm512_set1_ps(1.055f), root), _mm512_set1_ps(0.055f));
-  __m512 y = _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ),
-                                  shifted, _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
-  const __m512 line = _mm512_add_ps(
-      one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(1.0f / kSrgbSlopeAtOne)));
-  y = _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), y, line);
+  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ),
+                              shifted, _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
+}
+
+/// A unit-range curve carried to every value as SrgbDecode and SrgbEncode carry theirs: the
+/// line of `slope` above 1, the sign of x, NaN as 0.
+template <__m512 (*Unit)(__m512, __m512)>
+VORN_AVX512 inline __m512 wholeCurveAvx512(__m512 x, __m512 scales, float slope) {
+  const __m512 one = _mm512_set1_ps(1.0f);
+  const __m512 m = magnitudeAvx512(x);
+  const __m512 line =
+      _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(slope)));
+  const __m512 y =
+      _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
   return copySignAvx512(y, x);
 }
 
-/// out[i] = curve(in[i]) for count values, the last few under a mask; in may be out.
-template <__m512 (*Curve)(__m512, __m512)>
+/// out[i] = curve(in[i]) for count values, the last few under a mask; in may be out. Runs of
+/// 16 inside [0, 1] take the unit curve alone.
+template <__m512 (*Unit)(__m512, __m512)>
 VORN_AVX512 void curveAvx512(const float* in, float* out, std::size_t count,
-                             const std::array<float, 16>& table) {
+                             const std::array<float, 16>& table, float slope) {
   const __m512 scales = _mm512_loadu_ps(table.data());
+  const __m512 zero = _mm512_setzero_ps();
+  const __m512 one = _mm512_set1_ps(1.0f);
   std::size_t i = 0;
-  for (; i + 16 <= count; i += 16)
-    _mm512_storeu_ps(out + i, Curve(_mm512_loadu_ps(in + i), scales));
+  for (; i + 16 <= count; i += 16) {
+    const __m512 x = _mm512_loadu_ps(in + i);
+    const __mmask16 inside =
+        _mm512_mask_cmp_ps_mask(_mm512_cmp_ps_mask(x, zero, _CMP_GE_OQ), x, one, _CMP_LE_OQ);
+    _mm512_storeu_ps(out + i,
+                     inside == 0xffff ? Unit(x, scales) : wholeCurveAvx512<Unit>(x, scales, slope));
+  }
   if (i < count) {
     const auto tail = static_cast<__mmask16>((1u << (count - i)) - 1u);
-    _mm512_mask_storeu_ps(out + i, tail, Curve(_mm512_maskz_loadu_ps(tail, in + i), scales));
+    _mm512_mask_storeu_ps(
+        out + i, tail, wholeCurveAvx512<Unit>(_mm512_maskz_loadu_ps(tail, in + i), scales, slope));
   }
 }
 
 void decodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<decodeAvx512>(in, out, count, curveTables().decode);
+    curveAvx512<decodeUnitAvx512>(in, out, count, curveTables().decode, kSrgbSlopeAtOne);
   } else {
     decodeValuesCloned(in, out, count);
   }
@@ -247,7 +259,7 @@ void decodeValues(const float* in, float* out, std::size_t count) {
 
 void encodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<encodeAvx512>(in, out, count, curveTables().encode);
+    curveAvx512<encodeUnitAvx512>(in, out, count, curveTables().encode, 1.0f / kSrgbSlopeAtOne);
   } else {
     encodeValuesCloned(in, out, count);
   }

@@ -209,11 +209,14 @@ void joinPlanes(const float* r, const float* g, const float* b, float* out, std:
 float srgbToLinearExact(float encoded);
 float linearToSrgbExact(float linear);
 
-/// Cube root by a bit-level estimate and two Newton steps (relative error below 1e-6).
+/// Cube root by a bit-level estimate and two Newton steps (relative error about 1e-6).
 inline float fastCbrt(float x) {
   const float magnitude = std::fabs(x);
-  const float guess =
-      std::bit_cast<float>(std::bit_cast<std::uint32_t>(magnitude) / 3u + 0x2a514067u);
+  // The bits divided by 3 in floating point: a vector unit has no integer divide, and the
+  // estimate needs no more than float's precision.
+  const auto third = static_cast<std::uint32_t>(static_cast<std::int32_t>(
+      static_cast<float>(std::bit_cast<std::int32_t>(magnitude)) * (1.0f / 3.0f)));
+  const float guess = std::bit_cast<float>(third + 0x2a514067u);
   float y = (2.0f * guess + magnitude / (guess * guess)) * (1.0f / 3.0f);
   y = (2.0f * y + magnitude / (y * y)) * (1.0f / 3.0f);
   return std::copysign(y, x);
