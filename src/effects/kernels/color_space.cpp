@@ -147,6 +147,9 @@ bool hasAvx512() {
 
 #define VORN_AVX512 __attribute__((target("avx512f")))
 
+// Zero-masked forms with whole masks below: the plain ones start from an undefined vector, which
+// GCC 12 warns of as an uninitialised read.
+
 VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, 7>& c, __m512 u) {
   __m512 p = _mm512_set1_ps(c[0]);
   for (std::size_t k = 1; k < c.size(); ++k)
@@ -162,12 +165,6 @@ VORN_AVX512 inline __m512 binadeScaleAvx512(__m512 t, __m512& f, __m512 scales) 
   f = _mm512_castsi512_ps(_mm512_or_si512(_mm512_and_si512(bits, _mm512_set1_epi32(0x007fffff)),
                                           _mm512_set1_epi32(0x3f800000)));
   return _mm512_maskz_permutexvar_ps(0xffff, n, scales);
-}
-
-// The zero-masked forms with whole masks here and below: the plain ones start from an undefined
-// vector, which GCC 12 warns of as an uninitialised read.
-VORN_AVX512 inline __m512 minAvx512(__m512 a, __m512 b) {
-  return _mm512_maskz_min_ps(0xffff, a, b);
 }
 
 /// a > b ? a : b, b for NaN.
@@ -190,8 +187,8 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
 
 /// srgbDecodeUnit for 16 values.
 VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
-  __m512 t = _mm512_mul_ps(_mm512_add_ps(m, _mm512_set1_ps(0.055f)), _mm512_set1_ps(1.0f / 1.055f));
-  t = maxAvx512(minAvx512(t, _mm512_set1_ps(1.0f)), _mm512_set1_ps(0.05f));
+  const __m512 t =
+      _mm512_mul_ps(_mm512_add_ps(m, _mm512_set1_ps(0.055f)), _mm512_set1_ps(1.0f / 1.055f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales);
   const __m512 power =
@@ -202,9 +199,8 @@ VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
 
 /// srgbEncodeUnit for 16 values.
 VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
-  const __m512 t = maxAvx512(minAvx512(m, _mm512_set1_ps(1.0f)), _mm512_set1_ps(0.003f));
   __m512 f;
-  const __m512 scale = binadeScaleAvx512(t, f, scales);
+  const __m512 scale = binadeScaleAvx512(m, f, scales);
   const __m512 root =
       _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
   const __m512 shifted =

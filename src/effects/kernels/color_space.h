@@ -113,7 +113,7 @@ inline constexpr std::array<float, 7> kDecodePolynomial = {
     1.975812494e+00f,  4.233885162e+00f, 2.646177801e+00f};
 
 /// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
-/// error below 6e-7), with no divide, logarithm or exponential.
+/// error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
 inline float srgbDecodePower(float t) {
   float f;
   const float scale = binadeScale(t, f, kDecodeSteps);
@@ -128,7 +128,7 @@ inline constexpr std::array<float, 7> kEncodePolynomial = {
     -2.691525734e-03f, 5.235440120e-03f, -9.645350204e-03f, 2.242407490e-02f,
     -6.395487171e-02f, 3.289062385e-01f, 1.184053587e+00f};
 
-/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7).
+/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7); finite for any t >= 0.
 inline float srgbEncodeRoot(float t) {
   float f;
   const float scale = binadeScale(t, f, kEncodeSteps);
@@ -138,12 +138,9 @@ inline float srgbEncodeRoot(float t) {
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
 /// a pass that knows its values lie there may skip the rest and still agree bit for bit.
 inline float srgbDecodeUnit(float m) {
-  float t = (m + 0.055f) * (1.0f / 1.055f);
-  t = t < 1.0f ? t : 1.0f;
-  // t is at least 0.0521 wherever the power is kept.
-  t = t > 0.05f ? t : 0.05f;
-  // Computed for every value, so the select below needs no branch.
-  const float power = srgbDecodePower(t);
+  // Computed for every value, so the select below needs no branch. Where the power is kept, t
+  // lies in [0.09, 1] (at most 1 for m up to 1, checked); elsewhere it is finite and unused.
+  const float power = srgbDecodePower((m + 0.055f) * (1.0f / 1.055f));
   return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
 }
 
@@ -163,9 +160,8 @@ struct SrgbDecode {
 
 /// sRGB encoding of m in [0, 1], the steps SrgbEncode extends to every value.
 inline float srgbEncodeUnit(float m) {
-  float t = m < 1.0f ? m : 1.0f;
-  t = t > 0.003f ? t : 0.003f;
-  const float root = 1.055f * srgbEncodeRoot(t) - 0.055f;
+  // Kept for m in (0.0031308, 1] only, within the root's range; finite and unused elsewhere.
+  const float root = 1.055f * srgbEncodeRoot(m) - 0.055f;
   return m <= 0.0031308f ? m * 12.92f : root;
 }
 
