@@ -72,46 +72,6 @@ inline bool allInUnitRange(const float* values, std::size_t count) {
   return outside == 0;
 }
 
-// Pixels in [0, 1], the usual case, skip the steps that carry the curves beyond it; the result
-// is the same bit for bit.
-VORN_DISPATCH void decodeToPlanesCloned(const float* __restrict in, float* __restrict r,
-                                        float* __restrict g, float* __restrict b,
-                                        std::size_t count) {
-  if (allInUnitRange(in, 3 * count)) {
-    for (std::size_t i = 0; i < count; ++i) {
-      r[i] = srgbDecodeUnit(in[3 * i]);
-      g[i] = srgbDecodeUnit(in[3 * i + 1]);
-      b[i] = srgbDecodeUnit(in[3 * i + 2]);
-    }
-    return;
-  }
-  const SrgbDecode decode;
-  for (std::size_t i = 0; i < count; ++i) {
-    r[i] = decode(in[3 * i]);
-    g[i] = decode(in[3 * i + 1]);
-    b[i] = decode(in[3 * i + 2]);
-  }
-}
-
-VORN_DISPATCH void encodeFromPlanesCloned(const float* __restrict r, const float* __restrict g,
-                                          const float* __restrict b, float* __restrict out,
-                                          std::size_t count) {
-  if (allInUnitRange(r, count) && allInUnitRange(g, count) && allInUnitRange(b, count)) {
-    for (std::size_t i = 0; i < count; ++i) {
-      out[3 * i] = srgbEncodeUnit(r[i]);
-      out[3 * i + 1] = srgbEncodeUnit(g[i]);
-      out[3 * i + 2] = srgbEncodeUnit(b[i]);
-    }
-    return;
-  }
-  const SrgbEncode encode;
-  for (std::size_t i = 0; i < count; ++i) {
-    out[3 * i] = encode(r[i]);
-    out[3 * i + 1] = encode(g[i]);
-    out[3 * i + 2] = encode(b[i]);
-  }
-}
-
 // AVX-512 reads a 16-entry table in one instruction, which the compiler does not use for a plain
 // array: the binade's scale then costs one step instead of a chain of selects. Every other step
 // repeats the scalar curves' in the same order, so the results agree bit for bit.
@@ -263,6 +223,46 @@ void encodeValues(const float* in, float* out, std::size_t count) {
 
 }  // namespace
 
+// Pixels in [0, 1], the usual case, skip the steps that carry the curves beyond it; the result
+// is the same bit for bit.
+VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __restrict r,
+                                          float* __restrict g, float* __restrict b,
+                                          std::size_t count) {
+  if (allInUnitRange(in, 3 * count)) {
+    for (std::size_t i = 0; i < count; ++i) {
+      r[i] = srgbDecodeUnit(in[3 * i]);
+      g[i] = srgbDecodeUnit(in[3 * i + 1]);
+      b[i] = srgbDecodeUnit(in[3 * i + 2]);
+    }
+    return;
+  }
+  const SrgbDecode decode;
+  for (std::size_t i = 0; i < count; ++i) {
+    r[i] = decode(in[3 * i]);
+    g[i] = decode(in[3 * i + 1]);
+    b[i] = decode(in[3 * i + 2]);
+  }
+}
+
+VORN_DISPATCH void encodeFromPlanesPortable(const float* __restrict r, const float* __restrict g,
+                                            const float* __restrict b, float* __restrict out,
+                                            std::size_t count) {
+  if (allInUnitRange(r, count) && allInUnitRange(g, count) && allInUnitRange(b, count)) {
+    for (std::size_t i = 0; i < count; ++i) {
+      out[3 * i] = srgbEncodeUnit(r[i]);
+      out[3 * i + 1] = srgbEncodeUnit(g[i]);
+      out[3 * i + 2] = srgbEncodeUnit(b[i]);
+    }
+    return;
+  }
+  const SrgbEncode encode;
+  for (std::size_t i = 0; i < count; ++i) {
+    out[3 * i] = encode(r[i]);
+    out[3 * i + 1] = encode(g[i]);
+    out[3 * i + 2] = encode(b[i]);
+  }
+}
+
 VORN_DISPATCH void splitToPlanes(const float* __restrict in, float* __restrict r,
                                  float* __restrict g, float* __restrict b, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
@@ -283,7 +283,7 @@ VORN_DISPATCH void joinPlanes(const float* __restrict r, const float* __restrict
 
 void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count) {
   if (!hasAvx512()) {
-    decodeToPlanesCloned(in, r, g, b, count);
+    decodeToPlanesPortable(in, r, g, b, count);
     return;
   }
   splitToPlanes(in, r, g, b, count);
@@ -295,7 +295,7 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count) {
   if (!hasAvx512()) {
-    encodeFromPlanesCloned(r, g, b, out, count);
+    encodeFromPlanesPortable(r, g, b, out, count);
     return;
   }
   constexpr std::size_t kBlock = 256;

@@ -197,6 +197,12 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count);
 
+/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
+/// give the same bits, which the tests check on any CPU.
+void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
+void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                              std::size_t count);
+
 /// Splits count interleaved pixels into planes as they are, and joins them back.
 void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
 void joinPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count);
