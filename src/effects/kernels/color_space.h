@@ -139,7 +139,7 @@ inline float srgbEncodeRoot(float t) {
 /// a pass that knows its values lie there may skip the rest and still agree bit for bit.
 inline float srgbDecodeUnit(float m) {
   // Computed for every value, so the select below needs no branch. Where the power is kept, t
-  // lies in [0.09, 1] (at most 1 for m up to 1, checked); elsewhere it is finite and unused.
+  // lies in [0.09, 1] (no float m up to 1 rounds above 1); elsewhere it is finite and unused.
   const float power = srgbDecodePower((m + 0.055f) * (1.0f / 1.055f));
   return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
 }
