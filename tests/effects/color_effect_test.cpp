@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -88,6 +89,85 @@ TEST(ColorSpaceTest, OklabAndTransferMatchReferenceAndRoundTrip) {
   for (float angle = -3.14f; angle < 3.14f; angle += 0.01f) {
     EXPECT_NEAR(detail::fastAtan2(2.0f * std::sin(angle), 2.0f * std::cos(angle)), angle, 3e-4f);
   }
+}
+
+// The pixel passes (split into planes, per-CPU curve code, blocks and masked tails) against the
+// per-value curves, bit for bit: runs wholly inside [0, 1] and runs with a stray value outside.
+TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
+  const detail::SrgbDecode decode;
+  const detail::SrgbEncode encode;
+  for (const std::size_t count :
+       {std::size_t{1}, std::size_t{37}, std::size_t{256}, std::size_t{300}}) {
+    for (const bool stray : {false, true}) {
+      std::vector<float> pixels(3 * count);
+      for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<float>((i * 7919) % 1000) / 999.0f;
+      if (stray) {
+        const float odd[] = {-0.3f, 1.7f, std::nanf(""), INFINITY, -INFINITY, -0.0f, 1e-8f};
+        for (std::size_t k = 0; k < std::size(odd); ++k) pixels[(k * 5) % pixels.size()] = odd[k];
+      }
+      std::vector<float> r(count), g(count), b(count), back(3 * count);
+      using Decode = void (*)(const float*, float*, float*, float*, std::size_t);
+      using Encode = void (*)(const float*, const float*, const float*, float*, std::size_t);
+      const std::pair<Decode, Encode> passes[] = {
+          {detail::decodeToPlanes, detail::encodeFromPlanes},
+          {detail::decodeToPlanesPortable, detail::encodeFromPlanesPortable}};
+      for (const auto& [decodePass, encodePass] : passes) {
+        decodePass(pixels.data(), r.data(), g.data(), b.data(), count);
+        for (std::size_t i = 0; i < count; ++i) {
+          const float* planes[] = {r.data(), g.data(), b.data()};
+          for (std::size_t c = 0; c < 3; ++c) {
+            ASSERT_EQ(std::bit_cast<std::uint32_t>(planes[c][i]),
+                      std::bit_cast<std::uint32_t>(decode(pixels[3 * i + c])))
+                << count << " " << pixels[3 * i + c];
+          }
+        }
+        // The encoding is fed the encoded values as linear light, so strays reach it too.
+        detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
+        encodePass(r.data(), g.data(), b.data(), back.data(), count);
+        for (std::size_t i = 0; i < back.size(); ++i) {
+          ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]),
+                    std::bit_cast<std::uint32_t>(encode(pixels[i])))
+              << count << " " << pixels[i];
+        }
+      }
+      detail::joinPlanes(r.data(), g.data(), b.data(), back.data(), count);
+      for (std::size_t i = 0; i < back.size(); ++i) {
+        ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]), std::bit_cast<std::uint32_t>(pixels[i]));
+      }
+    }
+  }
+}
+
+// Channel curves run as one gathering loop; in place it must read each pixel before writing it.
+TEST(ColorSpaceTest, ChannelCurvesKernelMatchesEachCurveAlsoInPlace) {
+  const detail::ChannelCurve square([](float x) { return x * x; });
+  const detail::ChannelCurve lifted([](float x) { return 0.2f + 0.7f * x; });
+  const detail::ChannelCurve inverted([](float x) { return 1.0f - x; });
+  const auto kernel = detail::channelCurvesKernel({square, lifted, inverted});
+  std::vector<PixelRGB<float>> pixels;
+  for (int i = 0; i < 71; ++i) {
+    const float v = static_cast<float>(i) / 60.0f - 0.05f;
+    pixels.emplace_back(v, 1.0f - v, 0.5f * v);
+  }
+  pixels[3] = PixelRGB<float>(std::nanf(""), INFINITY, 2.5f);
+  std::vector<PixelRGB<float>> out(pixels.size());
+  kernel->run(pixels.data(), out.data(), pixels.size());
+  std::vector<PixelRGB<float>> inPlace = pixels;
+  kernel->run(inPlace.data(), inPlace.data(), inPlace.size());
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    const PixelRGB<float> expected(square(pixels[i].r), lifted(pixels[i].g), inverted(pixels[i].b));
+    for (const auto* got : {&out[i], &inPlace[i]}) {
+      EXPECT_EQ(got->r, expected.r) << i;
+      EXPECT_EQ(got->g, expected.g) << i;
+      EXPECT_EQ(got->b, expected.b) << i;
+    }
+  }
+  // The curve holds its end value below 0 and for NaN, and follows its end slope above 1.
+  EXPECT_EQ(out[0].r, 0.0f);
+  EXPECT_EQ(out[3].r, 0.0f);
+  EXPECT_NEAR(out[0].g, 0.9f + 0.05f * 0.7f, 1e-5f);
+  EXPECT_NEAR(out[3].b, 1.0f - 2.5f, 1e-3f);
 }
 
 TEST(ColorSpaceTest, FastPowerFunctionsFollowTheLibrary) {

@@ -21,10 +21,10 @@ VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i], i);
 }
 
-/// adjust(r, g, b, i) on the linear-light values of count pixels, i counted from in, in blocks
-/// that stay in L1; in may be out.
-template <typename Adjust>
-void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
+/// adjust(r, g, b, i) on the values of count pixels, i counted from in, in blocks that stay in
+/// L1: linear light when Linear, else the values as they are. in may be out.
+template <bool Linear, typename Adjust>
+void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
                   std::size_t count) {
   constexpr std::size_t kBlock = 256;
   alignas(64) float r[kBlock];
@@ -35,10 +35,25 @@ void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
     const auto shifted = [&adjust, done](float& red, float& green, float& blue, std::size_t i) {
       adjust(red, green, blue, done + i);
     };
-    decodeToPlanes(&in[done].r, r, g, b, n);
+    if constexpr (Linear) {
+      decodeToPlanes(&in[done].r, r, g, b, n);
+    } else {
+      splitToPlanes(&in[done].r, r, g, b, n);
+    }
     adjustPlanes(shifted, r, g, b, n);
-    encodeFromPlanes(r, g, b, &out[done].r, n);
+    if constexpr (Linear) {
+      encodeFromPlanes(r, g, b, &out[done].r, n);
+    } else {
+      joinPlanes(r, g, b, &out[done].r, n);
+    }
   }
+}
+
+/// adjust(r, g, b, i) on the linear-light values of count pixels (see adjustPixels).
+template <typename Adjust>
+void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
+                  std::size_t count) {
+  adjustPixels<true>(adjust, in, out, count);
 }
 
 /// adjust(r, g, b) on the linear-light values of every pixel.
@@ -47,6 +62,15 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
     adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in, out,
                  count);
+  });
+}
+
+/// adjust(r, g, b) on the encoded values of every pixel, vectorised like linearKernel.
+template <typename Adjust>
+std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
+  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    adjustPixels<false>([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); },
+                        in, out, count);
   });
 }
 
@@ -100,7 +124,20 @@ class ChannelCurve {
         atOne_(f(1.0f)),
         slope_((f(1.0f) - f(1.0f - 1.0f / static_cast<float>(kSteps))) *
                static_cast<float>(kSteps)) {}
-  float operator()(float x) const { return x > 1.0f ? atOne_ + (x - 1.0f) * slope_ : curve_.at(x); }
+  /// The curve's numbers by value for pixel loops (see SampledCurve::Table).
+  struct Table {
+    SampledCurve::Table curve;
+    float atOne;
+    float slope;
+    float operator()(float x) const {
+      // Both sides computed, so the table read is not under a branch.
+      const float inside = curve.at(x);
+      return x > 1.0f ? atOne + (x - 1.0f) * slope : inside;
+    }
+  };
+  /// Valid while the curve lives.
+  Table table() const { return {curve_.table(), atOne_, slope_}; }
+  float operator()(float x) const { return table()(x); }
 
  private:
   static constexpr std::size_t kSteps = 1024;

@@ -136,8 +136,8 @@ PointEffect::Kernel ComplexBleachEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   const float saturation = 1.0f + mappedValue(1, -1.0f, 0.0f, 1.0f);
   if (amount == 0.0f && saturation == 1.0f) return nullptr;
-  return detail::pixelKernel([amount, saturation](const PixelRGB<float>& p) {
-    const float y = detail::unitClamp(detail::luminance(p));
+  return detail::encodedKernel([amount, saturation](float& r, float& g, float& b) {
+    const float y = detail::unitClamp(detail::luminance(r, g, b));
     const float screenWeight = detail::smoothStep(0.45f, 0.55f, y);
     const auto overlay = [y, screenWeight](float c) {
       const float u = detail::unitClamp(c);
@@ -145,8 +145,13 @@ PointEffect::Kernel ComplexBleachEffect::prepare(const Setup&) const {
       const float screened = 1.0f - 2.0f * (1.0f - u) * (1.0f - y);
       return c + (detail::mix(multiplied, screened, screenWeight) - u);
     };
-    const PixelRGB<float> bleached(overlay(p.r), overlay(p.g), overlay(p.b));
-    return detail::saturated(detail::mix(p, bleached, amount), saturation);
+    r = detail::mix(r, overlay(r), amount);
+    g = detail::mix(g, overlay(g), amount);
+    b = detail::mix(b, overlay(b), amount);
+    const float grey = detail::luminance(r, g, b);
+    r = grey + (r - grey) * saturation;
+    g = grey + (g - grey) * saturation;
+    b = grey + (b - grey) * saturation;
   });
 }
 

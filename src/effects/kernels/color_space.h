@@ -96,43 +96,52 @@ inline float binadeScale(float t, float& f, const std::array<float, Bits>& steps
   return scale;
 }
 
-/// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
-/// error below 6e-7), with no divide, logarithm or exponential.
-inline float srgbDecodePower(float t) {
-  // 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
-  static constexpr std::array<float, 3> kSteps = {1.894645708e-01f, 3.589682359e-02f,
-                                                  1.288581944e-03f};
-  float f;
-  const float scale = binadeScale(t, f, kSteps);
-  const float u = f - 1.5f;
-  const float p = ((((((-1.148404387e-03f * u + 3.917631254e-03f) * u - 1.755438233e-02f) * u +
-                      1.756061089e-01f) *
-                         u +
-                     1.975812494e+00f) *
-                        u +
-                    4.233885162e+00f) *
-                       u +
-                   2.646177801e+00f);
-  return p * scale;
+/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule; the vector passes repeat the same steps.
+template <std::size_t N>
+inline float horner(const std::array<float, N>& c, float u) {
+  float p = c[0];
+  for (std::size_t k = 1; k < N; ++k) p = p * u + c[k];
+  return p;
 }
 
-/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7).
-inline float srgbEncodeRoot(float t) {
-  // 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
-  static constexpr std::array<float, 4> kSteps = {7.491535384e-01f, 5.612310242e-01f,
-                                                  3.149802625e-01f, 9.921256575e-02f};
+/// 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
+inline constexpr std::array<float, 3> kDecodeSteps = {1.894645708e-01f, 3.589682359e-02f,
+                                                      1.288581944e-03f};
+/// f^2.4 on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 7> kDecodePolynomial = {
+    -1.148404387e-03f, 3.917631254e-03f, -1.755438233e-02f, 1.756061089e-01f,
+    1.975812494e+00f,  4.233885162e+00f, 2.646177801e+00f};
+
+/// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
+/// error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+inline float srgbDecodePower(float t) {
   float f;
-  const float scale = binadeScale(t, f, kSteps);
-  const float u = f - 1.5f;
-  const float p = ((((((-2.691525734e-03f * u + 5.235440120e-03f) * u - 9.645350204e-03f) * u +
-                      2.242407490e-02f) *
-                         u -
-                     6.395487171e-02f) *
-                        u +
-                    3.289062385e-01f) *
-                       u +
-                   1.184053587e+00f);
-  return p * scale;
+  const float scale = binadeScale(t, f, kDecodeSteps);
+  return horner(kDecodePolynomial, f - 1.5f) * scale;
+}
+
+/// 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
+inline constexpr std::array<float, 4> kEncodeSteps = {7.491535384e-01f, 5.612310242e-01f,
+                                                      3.149802625e-01f, 9.921256575e-02f};
+/// f^(1/2.4) on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 7> kEncodePolynomial = {
+    -2.691525734e-03f, 5.235440120e-03f, -9.645350204e-03f, 2.242407490e-02f,
+    -6.395487171e-02f, 3.289062385e-01f, 1.184053587e+00f};
+
+/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7); finite for any t >= 0.
+inline float srgbEncodeRoot(float t) {
+  float f;
+  const float scale = binadeScale(t, f, kEncodeSteps);
+  return horner(kEncodePolynomial, f - 1.5f) * scale;
+}
+
+/// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
+/// a pass that knows its values lie there may skip the rest and still agree bit for bit.
+inline float srgbDecodeUnit(float m) {
+  // Computed for every value, so the select below needs no branch. Where the power is kept, t
+  // lies in [0.09, 1] (no float m up to 1 rounds above 1); elsewhere it is finite and unused.
+  const float power = srgbDecodePower((m + 0.055f) * (1.0f / 1.055f));
+  return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
 }
 
 /// sRGB decoding of any value: negative values mirror the positive side, values above 1 continue
@@ -141,13 +150,7 @@ struct SrgbDecode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
-    float t = (magnitude + 0.055f) * (1.0f / 1.055f);
-    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
-    // t is at least 0.0521 wherever the power is kept.
-    t = t > 0.05f ? t : 0.05f;
-    // Computed for every value, so the select below needs no branch.
-    const float power = srgbDecodePower(t);
-    float y = magnitude <= 0.04045f ? magnitude * (1.0f / 12.92f) : power;
+    float y = srgbDecodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * kSrgbSlopeAtOne : y;
     return std::copysign(y, x);
   }
@@ -155,15 +158,19 @@ struct SrgbDecode {
   void apply(const float* in, float* out, std::size_t count) const;
 };
 
+/// sRGB encoding of m in [0, 1], the steps SrgbEncode extends to every value.
+inline float srgbEncodeUnit(float m) {
+  // Kept for m in (0.0031308, 1] only, within the root's range; finite and unused elsewhere.
+  const float root = 1.055f * srgbEncodeRoot(m) - 0.055f;
+  return m <= 0.0031308f ? m * 12.92f : root;
+}
+
 /// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
 struct SrgbEncode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
-    float t = magnitude < 1.0f ? magnitude : 1.0f;
-    t = t > 0.003f ? t : 0.003f;
-    const float root = 1.055f * srgbEncodeRoot(t) - 0.055f;
-    float y = magnitude <= 0.0031308f ? magnitude * 12.92f : root;
+    float y = srgbEncodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
     return std::copysign(y, x);
   }
@@ -190,15 +197,28 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count);
 
+/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
+/// give the same bits, which the tests check on any CPU.
+void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
+void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                              std::size_t count);
+
+/// Splits count interleaved pixels into planes as they are, and joins them back.
+void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
+void joinPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count);
+
 /// The exact sRGB transfer functions on [0, 1], for per-call set-up.
 float srgbToLinearExact(float encoded);
 float linearToSrgbExact(float linear);
 
-/// Cube root by a bit-level estimate and two Newton steps (relative error below 1e-6).
+/// Cube root by a bit-level estimate and two Newton steps (relative error about 1e-6).
 inline float fastCbrt(float x) {
   const float magnitude = std::fabs(x);
-  const float guess =
-      std::bit_cast<float>(std::bit_cast<std::uint32_t>(magnitude) / 3u + 0x2a514067u);
+  // The bits divided by 3 in floating point: a vector unit has no integer divide, and the
+  // estimate needs no more than float's precision.
+  const auto third = static_cast<std::uint32_t>(static_cast<std::int32_t>(
+      static_cast<float>(std::bit_cast<std::int32_t>(magnitude)) * (1.0f / 3.0f)));
+  const float guess = std::bit_cast<float>(third + 0x2a514067u);
   float y = (2.0f * guess + magnitude / (guess * guess)) * (1.0f / 3.0f);
   y = (2.0f * y + magnitude / (y * y)) * (1.0f / 3.0f);
   return std::copysign(y, x);

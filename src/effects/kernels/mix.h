@@ -50,7 +50,8 @@ inline PixelRGB<float> saturated(const PixelRGB<float>& p, float k) {
 
 /// 0 below edge0, 1 above edge1, the cubic Hermite step between.
 inline float smoothStep(float edge0, float edge1, float x) {
-  const float t = unitClamp((x - edge0) / (edge1 - edge0));
+  // A reciprocal, so that with constant edges the pixel loop multiplies instead of dividing.
+  const float t = unitClamp((x - edge0) * (1.0f / (edge1 - edge0)));
   return t * t * (3.0f - 2.0f * t);
 }
 

@@ -21,18 +21,35 @@ class SampledCurve {
       values_[n] = f(low + (high - low) * static_cast<float>(n) / static_cast<float>(steps));
   }
 
+  /// The curve's numbers by value, for pixel loops: a loop body that reads them through the
+  /// curve may see them change with each float it stores, and stays scalar.
+  struct Table {
+    const float* values;
+    float low;
+    float scale;
+    float last;
+    int steps;
+
+    /// The curve at x; NaN reads as the low end.
+    float at(float x) const {
+      float t = (x - low) * scale;
+      // Written as selects so NaN lands on 0 and the loop around stays branch-free.
+      t = t > 0.0f ? t : 0.0f;
+      t = t < last ? t : last;
+      // A signed conversion is one instruction; an unsigned one branches.
+      int n = static_cast<int>(t);
+      n = n < steps ? n : steps - 1;
+      // Int indices: the vectoriser gathers only from a base plus an index.
+      const float a = values[n];
+      return a + (values[n + 1] - a) * (t - static_cast<float>(n));
+    }
+  };
+
+  /// Valid while the curve lives.
+  Table table() const { return {values_.data(), low_, scale_, last_, steps_}; }
+
   /// The curve at x; NaN reads as the low end.
-  float at(float x) const {
-    float t = (x - low_) * scale_;
-    // Written as selects so NaN lands on 0 and the loop around stays branch-free.
-    t = t > 0.0f ? t : 0.0f;
-    t = t < last_ ? t : last_;
-    // A signed conversion is one instruction; an unsigned one branches.
-    int n = static_cast<int>(t);
-    n = n < steps_ ? n : steps_ - 1;
-    const float a = values_[static_cast<std::size_t>(n)];
-    return a + (values_[static_cast<std::size_t>(n) + 1] - a) * (t - static_cast<float>(n));
-  }
+  float at(float x) const { return table().at(x); }
 
  private:
   float low_;
