@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "effects/effect_test_support.h"
 #include "effects/lut/cube_file.h"
+#include "effects/lut/lut_kernels.h"
 #include "support/log_capture.h"
 
 namespace vorn {
@@ -21,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using detail::CubeFormatError;
+using detail::CubeLut;
 using detail::parseCube;
 using test::ImageRGBf;
 
@@ -249,6 +252,52 @@ TEST_F(LutFiles, RegionsMatchTheWholeRenderHostileInputStaysFiniteAndARewrittenF
   write("look.cube", cubeText(17, identityEntry, "TITLE \"now plain\"\n"));
   const auto again = test::renderOrFail(*lutEffect(path), source);
   EXPECT_EQ(test::maxDifference(*source, *again), 0.0f);
+}
+
+TEST(LutKernelTest, EveryVectorKernelMatchesTheScalarLoopBitForBitInPlaceOrNot) {
+  // A look over a domain that is not the unit cube, so scale and offset both matter.
+  CubeLut lut = parseCube("DOMAIN_MIN -0.25 0 0\nDOMAIN_MAX 1.25 1 2\n" + cubeText(9, lookEntry));
+  // Pixels inside and outside the domain, on lattice points, with tied fractions (the tie
+  // decides the tetrahedron) and non-finite: 203 of them, so every kernel leaves a scalar tail.
+  std::vector<PixelRGB<float>> in(203);
+  std::uint32_t state = 12345u;
+  const auto next = [&state] {
+    state = state * 1664525u + 1013904223u;
+    return static_cast<float>(state >> 8) / 16777216.0f;
+  };
+  for (auto& p : in) p = PixelRGB<float>(1.8f * next() - 0.4f, next(), 2.2f * next() - 0.1f);
+  in[5] = PixelRGB<float>(0.5f, 0.5f, 1.0f);
+  in[17] = PixelRGB<float>(0.3f, 0.3f, 0.6f);
+  in[40] = PixelRGB<float>(NAN, INFINITY, -INFINITY);
+  in[41] = PixelRGB<float>(1.25f, 1.0f, 2.0f);
+  const auto same = [](const std::vector<PixelRGB<float>>& a,
+                       const std::vector<PixelRGB<float>>& b) {
+    return std::memcmp(a.data(), b.data(), a.size() * sizeof(PixelRGB<float>)) == 0;
+  };
+  for (const float amount : {1.0f, 0.6f}) {
+    std::vector<PixelRGB<float>> expected(in.size());
+    ASSERT_TRUE(detail::sampleLatticeWith(detail::LutIsa::Scalar, lut, true, in.data(),
+                                          expected.data(), in.size(), amount));
+    EXPECT_NE(expected[7], in[7]);
+    for (const auto isa : {detail::LutIsa::Avx2, detail::LutIsa::Avx512}) {
+      for (const bool padded : {true, false}) {
+        SCOPED_TRACE(testing::Message() << "isa " << static_cast<int>(isa) << " padded " << padded
+                                        << " amount " << amount);
+        std::vector<PixelRGB<float>> out(in.size());
+        if (!detail::sampleLatticeWith(isa, lut, padded, in.data(), out.data(), in.size(), amount))
+          continue;  // not on this CPU, or a layout the kernel does not read
+        EXPECT_TRUE(same(out, expected));
+        std::vector<PixelRGB<float>> inPlace = in;
+        ASSERT_TRUE(detail::sampleLatticeWith(isa, lut, padded, inPlace.data(), inPlace.data(),
+                                              inPlace.size(), amount));
+        EXPECT_TRUE(same(inPlace, expected));
+      }
+    }
+  }
+  lut.is3D = false;
+  std::vector<PixelRGB<float>> out(in.size());
+  EXPECT_FALSE(detail::sampleLatticeWith(detail::LutIsa::Scalar, lut, true, in.data(), out.data(),
+                                         in.size(), 1.0f));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "effects/kernels/mix.h"
 #include "effects/lut/cube_cache.h"
+#include "effects/lut/lut_kernels.h"
 #include "effects/render.h"
 #include "vorn/effects/lut_effects.h"
 
@@ -77,13 +78,13 @@ class CurveSampler {
 
 class LatticeSampler {
  public:
-  explicit LatticeSampler(const CubeLut& lut)
+  explicit LatticeSampler(const CubeLut& lut, bool pad = true)
       : table_(lut.values.data()),
         lastCell_(lut.size - 2),
         steps_{3, 3 * static_cast<std::size_t>(lut.size),
                3 * static_cast<std::size_t>(lut.size) * static_cast<std::size_t>(lut.size)},
         scales_{DomainScale(lut, 0), DomainScale(lut, 1), DomainScale(lut, 2)},
-        padded_(padded(lut)) {}
+        padded_(pad ? padded(lut) : nullptr) {}
 
   // Tetrahedral interpolation: the cell is cut along its grey diagonal into six tetrahedra and
   // the one holding the point is chosen by the order of its fractions; greys stay on the axis.
@@ -142,30 +143,68 @@ __attribute__((target("avx2"))) inline __m256i pick(__m256i a, __m256i b, __m256
       _mm256_blendv_ps(_mm256_castsi256_ps(a), _mm256_castsi256_ps(b), takeB));
 }
 
-// LatticeSampler on eight pixels at a time with gathers; the same operations in the same order
-// (no fused multiply-add), so every pixel matches the scalar result bit for bit. Returns the
-// pixels done (a multiple of eight).
+/// One channel of eight interleaved pixels from their three registers: two blends put its values
+/// in one register out of order, a permutation sorts them (cheaper than a gather with stride 3).
+template <int FromSecond, int FromThird>
+__attribute__((target("avx2"))) inline __m256 channelOfEight(__m256 a0, __m256 a1, __m256 a2,
+                                                             __m256i order) {
+  return _mm256_permutevar8x32_ps(
+      _mm256_blend_ps(_mm256_blend_ps(a0, a1, FromSecond), a2, FromThird), order);
+}
+
+/// The four corners of two pixels' cells in the padded table: pixel j in the low half, j + 1 in
+/// the high half.
+__attribute__((target("avx2"))) inline __m256 cornerPair(const float* table,
+                                                         const std::int32_t* indices) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(table + 4 * indices[0])),
+                              _mm_loadu_ps(table + 4 * indices[1]), 1);
+}
+
+// LatticeSampler on eight pixels at a time; the same operations in the same order (no fused
+// multiply-add), so every pixel matches the scalar result bit for bit. With the padded table
+// each corner is one 16-byte load and two pixels share a register; without it (large tables)
+// the corners are gathered channel by channel. Returns the pixels done (a multiple of eight).
+template <bool Padded>
 __attribute__((target("avx2"))) std::size_t latticeAvx2(const LatticeSampler& sampler,
                                                         const PixelRGB<float>* in,
                                                         PixelRGB<float>* out, std::size_t count,
                                                         float amount) {
   const float* source = &in->r;
-  const __m256i stride = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
+  const __m256i orderR = _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5);
+  const __m256i orderG = _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6);
+  const __m256i orderB = _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7);
   const __m256i lastCell = _mm256_set1_epi32(sampler.lastCell_);
+  // The padded table is indexed by entry, the packed one by float.
+  constexpr std::size_t kUnit = Padded ? 3 : 1;
   __m256i steps[3];
   for (std::size_t c = 0; c < 3; ++c)
-    steps[c] = _mm256_set1_epi32(static_cast<int>(sampler.steps_[c]));
+    steps[c] = _mm256_set1_epi32(static_cast<int>(sampler.steps_[c] / kUnit));
   const __m256i stepAll = _mm256_add_epi32(_mm256_add_epi32(steps[0], steps[1]), steps[2]);
   const __m256 one = _mm256_set1_ps(1.0f);
   const __m256 weight = _mm256_set1_ps(amount);
   const __m256 keep = _mm256_set1_ps(1.0f - amount);
+  // Lanes of pair p's pixels, each over its half; two pixels' channels spread over the halves
+  // and packed back into six floats.
+  const __m256i pairLanes[4] = {
+      _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1), _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3),
+      _mm256_setr_epi32(4, 4, 4, 4, 5, 5, 5, 5), _mm256_setr_epi32(6, 6, 6, 6, 7, 7, 7, 7)};
+  const __m256i spreadPair = _mm256_setr_epi32(0, 1, 2, 2, 3, 4, 5, 5);
+  const __m256i packPair = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+  const __m256i sixLanes = _mm256_setr_epi32(-1, -1, -1, -1, -1, -1, 0, 0);
   alignas(32) float lanes[3][8];
+  alignas(32) std::int32_t corner[4][8];
+  const float* padded = Padded ? sampler.padded_->data() : nullptr;
   std::size_t i = 0;
   for (; i + 8 <= count; i += 8) {
-    __m256 x[3], f[3];
+    const __m256 a0 = _mm256_loadu_ps(source + 3 * i);
+    const __m256 a1 = _mm256_loadu_ps(source + 3 * i + 8);
+    const __m256 a2 = _mm256_loadu_ps(source + 3 * i + 16);
+    const __m256 x[3] = {channelOfEight<0x92, 0x24>(a0, a1, a2, orderR),
+                         channelOfEight<0x24, 0x49>(a0, a1, a2, orderG),
+                         channelOfEight<0x49, 0x92>(a0, a1, a2, orderB)};
+    __m256 f[3];
     __m256i base = _mm256_setzero_si256();
     for (std::size_t c = 0; c < 3; ++c) {
-      x[c] = _mm256_i32gather_ps(source + 3 * i + c, stride, 4);
       const DomainScale& scale = sampler.scales_[c];
       // max with the value first returns 0 for NaN, as fmax does.
       const __m256 position = _mm256_min_ps(
@@ -194,6 +233,36 @@ __attribute__((target("avx2"))) std::size_t latticeAvx2(const LatticeSampler& sa
     const __m256 w0 = _mm256_sub_ps(one, high);
     const __m256 w1 = _mm256_sub_ps(high, mid);
     const __m256 w2 = _mm256_sub_ps(mid, low);
+    if constexpr (Padded) {
+      _mm256_store_si256(reinterpret_cast<__m256i*>(corner[0]), base);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(corner[1]), i1);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(corner[2]), i2);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(corner[3]), i3);
+      for (std::size_t p = 0; p < 4; ++p) {
+        const std::size_t j = 2 * p;
+        const __m256i lane = pairLanes[p];
+        __m256 v =
+            _mm256_mul_ps(_mm256_permutevar8x32_ps(w0, lane), cornerPair(padded, &corner[0][j]));
+        v = _mm256_add_ps(v, _mm256_mul_ps(_mm256_permutevar8x32_ps(w1, lane),
+                                           cornerPair(padded, &corner[1][j])));
+        v = _mm256_add_ps(v, _mm256_mul_ps(_mm256_permutevar8x32_ps(w2, lane),
+                                           cornerPair(padded, &corner[2][j])));
+        v = _mm256_add_ps(v, _mm256_mul_ps(_mm256_permutevar8x32_ps(low, lane),
+                                           cornerPair(padded, &corner[3][j])));
+        const float* pixels = source + 3 * (i + j);
+        if (amount != 1.0f) {
+          const __m256 xs =
+              _mm256_permutevar8x32_ps(_mm256_maskload_ps(pixels, sixLanes), spreadPair);
+          v = _mm256_add_ps(_mm256_mul_ps(v, weight), _mm256_mul_ps(xs, keep));
+        }
+        // Six floats in two stores, none past the pair: out may be in.
+        const __m256 packed = _mm256_permutevar8x32_ps(v, packPair);
+        float* target = &out[i + j].r;
+        _mm_storeu_ps(target, _mm256_castps256_ps128(packed));
+        _mm_storel_pi(reinterpret_cast<__m64*>(target + 4), _mm256_extractf128_ps(packed, 1));
+      }
+      continue;
+    }
     for (std::size_t c = 0; c < 3; ++c) {
       const float* table = sampler.table_ + c;
       __m256 v = _mm256_mul_ps(w0, _mm256_i32gather_ps(table, base, 4));
@@ -264,6 +333,7 @@ VORN_LUT_AVX512 std::size_t latticeAvx512(const LatticeSampler& sampler, const P
   const __m512 keep = _mm512_set1_ps(1.0f - amount);
   // Pixel k of a group of four spread over its 128-bit lane, and back to 12 packed floats.
   const __m512i spreadPixels = _mm512_setr_epi32(0, 1, 2, 2, 3, 4, 5, 5, 6, 7, 8, 8, 9, 10, 11, 11);
+  const __m512i packPixels = _mm512_setr_epi32(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 0, 0, 0, 0);
   const ChannelLanes lanes[3] = {channelLanes(0), channelLanes(1), channelLanes(2)};
   alignas(64) std::int32_t corner[4][16];
   alignas(64) float weights[4][16];
@@ -321,7 +391,9 @@ VORN_LUT_AVX512 std::size_t latticeAvx512(const LatticeSampler& sampler, const P
             _mm512_permutexvar_ps(spreadPixels, _mm512_maskz_loadu_ps(0x0fff, source + 3 * j));
         v = _mm512_add_ps(_mm512_mul_ps(v, weight), _mm512_mul_ps(x, keep));
       }
-      _mm512_mask_compressstoreu_ps(target, 0x7777, v);
+      // A fixed permutation and a masked store: a compressing store to memory is microcoded
+      // on some cores and took most of the loop's time.
+      _mm512_mask_storeu_ps(target, 0x0fff, _mm512_permutexvar_ps(packPixels, v));
     }
   }
   return i;
@@ -343,7 +415,25 @@ std::size_t vectorPart(const LatticeSampler& sampler, const PixelRGB<float>* in,
       __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
   static const bool kAvx2 = __builtin_cpu_supports("avx2");
   if (kAvx512 && sampler.padded_) return latticeAvx512(sampler, in, out, count, amount);
-  return kAvx2 ? latticeAvx2(sampler, in, out, count, amount) : 0;
+  if (!kAvx2) return 0;
+  return sampler.padded_ ? latticeAvx2<true>(sampler, in, out, count, amount)
+                         : latticeAvx2<false>(sampler, in, out, count, amount);
+}
+
+/// The scalar loop over the pixels from `done` on, which the vector kernel left.
+template <typename Sampler>
+void scalarPart(const Sampler& sampler, const PixelRGB<float>* in, PixelRGB<float>* out,
+                std::size_t done, std::size_t count, float amount) {
+  if (amount == 1.0f) {
+    for (std::size_t i = done; i < count; ++i) out[i] = sampler(in[i]);
+    return;
+  }
+  const float keep = 1.0f - amount;
+  for (std::size_t i = done; i < count; ++i) {
+    const PixelRGB<float> mapped = sampler(in[i]);
+    out[i] = detail::perChannel(mapped, in[i],
+                                [amount, keep](float m, float x) { return m * amount + x * keep; });
+  }
 }
 
 template <typename Sampler>
@@ -352,20 +442,7 @@ std::unique_ptr<detail::RowKernel> lutKernel(std::shared_ptr<const CubeLut> lut,
   // The lambda owns the table the sampler points into.
   return detail::rowKernel([lut = std::move(lut), sampler, amount](
                                const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    const std::size_t done = vectorPart(sampler, in, out, count, amount);
-    in += done;
-    out += done;
-    count -= done;
-    if (amount == 1.0f) {
-      for (std::size_t i = 0; i < count; ++i) out[i] = sampler(in[i]);
-      return;
-    }
-    const float keep = 1.0f - amount;
-    for (std::size_t i = 0; i < count; ++i) {
-      const PixelRGB<float> mapped = sampler(in[i]);
-      out[i] = detail::perChannel(
-          mapped, in[i], [amount, keep](float m, float x) { return m * amount + x * keep; });
-    }
+    scalarPart(sampler, in, out, vectorPart(sampler, in, out, count, amount), count, amount);
   });
 }
 
@@ -382,5 +459,34 @@ PointEffect::Kernel LUTMappingEffect::prepare(const Setup&) const {
   if (lut->is3D) return lutKernel<LatticeSampler>(std::move(lut), amount);
   return lutKernel<CurveSampler>(std::move(lut), amount);
 }
+
+namespace detail {
+
+bool sampleLatticeWith(LutIsa isa, const CubeLut& lut, bool padded, const PixelRGB<float>* in,
+                       PixelRGB<float>* out, std::size_t count, float amount) {
+  if (!lut.is3D) return false;
+  const LatticeSampler sampler(lut, padded);
+  std::size_t done = 0;
+  __builtin_cpu_init();
+  switch (isa) {
+    case LutIsa::Scalar:
+      break;
+    case LutIsa::Avx2:
+      if (!__builtin_cpu_supports("avx2")) return false;
+      done = padded ? latticeAvx2<true>(sampler, in, out, count, amount)
+                    : latticeAvx2<false>(sampler, in, out, count, amount);
+      break;
+    case LutIsa::Avx512:
+      if (!padded || !sampler.padded_ || !__builtin_cpu_supports("avx512f") ||
+          !__builtin_cpu_supports("avx512vl"))
+        return false;
+      done = latticeAvx512(sampler, in, out, count, amount);
+      break;
+  }
+  scalarPart(sampler, in, out, done, count, amount);
+  return true;
+}
+
+}  // namespace detail
 
 }  // namespace vorn
