@@ -46,8 +46,9 @@ inline double wrapped(double t) {
 }
 
 /// The sum of two coordinates already in [0, kTileTexels), reduced to it again by one select.
-inline double wrappedSum(double a, double b) {
-  const double t = a + b;
+/// Floats keep a texel to 2^-16 here, and the pixel loop runs twice as many of them as doubles.
+inline float wrappedSum(float a, float b) {
+  const float t = a + b;
   return t >= kTileTexels ? t - kTileTexels : t;
 }
 
@@ -123,34 +124,34 @@ void TextureOverlayEffect::render(const Window& window) const {
   // Each column's and each row's share of both tile coordinates, wrapped once, so a pixel adds
   // two of them: both depend only on the place, so a region reads the texture as the whole does.
   const auto width = static_cast<std::size_t>(window.output.width);
-  std::vector<double> columnU(width);
-  std::vector<double> columnV(width);
+  std::vector<float> columnU(width);
+  std::vector<float> columnV(width);
   for (std::size_t i = 0; i < width; ++i) {
     const double fx =
         static_cast<double>(window.output.x + static_cast<int>(i) - window.frame.x) + 0.5;
-    columnU[i] = wrapped(c * fx);
-    columnV[i] = wrapped(-s * fx);
+    columnU[i] = static_cast<float>(wrapped(c * fx));
+    columnV[i] = static_cast<float>(wrapped(-s * fx));
   }
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
     const double fy = static_cast<double>(y - window.frame.y) + 0.5;
-    const double rowU = wrapped(s * fy);
-    const double rowV = wrapped(c * fy);
+    const auto rowU = static_cast<float>(wrapped(s * fy));
+    const auto rowV = static_cast<float>(wrapped(c * fy));
     // Plain arithmetic and table reads on captured pointers, so the loop vectorises with the
     // wider units.
     const float* texels = tile.data();
-    const double* us = columnU.data();
-    const double* vs = columnV.data();
+    const float* us = columnU.data();
+    const float* vs = columnV.data();
     detail::clonedTableLoop(
         [=](std::size_t i) {
-          const double u = wrappedSum(us[i], rowU);
-          const double v = wrappedSum(vs[i], rowV);
+          const float u = wrappedSum(us[i], rowU);
+          const float v = wrappedSum(vs[i], rowV);
           int u0 = static_cast<int>(u);
           int v0 = static_cast<int>(v);
           u0 = u0 < kTileTexels - 1 ? u0 : kTileTexels - 1;
           v0 = v0 < kTileTexels - 1 ? v0 : kTileTexels - 1;
-          const auto du = static_cast<float>(u - u0);
-          const auto dv = static_cast<float>(v - v0);
+          const float du = u - static_cast<float>(u0);
+          const float dv = v - static_cast<float>(v0);
           // Indices rather than pointers: the vectoriser gathers only from a base plus an index.
           const int k = v0 * kStride + u0;
           const float t =
