@@ -118,6 +118,26 @@ void TextureOverlayEffect::render(const Window& window) const {
     }
   });
   window.control.checkpoint();
+  // Each texel's two corners along u in one word of 16-bit levels, for its own row and the next:
+  // a bilinear read is then two table reads, not four (the reads are the loop's cost, done one by
+  // one where gathers are slow). A level is 1/65535, far below what the texture's detail shows.
+  std::vector<std::uint32_t> upper(static_cast<std::size_t>(kTileTexels) * kTileTexels);
+  std::vector<std::uint32_t> lower(upper.size());
+  const auto level = [](float t) {
+    t = t > 0.0f ? t : 0.0f;
+    t = t < 1.0f ? t : 1.0f;
+    return static_cast<std::uint32_t>(t * 65535.0f + 0.5f);
+  };
+  const auto pair = [&](int tx, int ty) {
+    const float* at = tile.data() + static_cast<std::size_t>(ty) * kStride + tx;
+    return level(at[0]) | level(at[1]) << 16;
+  };
+  for (int ty = 0; ty < kTileTexels; ++ty)
+    for (int tx = 0; tx < kTileTexels; ++tx) {
+      const auto k = static_cast<std::size_t>(ty) * kTileTexels + static_cast<std::size_t>(tx);
+      upper[k] = pair(tx, ty);
+      lower[k] = pair(tx, ty + 1);
+    }
   // Texels of the tile per pixel along the frame's axes.
   const double c = kTexelsPerThread * std::cos(radians) / spacing;
   const double s = kTexelsPerThread * std::sin(radians) / spacing;
@@ -139,7 +159,8 @@ void TextureOverlayEffect::render(const Window& window) const {
     const auto rowV = static_cast<float>(wrapped(c * fy));
     // Plain arithmetic and table reads on captured pointers, so the loop vectorises with the
     // wider units.
-    const float* texels = tile.data();
+    const std::uint32_t* tops = upper.data();
+    const std::uint32_t* bottoms = lower.data();
     const float* us = columnU.data();
     const float* vs = columnV.data();
     detail::clonedTableLoop(
@@ -153,10 +174,16 @@ void TextureOverlayEffect::render(const Window& window) const {
           const float du = u - static_cast<float>(u0);
           const float dv = v - static_cast<float>(v0);
           // Indices rather than pointers: the vectoriser gathers only from a base plus an index.
-          const int k = v0 * kStride + u0;
-          const float t =
-              detail::mix(detail::mix(texels[k], texels[k + 1], du),
-                          detail::mix(texels[k + kStride], texels[k + kStride + 1], du), dv);
+          const int k = v0 * kTileTexels + u0;
+          const std::uint32_t top = tops[k];
+          const std::uint32_t bottom = bottoms[k];
+          // Levels fit a signed int, whose conversion every vector unit has.
+          const auto of = [](std::uint32_t levels) {
+            return static_cast<float>(static_cast<std::int32_t>(levels));
+          };
+          const float t = detail::mix(detail::mix(of(top & 0xffffu), of(top >> 16), du),
+                                      detail::mix(of(bottom & 0xffffu), of(bottom >> 16), du), dv) *
+                          (1.0f / 65535.0f);
           // Channels read one by one: a whole-pixel copy is an aggregate the vectoriser refuses.
           const float r = in[i].r;
           const float g = in[i].g;
