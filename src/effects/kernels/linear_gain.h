@@ -23,14 +23,16 @@ struct EncodedGain {
 inline float encodedTimesGain(float v, const EncodedGain& g) {
   constexpr float kKnee = 0.04045f;
   constexpr float kLinearKnee = 0.0031308f;
-  if (v > kKnee) {
-    const float t = g.root * (v + 0.055f) - 0.055f;
-    if (t > kKnee) return t;
-    return 12.92f * g.gain * fastPow((v + 0.055f) * (1.0f / 1.055f), 2.4f);
-  }
+  // Every case worked out and one selected, so that loops over it vectorise; the two powers
+  // share one call through selected arguments.
+  const bool high = v > kKnee;
+  const float t = g.root * (v + 0.055f) - 0.055f;
   const float light = g.gain * v / 12.92f;
-  if (light <= kLinearKnee) return v * g.gain;
-  return 1.055f * fastPow(light, 1.0f / 2.4f) - 0.055f;
+  const float power =
+      fastPow(high ? (v + 0.055f) * (1.0f / 1.055f) : light, high ? 2.4f : 1.0f / 2.4f);
+  const float fromHigh = t > kKnee ? t : 12.92f * g.gain * power;
+  const float fromLow = light <= kLinearKnee ? v * g.gain : 1.055f * power - 0.055f;
+  return high ? fromHigh : fromLow;
 }
 
 /// encodedTimesGain on the three channels.

@@ -39,6 +39,13 @@ void LensVignetteEffect::render(const Window& window) const {
     const float dx = centre.dx(window.output.x + static_cast<int>(i));
     columns[i] = dx * dx / diagonal2;
   }
+  // Columns fall towards the frame's centre and rise after it, so a row's pixels inside the
+  // midpoint (gain exactly 1) form one run, found by bisection on each side and copied as is.
+  const auto centreColumn =
+      static_cast<std::size_t>(std::min_element(columns.begin(), columns.end()) - columns.begin());
+  const auto gainOne = [&](std::size_t i, float row) {
+    return std::sqrt(columns[i] + row) <= start;
+  };
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
     thread_local std::vector<float> gains;
@@ -47,21 +54,39 @@ void LensVignetteEffect::render(const Window& window) const {
     roots.resize(count);
     const float dy = centre.dy(y);
     const float row = dy * dy / diagonal2;
-    const float* column = columns.data();
-    float* gain = gains.data();
-    float* root = roots.data();
-    detail::clonedLoop(
-        [=](std::size_t i) {
-          float rho = (std::sqrt(column[i] + row) - start) * inverseSpan;
-          rho = rho > 0.0f ? rho : 0.0f;
-          // log2 of exactly 1 is 0, so the gain inside the midpoint is exactly 1.
-          const float l = detail::fastLog2(1.0f + rho * rho);
-          gain[i] = detail::fastExp2(gainPower * l);
-          root[i] = detail::fastExp2(rootPower * l);
-        },
-        count);
-    // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
-    detail::applyEncodedGains(in, out, gains.data(), roots.data(), count);
+    const auto shade = [&](std::size_t first, std::size_t end) {
+      const float* column = columns.data() + first;
+      float* gain = gains.data();
+      float* root = roots.data();
+      detail::clonedLoop(
+          [=](std::size_t i) {
+            float rho = (std::sqrt(column[i] + row) - start) * inverseSpan;
+            rho = rho > 0.0f ? rho : 0.0f;
+            // log2 of exactly 1 is 0, so the gain inside the midpoint is exactly 1.
+            const float l = detail::fastLog2(1.0f + rho * rho);
+            gain[i] = detail::fastExp2(gainPower * l);
+            root[i] = detail::fastExp2(rootPower * l);
+          },
+          end - first);
+      // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
+      detail::applyEncodedGains(in + first, out + first, gain, root, end - first);
+    };
+    const auto split = [&](std::size_t from, std::size_t to, bool insideFirst) {
+      std::size_t low = from, high = to;
+      while (low < high) {
+        const std::size_t mid = low + (high - low) / 2;
+        if (gainOne(mid, row) == insideFirst)
+          low = mid + 1;
+        else
+          high = mid;
+      }
+      return low;
+    };
+    const std::size_t first = split(0, centreColumn, false);
+    const std::size_t end = split(centreColumn, count, true);
+    shade(0, first);
+    std::copy(in + first, in + end, out + first);
+    shade(end, count);
   });
 }
 
