@@ -420,18 +420,27 @@ TEST(LinearGain, EncodedGainMatchesDecodeMultiplyEncode) {
 
 TEST(LinearGain, RowOfGainsMatchesThePixelFormAndKeepsUnitGainsExact) {
   constexpr std::size_t kCount = 257;
-  std::vector<PixelRGB<float>> in(kCount);
-  std::vector<float> gains(kCount);
-  std::vector<float> roots(kCount);
+  constexpr std::size_t kNearKnee = 64;
+  std::vector<PixelRGB<float>> in(kCount + kNearKnee);
+  std::vector<float> gains(in.size());
+  std::vector<float> roots(in.size());
   for (std::size_t i = 0; i < kCount; ++i) {
     const auto u = static_cast<float>(i) / static_cast<float>(kCount);
     in[i] = PixelRGB<float>(u * 1.2f - 0.1f, 0.03f * u, 1.0f - u);
     gains[i] = i % 5 == 0 ? 1.0f : 0.3f + 3.0f * u;
-    roots[i] = std::pow(gains[i], 1.0f / 2.4f);
   }
+  // Values a few ulps either side of the knee under gains a few ulps either side of 1: where
+  // the segments meet, the first pass must leave to the exact form what it cannot tell.
+  for (std::size_t k = 0; k < kNearKnee; ++k) {
+    const float knee = std::nextafter(0.04045f, k % 2 ? 1.0f : 0.0f);
+    const float v = knee + static_cast<float>(static_cast<int>(k % 8) - 4) * 4e-9f;
+    in[kCount + k] = PixelRGB<float>(v, 0.04045f, std::nextafter(v, 0.0f));
+    gains[kCount + k] = 1.0f + static_cast<float>(static_cast<int>(k / 8) - 4) * 6e-8f;
+  }
+  for (std::size_t i = 0; i < in.size(); ++i) roots[i] = std::pow(gains[i], 1.0f / 2.4f);
   std::vector<PixelRGB<float>> out(in);
-  detail::applyEncodedGains(out.data(), out.data(), gains.data(), roots.data(), kCount);
-  for (std::size_t i = 0; i < kCount; ++i) {
+  detail::applyEncodedGains(out.data(), out.data(), gains.data(), roots.data(), in.size());
+  for (std::size_t i = 0; i < in.size(); ++i) {
     const PixelRGB<float> expected =
         gains[i] == 1.0f ? in[i] : detail::encodedTimesGain(in[i], {gains[i], roots[i]});
     EXPECT_EQ(out[i].r, expected.r) << i;

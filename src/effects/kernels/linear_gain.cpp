@@ -9,26 +9,36 @@ namespace vorn::detail {
 namespace {
 
 constexpr float kKnee = 0.04045f;
+/// Encoded values at most kKnee whose product with the gain is at most this lie on the linear
+/// segment after the gain too: the bound is kept below 0.0031308 * 12.92, so the division the
+/// exact form makes is not needed to tell.
+constexpr float kLinearBound =
+    static_cast<float>(0.0031308f * static_cast<double>(12.92f) * (1.0 - 1e-7));
 
-/// The power segment's affine form of one value; false where it does not hold.
-inline bool onPowerSegment(float x, float root, float& t) {
-  t = root * (x + 0.055f) - 0.055f;
-  return (x > kKnee) & (t > kKnee);
+/// The result of one value where the gain keeps it on its segment of the curve (the power
+/// segment's affine form, or a plain product on the linear one); false where it crosses.
+inline bool onOneSegment(float x, float gain, float root, float& t) {
+  const float affine = root * (x + 0.055f) - 0.055f;
+  const float product = x * gain;
+  const bool power = (x > kKnee) & (affine > kKnee);
+  const bool linear = (x <= kKnee) & (product <= kLinearBound);
+  t = power ? affine : product;
+  return power | linear;
 }
 
 // One pass over the pixels' channels in their interleaved order: selects and an OR-reduced flag
-// keep it free of branches, so the clones vectorise it. Values off the power segment are left as
+// keep it free of branches, so the clones vectorise it. Values crossing a segment are left as
 // they came in, to be redone by the caller; the return says whether there are any.
-VORN_DISPATCH bool scaleOnPowerSegment(const float* __restrict in, float* __restrict out,
-                                       const float* __restrict gain, const float* __restrict root,
-                                       std::size_t count) {
+VORN_DISPATCH bool scaleOnOneSegment(const float* __restrict in, float* __restrict out,
+                                     const float* __restrict gain, const float* __restrict root,
+                                     std::size_t count) {
   std::int32_t missed = 0;
   for (std::size_t i = 0; i < count; ++i) {
     const bool scaled = gain[i] != 1.0f;
     for (std::size_t c = 0; c < 3; ++c) {
       const float x = in[3 * i + c];
       float t;
-      const bool fast = onPowerSegment(x, root[i], t);
+      const bool fast = onOneSegment(x, gain[i], root[i], t);
       out[3 * i + c] = fast & scaled ? t : x;
       missed |= static_cast<std::int32_t>(!fast & scaled);
     }
@@ -37,7 +47,7 @@ VORN_DISPATCH bool scaleOnPowerSegment(const float* __restrict in, float* __rest
 }
 
 // The exact form of every value of a piece, branch-free so that the clones vectorise it: dearer
-// than the affine pass, so it runs only on pieces where that one missed.
+// than the first pass, so it runs only on pieces where that one missed.
 VORN_DISPATCH void scaleExactly(const float* __restrict in, float* __restrict out,
                                 const float* __restrict gain, const float* __restrict root,
                                 std::size_t count) {
@@ -65,7 +75,7 @@ void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const fl
     if (v == o) v = std::copy(v, v + 3 * n, copy) - 3 * n;
     const float* g = gain + first;
     const float* r = root + first;
-    if (scaleOnPowerSegment(v, o, g, r, n)) scaleExactly(v, o, g, r, n);
+    if (scaleOnOneSegment(v, o, g, r, n)) scaleExactly(v, o, g, r, n);
   }
 }
 

@@ -42,9 +42,9 @@ inline PixelRGB<float> encodedTimesGain(const PixelRGB<float>& p, const EncodedG
 }
 
 /// out[i] = in[i] with its light times gain[i] (root[i] = gain[i]^(1/2.4)); in may equal out.
-/// The power segment's affine form runs first over the row, branch-free so that it vectorises;
-/// the few values near black are redone exactly after. A gain of exactly 1 keeps the pixel bit
-/// for bit.
+/// A first pass, branch-free so that it vectorises, scales the values the gain keeps on their
+/// segment of the curve (affine on the power one, a product on the linear one); the few that
+/// cross the knee are redone exactly after. A gain of exactly 1 keeps the pixel bit for bit.
 void applyEncodedGains(const PixelRGB<float>* in, PixelRGB<float>* out, const float* gain,
                        const float* root, std::size_t count);
 

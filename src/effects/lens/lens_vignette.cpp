@@ -26,14 +26,14 @@ bool LensVignetteEffect::isIdentity() const {
 void LensVignetteEffect::render(const Window& window) const {
   const float amount = detail::signedFraction(*this, 0);
   // Midpoint -100 ... 100 starts the falloff at 5 % ... 55 % of the half diagonal.
-  const float start = 0.3f + 0.25f * detail::signedFraction(*this, 1);
+  const float midpoint = 0.3f + 0.25f * detail::signedFraction(*this, 1);
   const detail::FrameCentre centre(window.frame);
   const float diagonal2 =
       centre.halfWidth * centre.halfWidth + centre.halfHeight * centre.halfHeight;
   // The gain and its encoded-value root share one logarithm of 1 + rho^2 per pixel.
   const float gainPower = 2.0f * amount;
   const float rootPower = gainPower / 2.4f;
-  const float inverseSpan = 1.0f / (1.0f - start);
+  const float inverseSpan = 1.0f / (1.0f - midpoint);
   std::vector<float> columns(static_cast<std::size_t>(window.output.width));
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const float dx = centre.dx(window.output.x + static_cast<int>(i));
@@ -44,32 +44,35 @@ void LensVignetteEffect::render(const Window& window) const {
   const auto centreColumn =
       static_cast<std::size_t>(std::min_element(columns.begin(), columns.end()) - columns.begin());
   const auto gainOne = [&](std::size_t i, float row) {
-    return std::sqrt(columns[i] + row) <= start;
+    return std::sqrt(columns[i] + row) <= midpoint;
   };
   detail::forPlacedRows(window, [&](const PixelRGB<float>* in, PixelRGB<float>* out,
                                     std::size_t count, std::size_t, int, int y) {
-    thread_local std::vector<float> gains;
-    thread_local std::vector<float> roots;
-    gains.resize(count);
-    roots.resize(count);
     const float dy = centre.dy(y);
     const float row = dy * dy / diagonal2;
+    // In blocks whose gains stay in the first-level cache until they are applied.
+    constexpr std::size_t kBlock = 512;
+    alignas(64) float gain[kBlock];
+    alignas(64) float root[kBlock];
     const auto shade = [&](std::size_t first, std::size_t end) {
-      const float* column = columns.data() + first;
-      float* gain = gains.data();
-      float* root = roots.data();
-      detail::clonedLoop(
-          [=](std::size_t i) {
-            float rho = (std::sqrt(column[i] + row) - start) * inverseSpan;
-            rho = rho > 0.0f ? rho : 0.0f;
-            // log2 of exactly 1 is 0, so the gain inside the midpoint is exactly 1.
-            const float l = detail::fastLog2(1.0f + rho * rho);
-            gain[i] = detail::fastExp2(gainPower * l);
-            root[i] = detail::fastExp2(rootPower * l);
-          },
-          end - first);
-      // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
-      detail::applyEncodedGains(in + first, out + first, gain, root, end - first);
+      for (std::size_t start = first; start < end; start += kBlock) {
+        const std::size_t block = std::min(kBlock, end - start);
+        const float* column = columns.data() + start;
+        float* gains = gain;
+        float* roots = root;
+        detail::clonedLoop(
+            [=](std::size_t i) {
+              float rho = (std::sqrt(column[i] + row) - midpoint) * inverseSpan;
+              rho = rho > 0.0f ? rho : 0.0f;
+              // log2 of exactly 1 is 0, so the gain inside the midpoint is exactly 1.
+              const float l = detail::fastLog2(1.0f + rho * rho);
+              gains[i] = detail::fastExp2(gainPower * l);
+              roots[i] = detail::fastExp2(rootPower * l);
+            },
+            block);
+        // Inside the midpoint the gain is exactly 1 and the pixel is kept bit for bit.
+        detail::applyEncodedGains(in + start, out + start, gains, roots, block);
+      }
     };
     const auto split = [&](std::size_t from, std::size_t to, bool insideFirst) {
       std::size_t low = from, high = to;
