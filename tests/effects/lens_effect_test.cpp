@@ -405,6 +405,44 @@ TEST(LensVignette, DarkensOrLightensCornersAndKeepsTheCentre) {
   EXPECT_GT(late->at(160, 60).g, dark->at(160, 60).g + 0.01f);
 }
 
+TEST(LensVignette, KeepsTheDiscInsideItsMidpointAndRendersRegionsAsTheWhole) {
+  const auto source = test::makeTestImage(160, 100);
+  const auto effect = test::makeEffect("VORNLensVignetteEffect", {-70, 20});
+  const auto whole = test::renderOrFail(*effect, source);
+  // Inside 0.35 of the half diagonal (Midpoint 20) every pixel is the source's, bit for bit;
+  // outside it they darken.
+  const float diagonal = std::hypot(80.0f, 50.0f);
+  int inside = 0;
+  int kept = 0;
+  int darkened = 0;
+  for (int y = 0; y < source->height; ++y)
+    for (int x = 0; x < source->width; ++x) {
+      const float r =
+          std::hypot(static_cast<float>(x) + 0.5f - 80.0f, static_cast<float>(y) + 0.5f - 50.0f) /
+          diagonal;
+      const PixelRGB<float>& in = source->at(x, y);
+      const PixelRGB<float>& out = whole->at(x, y);
+      if (r < 0.349f) {
+        ++inside;
+        kept += in == out;
+      } else if (r > 0.45f) {
+        darkened += out.g < in.g;
+      }
+    }
+  EXPECT_GT(inside, 1000);
+  EXPECT_EQ(kept, inside);
+  EXPECT_GT(darkened, 3000);
+  // Regions left of, right of, across and narrower than the disc each find their own run.
+  for (const _Rect<int> region : {_Rect<int>(0, 10, 60, 80), _Rect<int>(100, 0, 60, 100),
+                                  _Rect<int>(33, 41, 97, 19), _Rect<int>(79, 0, 2, 100)}) {
+    auto destination = std::make_shared<ImageRGBf>(source->size(), PixelRGB<float>(0.0f));
+    EffectCallContext call(source, destination, nullptr, region, nullptr, nullptr);
+    ASSERT_TRUE(effect->processImage(call));
+    EXPECT_EQ(test::maxDifference(*whole, *destination, region), 0.0f)
+        << region.x << "," << region.y;
+  }
+}
+
 TEST(LinearGain, EncodedGainMatchesDecodeMultiplyEncode) {
   for (const float gain : {0.3f, 0.9f, 1.0f, 1.7f, 4.0f}) {
     const detail::EncodedGain g = detail::EncodedGain::of(gain);
