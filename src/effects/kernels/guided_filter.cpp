@@ -15,9 +15,10 @@ cv::Mat wrap(const Plane& plane) {
 }
 
 // Bands of rows so a stop is seen within one band; a band of a whole matrix reads its
-// neighbours' rows, so the bands join without seams.
+// neighbours' rows, so the bands join without seams. Each band filters `radius` rows above and
+// below it again, so bands are at least four radii tall: the cost stays flat as the radius grows.
 template <typename Filter>
-void filterInBands(const Plane& input, Plane& output, const RenderControl* control,
+void filterInBands(const Plane& input, Plane& output, int radius, const RenderControl* control,
                    const Filter& filter) {
   if (output.width() != input.width() || output.height() != input.height()) {
     output = Plane(input.width(), input.height());
@@ -25,12 +26,12 @@ void filterInBands(const Plane& input, Plane& output, const RenderControl* contr
   if (input.size() == 0) return;
   const cv::Mat in = wrap(input);
   const cv::Mat out = wrap(output);
-  constexpr int kBandRows = 64;
-  const int bands = (input.height() + kBandRows - 1) / kBandRows;
+  const int bandRows = std::max(64, 4 * std::max(radius, 0));
+  const int bands = (input.height() + bandRows - 1) / bandRows;
   parallelRows(bands, [&](int first, int end) {
     for (int band = first; band < end && !(control && control->cancelled()); ++band) {
-      const int top = band * kBandRows;
-      const int bottom = std::min(top + kBandRows, input.height());
+      const int top = band * bandRows;
+      const int bottom = std::min(top + bandRows, input.height());
       cv::Mat target = out.rowRange(top, bottom);
       filter(in.rowRange(top, bottom), target);
     }
@@ -41,7 +42,7 @@ void filterInBands(const Plane& input, Plane& output, const RenderControl* contr
 }  // namespace
 
 void boxMean(const Plane& input, int radius, Plane& output, const RenderControl* control) {
-  filterInBands(input, output, control, [radius](const cv::Mat& in, cv::Mat& out) {
+  filterInBands(input, output, radius, control, [radius](const cv::Mat& in, cv::Mat& out) {
     cv::boxFilter(in, out, CV_32F, cv::Size(2 * radius + 1, 2 * radius + 1), cv::Point(-1, -1),
                   true, cv::BORDER_REFLECT);
   });
@@ -50,7 +51,7 @@ void boxMean(const Plane& input, int radius, Plane& output, const RenderControl*
 void boxMinimum(const Plane& input, int radius, Plane& output, const RenderControl* control) {
   const cv::Mat box =
       cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * radius + 1, 2 * radius + 1));
-  filterInBands(input, output, control, [&box](const cv::Mat& in, cv::Mat& out) {
+  filterInBands(input, output, radius, control, [&box](const cv::Mat& in, cv::Mat& out) {
     cv::erode(in, out, box, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
   });
 }
