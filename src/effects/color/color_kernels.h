@@ -77,9 +77,9 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
-/// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
+/// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
-std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
+std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
   // The matrix is folded into Oklab's first one, so it costs nothing per pixel. Always inlined:
   // a call left in the pixel loop keeps it from vectorising.
   const Matrix3 toLms = kLinearSrgbToLms * linear;
@@ -87,9 +87,9 @@ std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
       [ adjust, toLms ](float& r, float& g, float& b) __attribute__((always_inline)) {
     float x = r, y = g, z = b;
     toLms.apply(x, y, z);
-    Oklab lab = lmsToOklab(x, y, z);
-    adjust(lab);
-    oklabToLinear(lab, r, g, b);
+    LmsRoot roots = LmsRoot::of(x, y, z);
+    adjust(roots);
+    roots.toLinear(r, g, b);
     // Colours pushed outside the gamut are clipped at black rather than left negative.
     r = r > 0.0f ? r : 0.0f;
     g = g > 0.0f ? g : 0.0f;
@@ -99,9 +99,28 @@ std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
 }
 
 template <typename Adjust>
+std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
+  return lmsRootKernel(Matrix3{}, adjust);
+}
+
+/// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
+template <typename Adjust>
+std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
+  return lmsRootKernel(
+      linear, [adjust](LmsRoot & roots) __attribute__((always_inline)) {
+        Oklab lab = roots.oklab();
+        adjust(lab);
+        roots = LmsRoot::of(lab);
+      });
+}
+
+template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
   return oklabKernel(Matrix3{}, adjust);
 }
+
+/// A fixed linear map of Oklab on every pixel, folded per call into one matrix on its roots.
+std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab);
 
 /// Oklab chroma of (a, b).
 inline float chroma(const Oklab& lab) {
@@ -113,6 +132,11 @@ inline void scaleChroma(Oklab& lab, float k) {
   k = k > 0.0f ? k : 0.0f;
   lab.a *= k;
   lab.b *= k;
+}
+
+/// The roots with Oklab chroma scaled by k, never below 0, and lightness L (their own) kept.
+inline void scaleChroma(LmsRoot& roots, float L, float k) {
+  roots.reshape(L, k > 0.0f ? k : 0.0f, L);
 }
 
 /// A per-value curve on [0, 1] for one channel, continued above 1 along its end slope.
@@ -171,14 +195,17 @@ Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
 /// The weights of shadows and highlights over Oklab lightness; `balance` in [-1, 1] moves their
 /// border up (more shadows) or down. Black and white themselves get no tint.
 struct ToneRanges {
-  explicit ToneRanges(float balance) : pivot(0.55f + 0.25f * balance) {}
+  explicit ToneRanges(float balance)
+      : pivot(0.55f + 0.25f * balance),
+        intoHighlights(pivot - 0.2f, pivot + 0.25f),
+        outOfShadows(pivot - 0.25f, pivot + 0.2f) {}
   float highlights(float L) const {
-    return smoothStep(pivot - 0.2f, pivot + 0.25f, L) * (1.0f - smoothStep(0.97f, 1.0f, L));
+    return intoHighlights(L) * (1.0f - smoothStep(0.97f, 1.0f, L));
   }
-  float shadows(float L) const {
-    return smoothStep(0.02f, 0.2f, L) * (1.0f - smoothStep(pivot - 0.25f, pivot + 0.2f, L));
-  }
+  float shadows(float L) const { return smoothStep(0.02f, 0.2f, L) * (1.0f - outOfShadows(L)); }
   float pivot;
+  SmoothStep intoHighlights;
+  SmoothStep outOfShadows;
 };
 
 }  // namespace vorn::detail
