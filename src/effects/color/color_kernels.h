@@ -32,7 +32,10 @@ void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
   alignas(64) float b[kBlock];
   for (std::size_t done = 0; done < count; done += kBlock) {
     const std::size_t n = count - done < kBlock ? count - done : kBlock;
-    const auto shifted = [&adjust, done](float& red, float& green, float& blue, std::size_t i) {
+    // Always inlined, like every closure down to the pixel: GCC may leave a large one called
+    // per pixel from the vector clones, which then run scalar.
+    const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
+        __attribute__((always_inline)) {
       adjust(red, green, blue, done + i);
     };
     if constexpr (Linear) {
@@ -60,8 +63,10 @@ void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
 template <typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in, out,
-                 count);
+    adjustLinear(
+        [&adjust](float& r, float& g, float& b, std::size_t)
+            __attribute__((always_inline)) { adjust(r, g, b); },
+        in, out, count);
   });
 }
 
