@@ -32,8 +32,6 @@ void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
   alignas(64) float b[kBlock];
   for (std::size_t done = 0; done < count; done += kBlock) {
     const std::size_t n = count - done < kBlock ? count - done : kBlock;
-    // Always inlined, like every closure down to the pixel: GCC may leave a large one called
-    // per pixel from the vector clones, which then run scalar.
     const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
         __attribute__((always_inline)) {
       adjust(red, green, blue, done + i);
@@ -63,6 +61,17 @@ void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
 template <typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in, out,
+                 count);
+  });
+}
+
+/// linearKernel with adjust forced inline. GCC may leave a large closure called per pixel from
+/// the vector clones, which then run scalar; but forced early, a closure that reads a table
+/// (BWChannels) no longer vectorises, so the plain one stays for those.
+template <typename Adjust>
+std::unique_ptr<RowKernel> inlinedLinearKernel(Adjust adjust) {
+  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
     adjustLinear(
         [&adjust](float& r, float& g, float& b, std::size_t)
             __attribute__((always_inline)) { adjust(r, g, b); },
@@ -82,25 +91,32 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
+/// The pixel's linear light through toLms to its cone roots, adjust(LmsRoot&) and back.
+template <typename Adjust>
+__attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
+                                                           const Adjust& adjust, float& r, float& g,
+                                                           float& b) {
+  float x = r, y = g, z = b;
+  toLms.apply(x, y, z);
+  LmsRoot roots = LmsRoot::of(x, y, z);
+  adjust(roots);
+  roots.toLinear(r, g, b);
+  // Colours pushed outside the gamut are clipped at black rather than left negative.
+  r = r > 0.0f ? r : 0.0f;
+  g = g > 0.0f ? g : 0.0f;
+  b = b > 0.0f ? b : 0.0f;
+}
+
+// Both kernels below fold `linear` into Oklab's first matrix, so it costs nothing per pixel.
+// Their closures are always inlined, and hold the effect's own closure directly: a call left
+// in the pixel loop, or one more closure level above it, keeps the loop from vectorising.
+
 /// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
-  // The matrix is folded into Oklab's first one, so it costs nothing per pixel. Always inlined:
-  // a call left in the pixel loop keeps it from vectorising.
   const Matrix3 toLms = kLinearSrgbToLms * linear;
-  const auto perPixel =
-      [ adjust, toLms ](float& r, float& g, float& b) __attribute__((always_inline)) {
-    float x = r, y = g, z = b;
-    toLms.apply(x, y, z);
-    LmsRoot roots = LmsRoot::of(x, y, z);
-    adjust(roots);
-    roots.toLinear(r, g, b);
-    // Colours pushed outside the gamut are clipped at black rather than left negative.
-    r = r > 0.0f ? r : 0.0f;
-    g = g > 0.0f ? g : 0.0f;
-    b = b > 0.0f ? b : 0.0f;
-  };
-  return linearKernel(perPixel);
+  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b) __attribute__((
+      always_inline)) { throughLmsRoots(toLms, adjust, r, g, b); });
 }
 
 template <typename Adjust>
@@ -111,12 +127,18 @@ std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return lmsRootKernel(
-      linear, [adjust](LmsRoot & roots) __attribute__((always_inline)) {
-        Oklab lab = roots.oklab();
-        adjust(lab);
-        roots = LmsRoot::of(lab);
-      });
+  const Matrix3 toLms = kLinearSrgbToLms * linear;
+  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b)
+                                 __attribute__((always_inline)) {
+                                   throughLmsRoots(
+                                       toLms,
+                                       [&adjust](LmsRoot & roots) __attribute__((always_inline)) {
+                                         Oklab lab = roots.oklab();
+                                         adjust(lab);
+                                         roots = LmsRoot::of(lab);
+                                       },
+                                       r, g, b);
+                                 });
 }
 
 template <typename Adjust>
@@ -200,17 +222,14 @@ Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
 /// The weights of shadows and highlights over Oklab lightness; `balance` in [-1, 1] moves their
 /// border up (more shadows) or down. Black and white themselves get no tint.
 struct ToneRanges {
-  explicit ToneRanges(float balance)
-      : pivot(0.55f + 0.25f * balance),
-        intoHighlights(pivot - 0.2f, pivot + 0.25f),
-        outOfShadows(pivot - 0.25f, pivot + 0.2f) {}
+  explicit ToneRanges(float balance) : pivot(0.55f + 0.25f * balance) {}
   float highlights(float L) const {
-    return intoHighlights(L) * (1.0f - smoothStep(0.97f, 1.0f, L));
+    return smoothStep(pivot - 0.2f, pivot + 0.25f, L) * (1.0f - smoothStep(0.97f, 1.0f, L));
   }
-  float shadows(float L) const { return smoothStep(0.02f, 0.2f, L) * (1.0f - outOfShadows(L)); }
+  float shadows(float L) const {
+    return smoothStep(0.02f, 0.2f, L) * (1.0f - smoothStep(pivot - 0.25f, pivot + 0.2f, L));
+  }
   float pivot;
-  SmoothStep intoHighlights;
-  SmoothStep outOfShadows;
 };
 
 }  // namespace vorn::detail

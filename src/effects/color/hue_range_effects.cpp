@@ -107,12 +107,16 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
   // The table goes by value, its curve kept alive beside it (see SampledCurve::Table).
   auto gains = std::make_shared<const detail::SampledCurve>(hueGains(sliders));
-  return detail::lmsRootKernel([amount, gains, table = gains->table()](LmsRoot& roots) {
+  const auto mix = [amount, gains, table = gains->table()](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
     const float c = detail::chroma(lab);
     const float strength = std::min(c * (1.0f / kFullMixChroma), 1.0f);
     const float grey = lab.L * (1.0f + strength * table.at(detail::fastAtan2(lab.b, lab.a)));
     roots.reshape(lab.L, 1.0f - amount, lab.L + amount * (grey - lab.L));
+  };
+  // The plain kernel: the table read keeps a forced-inline loop scalar (see inlinedLinearKernel).
+  return detail::linearKernel([mix](float& r, float& g, float& b) __attribute__((always_inline)) {
+    detail::throughLmsRoots(detail::kLinearSrgbToLms, mix, r, g, b);
   });
 }
 

@@ -49,21 +49,10 @@ inline PixelRGB<float> saturated(const PixelRGB<float>& p, float k) {
 }
 
 /// 0 below edge0, 1 above edge1, the cubic Hermite step between.
-/// smoothStep with its edges fixed once, for edges known only per call: the pixel loop then
-/// multiplies instead of dividing.
-struct SmoothStep {
-  SmoothStep(float low, float high) : edge0(low), inverseWidth(1.0f / (high - low)) {}
-  float operator()(float x) const {
-    const float t = unitClamp((x - edge0) * inverseWidth);
-    return t * t * (3.0f - 2.0f * t);
-  }
-  float edge0;
-  float inverseWidth;
-};
-
 inline float smoothStep(float edge0, float edge1, float x) {
   // A reciprocal, so that with constant edges the pixel loop multiplies instead of dividing.
-  return SmoothStep(edge0, edge1)(x);
+  const float t = unitClamp((x - edge0) * (1.0f / (edge1 - edge0)));
+  return t * t * (3.0f - 2.0f * t);
 }
 
 }  // namespace vorn::detail
