@@ -32,6 +32,7 @@ void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
   alignas(64) float b[kBlock];
   for (std::size_t done = 0; done < count; done += kBlock) {
     const std::size_t n = count - done < kBlock ? count - done : kBlock;
+    // Forced inline: each vector clone calls it, and GCC may leave a large one out of line.
     const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
         __attribute__((always_inline)) {
       adjust(red, green, blue, done + i);
@@ -107,9 +108,8 @@ __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
   b = b > 0.0f ? b : 0.0f;
 }
 
-// Both kernels below fold `linear` into Oklab's first matrix, so it costs nothing per pixel.
-// Their closures are always inlined, and hold the effect's own closure directly: a call left
-// in the pixel loop, or one more closure level above it, keeps the loop from vectorising.
+// Both kernels below fold `linear` into Oklab's first matrix, so it costs nothing per pixel,
+// and force every closure inline: a call left in the pixel loop keeps it from vectorising.
 
 /// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
