@@ -140,6 +140,65 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
 }
 
 // Channel curves run as one gathering loop; in place it must read each pixel before writing it.
+// Effects linear in Oklab skip (L, a, b) and act on the cone roots: the shortcuts must agree
+// with the trip through Oklab to within float rounding.
+TEST(ColorSpaceTest, ConeRootShortcutsMatchTheTripThroughOklab) {
+  for (const float L : {0.0f, 0.3f, 0.7f, 1.15f}) {
+    for (const float a : {-0.25f, 0.0f, 0.12f}) {
+      for (const float b : {-0.2f, 0.05f, 0.3f}) {
+        const detail::Oklab lab{L, a, b};
+        const detail::LmsRoot roots = detail::LmsRoot::of(lab);
+        const detail::Oklab back = roots.oklab();
+        EXPECT_NEAR(back.L, L, 1e-6f);
+        EXPECT_NEAR(back.a, a, 1e-6f);
+        EXPECT_NEAR(back.b, b, 1e-6f);
+        EXPECT_NEAR(roots.lightness(), L, 1e-6f);
+        detail::LmsRoot reshaped = roots;
+        reshaped.reshape(L, 0.4f, L + 0.1f);
+        const detail::Oklab scaled = reshaped.oklab();
+        EXPECT_NEAR(scaled.L, L + 0.1f, 1e-6f);
+        EXPECT_NEAR(scaled.a, 0.4f * a, 1e-6f);
+        EXPECT_NEAR(scaled.b, 0.4f * b, 1e-6f);
+        detail::LmsRoot moved = roots;
+        moved.add(0.5f, detail::LmsRoot::of(detail::Oklab{0.0f, 0.06f, -0.02f}));
+        const detail::Oklab offset = moved.oklab();
+        EXPECT_NEAR(offset.L, L, 1e-6f);
+        EXPECT_NEAR(offset.a, a + 0.03f, 1e-6f);
+        EXPECT_NEAR(offset.b, b - 0.01f, 1e-6f);
+        // The roots cubed are the cone responses of the colour's linear light (black with a
+        // hue is no colour: the float matrices' rounding dominates there).
+        float r, g, bl;
+        roots.toLinear(r, g, bl);
+        const detail::Oklab again = detail::linearToOklab(r, g, bl);
+        if (L > 0.0f) {
+          EXPECT_NEAR(again.L, L, 1e-4f);
+          EXPECT_NEAR(again.a, a, 1e-4f);
+          EXPECT_NEAR(again.b, b, 1e-4f);
+        }
+      }
+    }
+  }
+  // A folded matrix renders what applying it to (L, a, b) renders, in and out of range.
+  const detail::Matrix3 turnAndScale{{1.0f, 0.0f, 0.0f, 0.0f, 0.9f, -0.7f, 0.0f, 0.5f, 1.1f}};
+  const auto folded = detail::oklabMatrixKernel(turnAndScale);
+  const auto direct =
+      detail::oklabKernel([&](detail::Oklab& lab) { turnAndScale.apply(lab.L, lab.a, lab.b); });
+  std::vector<PixelRGB<float>> pixels;
+  for (int i = 0; i < 40; ++i) {
+    const float v = static_cast<float>(i) / 30.0f - 0.1f;
+    pixels.emplace_back(v, 0.6f * (1.0f - v) + 0.1f, 0.3f + 0.5f * v * v);
+  }
+  std::vector<PixelRGB<float>> viaRoots(pixels.size());
+  std::vector<PixelRGB<float>> viaOklab(pixels.size());
+  folded->run(pixels.data(), viaRoots.data(), pixels.size());
+  direct->run(pixels.data(), viaOklab.data(), pixels.size());
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    EXPECT_NEAR(viaRoots[i].r, viaOklab[i].r, 3e-5f) << i;
+    EXPECT_NEAR(viaRoots[i].g, viaOklab[i].g, 3e-5f) << i;
+    EXPECT_NEAR(viaRoots[i].b, viaOklab[i].b, 3e-5f) << i;
+  }
+}
+
 TEST(ColorSpaceTest, ChannelCurvesKernelMatchesEachCurveAlsoInPlace) {
   const detail::ChannelCurve square([](float x) { return x * x; });
   const detail::ChannelCurve lifted([](float x) { return 0.2f + 0.7f * x; });

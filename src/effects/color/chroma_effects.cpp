@@ -10,6 +10,7 @@
 // Oklab for the editor's sliders, chroma around luminance in linear light for the mixer's.
 namespace vorn {
 
+using detail::LmsRoot;
 using detail::Oklab;
 
 namespace {
@@ -30,19 +31,22 @@ struct VibranceWeight {
 
 }  // namespace
 
-// Saturation: Oklab chroma times 1 + s, so lightness and hue stay as they are.
+// Saturation: Oklab chroma times 1 + s, so lightness and hue stay as they are; a fixed linear
+// map of Oklab, so it is one matrix on the cone roots.
 PointEffect::Kernel SaturationEffect::prepare(const Setup&) const {
   const float k = 1.0f + mappedValue(0, -1.0f, 0.0f, 1.0f);
   if (k == 1.0f) return nullptr;
-  return detail::oklabKernel([k](Oklab& lab) { detail::scaleChroma(lab, k); });
+  const float gain = std::max(k, 0.0f);
+  return detail::oklabMatrixKernel(detail::Matrix3::diagonal(1.0f, gain, gain));
 }
 
 // Vibrance: Oklab chroma gain falling to 1 with the colour's own chroma and on skin hues.
 PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
   const float v = mappedValue(0, -1.0f, 0.0f, 1.0f);
   if (v == 0.0f) return nullptr;
-  return detail::oklabKernel([v, weight = VibranceWeight{}](Oklab& lab) {
-    detail::scaleChroma(lab, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)));
+  return detail::lmsRootKernel([v, weight = VibranceWeight{}](LmsRoot& roots) {
+    const Oklab lab = roots.oklab();
+    detail::scaleChroma(roots, lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)));
   });
 }
 
@@ -79,16 +83,14 @@ PointEffect::Kernel RamixVibranceEffect::prepare(const Setup&) const {
   });
 }
 
-// Hue shift: rotation of the Oklab a-b plane, lightness and chroma kept.
+// Hue shift: rotation of the Oklab a-b plane, lightness and chroma kept; one matrix on the cone
+// roots like saturation.
 PointEffect::Kernel HueShiftEffect::prepare(const Setup&) const {
   const float degrees = mappedValue(0, -180.0f, 0.0f, 180.0f);
   if (degrees == 0.0f) return nullptr;
   const detail::HueDirection turn = detail::HueDirection::ofAngle(degrees);
-  return detail::oklabKernel([turn](Oklab& lab) {
-    const float a = lab.a * turn.cosine - lab.b * turn.sine;
-    lab.b = lab.a * turn.sine + lab.b * turn.cosine;
-    lab.a = a;
-  });
+  return detail::oklabMatrixKernel(
+      {{1.0f, 0.0f, 0.0f, 0.0f, turn.cosine, -turn.sine, 0.0f, turn.sine, turn.cosine}});
 }
 
 // Colour contrast: each opponent axis (a, b) through a rational curve with slope 1 + k at grey
@@ -112,10 +114,11 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
   const detail::Matrix3 warm =
       warmth == 0.0f ? detail::Matrix3{}
                      : detail::adaptationToD65(detail::shiftedWhite(-40.0f * warmth, 0.0f));
-  return detail::oklabKernel(warm, [brilliance, weight = VibranceWeight{}](Oklab& lab) {
-    detail::scaleChroma(lab, 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab)));
+  return detail::lmsRootKernel(warm, [brilliance, weight = VibranceWeight{}](LmsRoot& roots) {
+    const Oklab lab = roots.oklab();
+    const float k = 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab));
     const float L = std::clamp(lab.L, 0.0f, 1.0f);
-    lab.L += 0.25f * brilliance * L * (1.0f - L);
+    roots.reshape(lab.L, k > 0.0f ? k : 0.0f, lab.L + 0.25f * brilliance * L * (1.0f - L));
   });
 }
 

@@ -9,6 +9,11 @@ std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix) {
   return linearKernel([matrix](float& r, float& g, float& b) { matrix.apply(r, g, b); });
 }
 
+std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab) {
+  const Matrix3 onRoots = kOklabToLmsRoot * onOklab * kLmsRootToOklab;
+  return lmsRootKernel([onRoots](LmsRoot& p) { onRoots.apply(p.l, p.m, p.s); });
+}
+
 namespace {
 
 // The tables come by value: read through a closure, they could change with every float stored,

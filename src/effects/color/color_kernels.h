@@ -32,7 +32,9 @@ void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
   alignas(64) float b[kBlock];
   for (std::size_t done = 0; done < count; done += kBlock) {
     const std::size_t n = count - done < kBlock ? count - done : kBlock;
-    const auto shifted = [&adjust, done](float& red, float& green, float& blue, std::size_t i) {
+    // Forced inline: each vector clone calls it, and GCC may leave a large one out of line.
+    const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
+        __attribute__((always_inline)) {
       adjust(red, green, blue, done + i);
     };
     if constexpr (Linear) {
@@ -65,6 +67,19 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
   });
 }
 
+/// linearKernel with adjust forced inline. GCC may leave a large closure called per pixel from
+/// the vector clones, which then run scalar; but forced early, a closure that reads a table
+/// (BWChannels) no longer vectorises, so the plain one stays for those.
+template <typename Adjust>
+std::unique_ptr<RowKernel> inlinedLinearKernel(Adjust adjust) {
+  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    adjustLinear(
+        [&adjust](float& r, float& g, float& b, std::size_t)
+            __attribute__((always_inline)) { adjust(r, g, b); },
+        in, out, count);
+  });
+}
+
 /// adjust(r, g, b) on the encoded values of every pixel, vectorised like linearKernel.
 template <typename Adjust>
 std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
@@ -77,31 +92,62 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
+/// The pixel's linear light through toLms to its cone roots, adjust(LmsRoot&) and back.
+template <typename Adjust>
+__attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
+                                                           const Adjust& adjust, float& r, float& g,
+                                                           float& b) {
+  float x = r, y = g, z = b;
+  toLms.apply(x, y, z);
+  LmsRoot roots = LmsRoot::of(x, y, z);
+  adjust(roots);
+  roots.toLinear(r, g, b);
+  // Colours pushed outside the gamut are clipped at black rather than left negative.
+  r = r > 0.0f ? r : 0.0f;
+  g = g > 0.0f ? g : 0.0f;
+  b = b > 0.0f ? b : 0.0f;
+}
+
+// Both kernels below fold `linear` into Oklab's first matrix, so it costs nothing per pixel,
+// and force every closure inline: a call left in the pixel loop keeps it from vectorising.
+
+/// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light.
+template <typename Adjust>
+std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
+  const Matrix3 toLms = kLinearSrgbToLms * linear;
+  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b) __attribute__((
+      always_inline)) { throughLmsRoots(toLms, adjust, r, g, b); });
+}
+
+template <typename Adjust>
+std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
+  return lmsRootKernel(Matrix3{}, adjust);
+}
+
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  // The matrix is folded into Oklab's first one, so it costs nothing per pixel. Always inlined:
-  // a call left in the pixel loop keeps it from vectorising.
   const Matrix3 toLms = kLinearSrgbToLms * linear;
-  const auto perPixel =
-      [ adjust, toLms ](float& r, float& g, float& b) __attribute__((always_inline)) {
-    float x = r, y = g, z = b;
-    toLms.apply(x, y, z);
-    Oklab lab = lmsToOklab(x, y, z);
-    adjust(lab);
-    oklabToLinear(lab, r, g, b);
-    // Colours pushed outside the gamut are clipped at black rather than left negative.
-    r = r > 0.0f ? r : 0.0f;
-    g = g > 0.0f ? g : 0.0f;
-    b = b > 0.0f ? b : 0.0f;
-  };
-  return linearKernel(perPixel);
+  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b)
+                                 __attribute__((always_inline)) {
+                                   throughLmsRoots(
+                                       toLms,
+                                       [&adjust](LmsRoot & roots) __attribute__((always_inline)) {
+                                         Oklab lab = roots.oklab();
+                                         adjust(lab);
+                                         roots = LmsRoot::of(lab);
+                                       },
+                                       r, g, b);
+                                 });
 }
 
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
   return oklabKernel(Matrix3{}, adjust);
 }
+
+/// A fixed linear map of Oklab on every pixel, folded per call into one matrix on its roots.
+std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab);
 
 /// Oklab chroma of (a, b).
 inline float chroma(const Oklab& lab) {
@@ -113,6 +159,11 @@ inline void scaleChroma(Oklab& lab, float k) {
   k = k > 0.0f ? k : 0.0f;
   lab.a *= k;
   lab.b *= k;
+}
+
+/// The roots with Oklab chroma scaled by k, never below 0, and lightness L (their own) kept.
+inline void scaleChroma(LmsRoot& roots, float L, float k) {
+  roots.reshape(L, k > 0.0f ? k : 0.0f, L);
 }
 
 /// A per-value curve on [0, 1] for one channel, continued above 1 along its end slope.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <numbers>
 
 #include "effects/color/color_kernels.h"
@@ -11,6 +12,7 @@
 namespace vorn {
 
 using detail::HueWindow;
+using detail::LmsRoot;
 using detail::Oklab;
 
 namespace {
@@ -29,12 +31,13 @@ inline float lightnessContrast(float L, float k) {
 PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  return detail::oklabKernel(
-      [amount, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](Oklab& lab) {
-        const float c = detail::chroma(lab);
-        const float w = amount * sky.weight(lab.a, lab.b, c);
-        lab.L *= 1.0f - 0.3f * w * detail::smoothStep(0.3f, 0.85f, lab.L);
-        detail::scaleChroma(lab, 1.0f + 0.6f * w + 0.15f * amount);
+  return detail::lmsRootKernel(
+      [amount, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
+        const Oklab lab = roots.oklab();
+        const float w = amount * sky.weight(lab.a, lab.b, detail::chroma(lab));
+        // The gain is at least 1: no clamp.
+        roots.reshape(lab.L, 1.0f + 0.6f * w + 0.15f * amount,
+                      lab.L * (1.0f - 0.3f * w * detail::smoothStep(0.3f, 0.85f, lab.L)));
       });
 }
 
@@ -42,11 +45,11 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
 PointEffect::Kernel FoliageEnhanceEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  return detail::oklabKernel(
-      [amount, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](Oklab& lab) {
+  return detail::lmsRootKernel(
+      [amount, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](LmsRoot& roots) {
+        const Oklab lab = roots.oklab();
         const float w = amount * leaves.weight(lab.a, lab.b, detail::chroma(lab));
-        detail::scaleChroma(lab, 1.0f + 0.7f * w);
-        lab.L *= 1.0f + 0.06f * w;
+        roots.reshape(lab.L, 1.0f + 0.7f * w, lab.L * (1.0f + 0.06f * w));
       });
 }
 
@@ -56,9 +59,13 @@ PointEffect::Kernel ContrastColorRangeEffect::prepare(const Setup&) const {
   if (k == 0.0f) return nullptr;
   const float hue = mappedValue(1, 0.0f, 180.0f, 360.0f);
   const float halfWidth = mappedValue(2, 10.0f, 65.0f, 120.0f);
-  return detail::oklabKernel([k, range = HueWindow(detail::wheelHue(hue), halfWidth)](Oklab& lab) {
-    lab.L += range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k);
-  });
+  return detail::lmsRootKernel(
+      [k, range = HueWindow(detail::wheelHue(hue), halfWidth)](LmsRoot& roots) {
+        const Oklab lab = roots.oklab();
+        roots.reshape(
+            lab.L, 1.0f,
+            lab.L + range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k));
+      });
 }
 
 namespace {
@@ -98,13 +105,18 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   if (amount == 0.0f) return nullptr;
   std::array<float, 6> sliders{};
   for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
-  return detail::oklabKernel([amount, gains = hueGains(sliders)](Oklab& lab) {
+  // The table goes by value, its curve kept alive beside it (see SampledCurve::Table).
+  auto gains = std::make_shared<const detail::SampledCurve>(hueGains(sliders));
+  const auto mix = [amount, gains, table = gains->table()](LmsRoot& roots) {
+    const Oklab lab = roots.oklab();
     const float c = detail::chroma(lab);
     const float strength = std::min(c * (1.0f / kFullMixChroma), 1.0f);
-    const float grey = lab.L * (1.0f + strength * gains.at(detail::fastAtan2(lab.b, lab.a)));
-    lab.L += amount * (grey - lab.L);
-    lab.a *= 1.0f - amount;
-    lab.b *= 1.0f - amount;
+    const float grey = lab.L * (1.0f + strength * table.at(detail::fastAtan2(lab.b, lab.a)));
+    roots.reshape(lab.L, 1.0f - amount, lab.L + amount * (grey - lab.L));
+  };
+  // The plain kernel: the table read keeps a forced-inline loop scalar (see inlinedLinearKernel).
+  return detail::linearKernel([mix](float& r, float& g, float& b) __attribute__((always_inline)) {
+    detail::throughLmsRoots(detail::kLinearSrgbToLms, mix, r, g, b);
   });
 }
 

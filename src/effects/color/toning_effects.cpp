@@ -10,6 +10,7 @@
 // made of per-channel curves.
 namespace vorn {
 
+using detail::LmsRoot;
 using detail::Oklab;
 
 namespace {
@@ -17,20 +18,21 @@ namespace {
 /// Oklab chroma a toning slider at 100 adds: a clear but not garish tint.
 constexpr float kToneChroma = 0.07f;
 
-/// An Oklab (a, b) offset of `chroma` towards the wheel hue `degrees`.
-std::array<float, 2> toneOffset(float degrees, float chroma) {
+/// An Oklab (a, b) offset of `chroma` towards the wheel hue `degrees`, as the change it makes
+/// to the cone roots (the map between them is linear).
+LmsRoot toneOffset(float degrees, float chroma) {
   const detail::HueDirection d = detail::wheelHue(degrees);
-  return {chroma * d.cosine, chroma * d.sine};
+  return LmsRoot::of(Oklab{0.0f, chroma * d.cosine, chroma * d.sine});
 }
 
 /// Split toning: highlights and shadows each shifted by their own offset; black and white stay.
-std::unique_ptr<detail::RowKernel> splitToneKernel(std::array<float, 2> highlights,
-                                                   std::array<float, 2> shadows, float balance) {
-  return detail::oklabKernel([=, ranges = detail::ToneRanges(balance)](Oklab& lab) {
-    const float h = ranges.highlights(lab.L);
-    const float s = ranges.shadows(lab.L);
-    lab.a += h * highlights[0] + s * shadows[0];
-    lab.b += h * highlights[1] + s * shadows[1];
+/// Only the weights depend on the pixel, through its lightness.
+std::unique_ptr<detail::RowKernel> splitToneKernel(LmsRoot highlights, LmsRoot shadows,
+                                                   float balance) {
+  return detail::lmsRootKernel([=, ranges = detail::ToneRanges(balance)](LmsRoot& roots) {
+    const float L = roots.lightness();
+    roots.add(ranges.highlights(L), highlights);
+    roots.add(ranges.shadows(L), shadows);
   });
 }
 
@@ -65,12 +67,14 @@ PointEffect::Kernel SplitWarmthEffect::prepare(const Setup&) const {
 PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  const detail::HueDirection tint = detail::wheelHue(mappedValue(1, 0.0f, 180.0f, 360.0f));
-  return detail::oklabKernel([amount, tint](Oklab& lab) {
+  // The unit chroma step towards the tint hue, as a change of the cone roots.
+  const LmsRoot tint = toneOffset(mappedValue(1, 0.0f, 180.0f, 360.0f), 1.0f);
+  return detail::lmsRootKernel([amount, tint](LmsRoot& roots) {
+    const Oklab lab = roots.oklab();
     const float L = std::clamp(lab.L, 0.0f, 1.0f);
     const float c = std::max(detail::chroma(lab), 0.5f * kToneChroma * 4.0f * L * (1.0f - L));
-    lab.a += amount * (c * tint.cosine - lab.a);
-    lab.b += amount * (c * tint.sine - lab.b);
+    roots.reshape(lab.L, 1.0f - amount, lab.L);
+    roots.add(amount * c, tint);
   });
 }
 

@@ -240,14 +240,62 @@ struct Oklab {
   float L, a, b;
 };
 
+/// Oklab from the cube roots of its cone responses (lms'), and back.
+inline constexpr Matrix3 kLmsRootToOklab{{0.2104542553f, 0.7936177850f, -0.0040720468f,
+                                          1.9779984951f, -2.4285922050f, 0.4505937099f,
+                                          0.0259040371f, 0.7827717662f, -0.8086757660f}};
+/// Its first column is all ones: a lightness change moves l', m' and s' alike.
+inline constexpr Matrix3 kOklabToLmsRoot{{1.0f, 0.3963377774f, 0.2158037573f, 1.0f, -0.1055613458f,
+                                          -0.0638541728f, 1.0f, -0.0894841775f, -1.2914855480f}};
+
+/// The cube roots of Oklab's cone responses. Oklab is a fixed matrix of them, so an effect
+/// linear in Oklab can act on them directly, without the trip through (L, a, b) and back.
+struct LmsRoot {
+  float l, m, s;
+
+  /// The roots of cone responses l, m, s.
+  static LmsRoot of(float l, float m, float s) { return {fastCbrt(l), fastCbrt(m), fastCbrt(s)}; }
+  static LmsRoot of(const Oklab& c) {
+    LmsRoot p{c.L, c.a, c.b};
+    kOklabToLmsRoot.apply(p.l, p.m, p.s);
+    return p;
+  }
+  Oklab oklab() const {
+    Oklab c{l, m, s};
+    kLmsRootToOklab.apply(c.L, c.a, c.b);
+    return c;
+  }
+  /// Oklab lightness alone: one row of the matrix.
+  float lightness() const {
+    return kLmsRootToOklab.m[0] * l + kLmsRootToOklab.m[1] * m + kLmsRootToOklab.m[2] * s;
+  }
+  /// The colour with Oklab chroma times gain and lightness moved from L to newL (L its own).
+  void reshape(float L, float gain, float newL) {
+    const float grey = newL - gain * L;
+    l = gain * l + grey;
+    m = gain * m + grey;
+    s = gain * s + grey;
+  }
+  /// The colour moved by w times the Oklab difference whose roots' difference is d.
+  void add(float w, const LmsRoot& d) {
+    l += w * d.l;
+    m += w * d.m;
+    s += w * d.s;
+  }
+  /// Linear sRGB of the roots.
+  void toLinear(float& r, float& g, float& b) const {
+    const float cl = l * l * l;
+    const float cm = m * m * m;
+    const float cs = s * s * s;
+    r = 4.0767416621f * cl - 3.3077115913f * cm + 0.2309699292f * cs;
+    g = -1.2684380046f * cl + 2.6097574011f * cm - 0.3413193965f * cs;
+    b = -0.0041960863f * cl - 0.7034186147f * cm + 1.7076147010f * cs;
+  }
+};
+
 /// Oklab of cone responses l, m, s (before their cube roots).
 inline Oklab lmsToOklab(float l, float m, float s) {
-  l = fastCbrt(l);
-  m = fastCbrt(m);
-  s = fastCbrt(s);
-  return {0.2104542553f * l + 0.7936177850f * m - 0.0040720468f * s,
-          1.9779984951f * l - 2.4285922050f * m + 0.4505937099f * s,
-          0.0259040371f * l + 0.7827717662f * m - 0.8086757660f * s};
+  return LmsRoot::of(l, m, s).oklab();
 }
 
 inline Oklab linearToOklab(float r, float g, float b) {
@@ -262,15 +310,7 @@ inline constexpr Matrix3 kLinearSrgbToLms{{0.4122214708f, 0.5363325363f, 0.05144
                                            0.0883024619f, 0.2817188376f, 0.6299787005f}};
 
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
-  const float l0 = c.L + 0.3963377774f * c.a + 0.2158037573f * c.b;
-  const float m0 = c.L - 0.1055613458f * c.a - 0.0638541728f * c.b;
-  const float s0 = c.L - 0.0894841775f * c.a - 1.2914855480f * c.b;
-  const float l = l0 * l0 * l0;
-  const float m = m0 * m0 * m0;
-  const float s = s0 * s0 * s0;
-  r = 4.0767416621f * l - 3.3077115913f * m + 0.2309699292f * s;
-  g = -1.2684380046f * l + 2.6097574011f * m - 0.3413193965f * s;
-  b = -0.0041960863f * l - 0.7034186147f * m + 1.7076147010f * s;
+  LmsRoot::of(c).toLinear(r, g, b);
 }
 
 /// A unit direction in the Oklab a-b plane.
