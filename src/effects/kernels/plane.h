@@ -8,9 +8,15 @@
 
 namespace vorn::detail {
 
+/// Gives a plane's block back to where it came from.
+struct PlaneFree {
+  bool pooled = true;
+  void operator()(float* block) const;
+};
+
 /// A width x height plane of floats, row-major, stride = width, drawn uninitialised from the
-/// pixel pool: fresh pages cost more than the filtering itself. std::bad_alloc when the pool
-/// has no memory left.
+/// pixel pool (small ones from the heap): fresh pages cost more than the filtering itself.
+/// std::bad_alloc when no memory is left.
 class Plane {
  public:
   Plane() = default;
@@ -27,12 +33,9 @@ class Plane {
   const float* row(int y) const { return data() + static_cast<std::size_t>(y) * width_; }
 
  private:
-  struct PoolFree {
-    void operator()(float* block) const;
-  };
   int width_ = 0;
   int height_ = 0;
-  std::unique_ptr<float, PoolFree> values_;
+  std::unique_ptr<float, PlaneFree> values_;
 };
 
 /// A plane of rect's size holding value(pixel) for every pixel of rect of image.
