@@ -86,7 +86,6 @@ namespace {
 /// Grey-world means of linear light, each pixel weighted by how near to neutral it is (strongly
 /// coloured subjects say little about the light) and clipped or black pixels left out.
 std::array<double, 3> nearNeutralMeans(const detail::RenderSetup& setup) {
-  const detail::SrgbTransfer& transfer = detail::srgbTransfer();
   const _Rect<int> rect = setup.statisticsRect;
   const std::int64_t area = static_cast<std::int64_t>(rect.width) * rect.height;
   const int step = area > (std::int64_t(1) << 20) ? 4 : 1;
@@ -101,11 +100,14 @@ std::array<double, 3> nearNeutralMeans(const detail::RenderSetup& setup) {
         const float low = std::min({p.r, p.g, p.b});
         // Also rejects NaN: every comparison with it is false.
         if (!(high < 0.97f && low > 0.02f)) continue;
-        // Channel spread of 0.6 of the brightest channel and more: no weight.
-        const double weight = std::max(0.0, 1.0 - (high - low) / (0.6 * high));
-        sums[0] += weight * transfer.toLinear(p.r);
-        sums[1] += weight * transfer.toLinear(p.g);
-        sums[2] += weight * transfer.toLinear(p.b);
+        // Channel spread of 0.6 of the brightest channel and more: no weight, and no need to
+        // decode the pixel.
+        const double weight = 1.0 - (high - low) / (0.6 * high);
+        if (!(weight > 0.0)) continue;
+        // Inside (0.02, 0.97): the curve's unit-range steps give the same bits as the whole.
+        sums[0] += weight * detail::srgbDecodeUnit(p.r);
+        sums[1] += weight * detail::srgbDecodeUnit(p.g);
+        sums[2] += weight * detail::srgbDecodeUnit(p.b);
         sums[3] += weight;
       }
     }
