@@ -330,6 +330,13 @@ TEST(ColorEffectTest, RemoveColorCastNeutralisesGreyWorldIgnoringClippedPixels) 
   for (int i = 0; i < 32; ++i) pixels.emplace_back(1.0f, 1.0f, 0.3f);
   auto out = renderWith("VORNRemoveColorCastEffect", {100}, rowOf(pixels));
   for (int x = 0; x < 64; ++x) EXPECT_LT(spread(out->at(x, 0)), 0.01f) << x;
+  // A frame large enough to be sampled sparsely, its rows and columns cycling the same pixels.
+  auto large = std::make_shared<ImageRGBf>(_Size<int>(1030, 1030));
+  for (int y = 0; y < large->height; ++y)
+    for (int x = 0; x < large->width; ++x)
+      large->at(x, y) = pixels[static_cast<std::size_t>(x + 3 * y) % pixels.size()];
+  auto sampled = renderWith("VORNRemoveColorCastEffect", {100}, large);
+  for (int x = 0; x < 64; ++x) EXPECT_LT(spread(sampled->at(x, 0)), 0.01f) << x;
 }
 
 TEST(ColorEffectTest, HueKeyedEffectsActOnTheirHuesOnly) {
