@@ -31,13 +31,17 @@ inline float lightnessContrast(float L, float k) {
 PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
+  // Per-call factors folded: 1 + 0.6 w + 0.15 amount and 0.3 w, w the weight times amount.
+  const float richer = 1.0f + 0.15f * amount;
+  const float deeper = 0.6f * amount;
+  const float darker = 0.3f * amount;
   return detail::lmsRootKernel(
-      [amount, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
+      [richer, deeper, darker, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
         const Oklab lab = roots.oklab();
-        const float w = amount * sky.weight(lab.a, lab.b, detail::chroma(lab));
+        const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
         // The gain is at least 1: no clamp.
-        roots.reshape(lab.L, 1.0f + 0.6f * w + 0.15f * amount,
-                      lab.L * (1.0f - 0.3f * w * detail::smoothStep(0.3f, 0.85f, lab.L)));
+        roots.reshape(lab.L, richer + deeper * w,
+                      lab.L * (1.0f - darker * w * detail::smoothStep(0.3f, 0.85f, lab.L)));
       });
 }
 
@@ -45,11 +49,13 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
 PointEffect::Kernel FoliageEnhanceEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
+  const float richer = 0.7f * amount;
+  const float lighter = 0.06f * amount;
   return detail::lmsRootKernel(
-      [amount, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](LmsRoot& roots) {
+      [richer, lighter, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](LmsRoot& roots) {
         const Oklab lab = roots.oklab();
-        const float w = amount * leaves.weight(lab.a, lab.b, detail::chroma(lab));
-        roots.reshape(lab.L, 1.0f + 0.7f * w, lab.L * (1.0f + 0.06f * w));
+        const float w = leaves.weight(lab.a, lab.b, detail::chroma(lab));
+        roots.reshape(lab.L, 1.0f + richer * w, lab.L * (1.0f + lighter * w));
       });
 }
 
@@ -62,9 +68,12 @@ PointEffect::Kernel ContrastColorRangeEffect::prepare(const Setup&) const {
   return detail::lmsRootKernel(
       [k, range = HueWindow(detail::wheelHue(hue), halfWidth)](LmsRoot& roots) {
         const Oklab lab = roots.oklab();
-        roots.reshape(
-            lab.L, 1.0f,
-            lab.L + range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k));
+        // A lightness change moves the three roots alike.
+        const float change =
+            range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k);
+        roots.l += change;
+        roots.m += change;
+        roots.s += change;
       });
 }
 

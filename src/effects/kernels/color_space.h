@@ -340,8 +340,8 @@ class HueWindow {
   HueWindow(HueDirection centre, float halfWidthDegrees);
   /// The window's weight for (a, b) of chroma c, faded out towards grey.
   float weight(float a, float b, float c) const {
-    const float cosDelta = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f);
-    float t = (cosDelta - edge_) * scale_;
+    // The step's scale is folded into the centre and the edge.
+    float t = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f) - edge_;
     t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
     float grey = c * (1.0f / kNeutralChroma);
     grey = grey < 1.0f ? grey : 1.0f;
@@ -351,7 +351,6 @@ class HueWindow {
  private:
   HueDirection centre_;
   float edge_;
-  float scale_;
 };
 
 }  // namespace vorn::detail
