@@ -130,7 +130,8 @@ class HueGains {
     pick(4);
     pick(5);
     float x = (angle - start) * inverseSpan - 0.5f;
-    x = x > -0.5f ? (x < 0.5f ? x : 0.5f) : -0.5f;
+    x = x > -0.5f ? x : -0.5f;
+    x = x < 0.5f ? x : 0.5f;
     // 0.5 - 0.5 cos(pi (x + 1/2)), which is 0.5 + 0.5 sin(pi x), as an odd polynomial (error
     // below 4e-5, a tenth of what the hue angle's error makes).
     const float x2 = x * x;

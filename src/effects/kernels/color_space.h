@@ -342,7 +342,9 @@ class HueWindow {
   float weight(float a, float b, float c) const {
     // The step's scale is folded into the centre and the edge.
     float t = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f) - edge_;
-    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
+    // One select after the other takes fewer instructions than nested ones; NaN lands on 0.
+    t = t > 0.0f ? t : 0.0f;
+    t = t < 1.0f ? t : 1.0f;
     float grey = c * (1.0f / kNeutralChroma);
     grey = grey < 1.0f ? grey : 1.0f;
     return t * t * (3.0f - 2.0f * t) * grey;
