@@ -117,7 +117,7 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
   return detail::lmsRootKernel(warm, [brilliance, weight = VibranceWeight{}](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
     const float k = 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab));
-    const float L = std::clamp(lab.L, 0.0f, 1.0f);
+    const float L = detail::intoUnitInterval(lab.L);
     roots.reshape(lab.L, k > 0.0f ? k : 0.0f, lab.L + 0.25f * brilliance * L * (1.0f - L));
   });
 }

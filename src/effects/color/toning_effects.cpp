@@ -71,7 +71,7 @@ PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   const LmsRoot tint = toneOffset(mappedValue(1, 0.0f, 180.0f, 360.0f), 1.0f);
   return detail::lmsRootKernel([amount, tint](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
-    const float L = std::clamp(lab.L, 0.0f, 1.0f);
+    const float L = detail::intoUnitInterval(lab.L);
     const float c = std::max(detail::chroma(lab), 0.5f * kToneChroma * 4.0f * L * (1.0f - L));
     roots.reshape(lab.L, 1.0f - amount, lab.L);
     roots.add(amount * c, tint);
@@ -91,7 +91,7 @@ struct ExtendedCurve {
         slope((f(1.0f) - f(1.0f - 1.0f / 1024.0f)) * 1024.0f) {}
   float operator()(float x) const {
     // Both sides computed, so that the loop around has no branch.
-    const float inside = shape(x > 0.0f ? (x < 1.0f ? x : 1.0f) : 0.0f);
+    const float inside = shape(detail::intoUnitInterval(x));
     return x > 1.0f ? atOne + (x - 1.0f) * slope : inside;
   }
   Shape shape;
