@@ -100,27 +100,31 @@ class HueGains {
       const std::size_t next = (k + 1) % 6;
       const float span = std::fmod(angles[next] - angles[k] + 2.0f * kTurn, kTurn);
       start_[i] = angles[k];
-      inverseSpan_[i] = 1.0f / std::max(span, 1e-3f);
-      from_[i] = sliders[k];
+      scale_[i] = 1.0f / std::max(span, 1e-3f);
+      shift_[i] = -angles[k] * scale_[i] - 0.5f;
+      middle_[i] = 0.5f * (sliders[k] + sliders[next]);
       change_[i] = sliders[next] - sliders[k];
     }
+    // Below the first start, the last segment, which wraps around through pi.
+    wrapShift_ = shift_[5] + kTurn * scale_[5];
   }
   /// The gain at a hue angle in [-pi, pi].
   float operator()(float angle) const {
-    // Below the first start, the last segment, which wraps around through pi.
-    float start = start_[5] - kTurn;
-    float inverseSpan = inverseSpan_[5];
-    float from = from_[5];
+    float scale = scale_[5];
+    float shift = wrapShift_;
+    float middle = middle_[5];
     float change = change_[5];
+    // Written out, each value read before its select: a loop here, or a read under the select,
+    // leaves the pixel loop unvectorised.
     const auto pick = [&](std::size_t i) __attribute__((always_inline)) {
-      const float segmentStart = start_[i];
-      const float segmentInverseSpan = inverseSpan_[i];
-      const float segmentFrom = from_[i];
+      const float segmentScale = scale_[i];
+      const float segmentShift = shift_[i];
+      const float segmentMiddle = middle_[i];
       const float segmentChange = change_[i];
-      const bool passed = angle >= segmentStart;
-      start = passed ? segmentStart : start;
-      inverseSpan = passed ? segmentInverseSpan : inverseSpan;
-      from = passed ? segmentFrom : from;
+      const bool passed = angle >= start_[i];
+      scale = passed ? segmentScale : scale;
+      shift = passed ? segmentShift : shift;
+      middle = passed ? segmentMiddle : middle;
       change = passed ? segmentChange : change;
     };
     pick(0);
@@ -129,15 +133,16 @@ class HueGains {
     pick(3);
     pick(4);
     pick(5);
-    float x = (angle - start) * inverseSpan - 0.5f;
+    // The place in the segment, from -1/2 at its start to 1/2 at its end.
+    float x = angle * scale + shift;
     x = x > -0.5f ? x : -0.5f;
     x = x < 0.5f ? x : 0.5f;
-    // 0.5 - 0.5 cos(pi (x + 1/2)), which is 0.5 + 0.5 sin(pi x), as an odd polynomial (error
-    // below 4e-5, a tenth of what the hue angle's error makes).
+    // The raised cosine 0.5 - 0.5 cos(pi (x + 1/2)) less its middle, 0.5 sin(pi x), as an odd
+    // polynomial (error below 4e-5, a tenth of what the hue angle's error makes).
     const float x2 = x * x;
-    const float t =
-        0.5f + ((1.1497733917e+00f * x2 - 2.5684526057e+00f) * x2 + 1.5703200169e+00f) * x;
-    const float v = from + change * t;
+    const float v =
+        middle +
+        change * (((1.1497733917e+00f * x2 - 2.5684526057e+00f) * x2 + 1.5703200169e+00f) * x);
     // At most half as light again or 40 % darker: a strong filter, short of clipping.
     return v > 0.0f ? 0.5f * v : 0.4f * v;
   }
@@ -145,9 +150,11 @@ class HueGains {
  private:
   static constexpr float kTurn = 2.0f * std::numbers::pi_v<float>;
   std::array<float, 6> start_{};
-  std::array<float, 6> inverseSpan_{};
-  std::array<float, 6> from_{};
+  std::array<float, 6> scale_{};
+  std::array<float, 6> shift_{};
+  std::array<float, 6> middle_{};
   std::array<float, 6> change_{};
+  float wrapShift_ = 0.0f;
 };
 
 }  // namespace
