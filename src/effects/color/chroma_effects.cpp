@@ -99,9 +99,11 @@ PointEffect::Kernel ColorContrastEffect::prepare(const Setup&) const {
   const float k = mappedValue(0, -0.8f, 0.0f, 1.5f);
   if (k == 0.0f) return nullptr;
   constexpr float kEdge = 0.3f;
-  return detail::oklabKernel([k](Oklab& lab) {
-    lab.a = lab.a * (1.0f + k) / (1.0f + k * std::fabs(lab.a) * (1.0f / kEdge));
-    lab.b = lab.b * (1.0f + k) / (1.0f + k * std::fabs(lab.b) * (1.0f / kEdge));
+  const float gain = 1.0f + k;
+  const float bend = k / kEdge;
+  return detail::oklabKernel([gain, bend](Oklab& lab) {
+    lab.a = lab.a * gain / (1.0f + bend * std::fabs(lab.a));
+    lab.b = lab.b * gain / (1.0f + bend * std::fabs(lab.b));
   });
 }
 

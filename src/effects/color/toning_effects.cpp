@@ -69,11 +69,12 @@ PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   if (amount == 0.0f) return nullptr;
   // The unit chroma step towards the tint hue, as a change of the cone roots.
   const LmsRoot tint = toneOffset(mappedValue(1, 0.0f, 180.0f, 360.0f), 1.0f);
-  return detail::lmsRootKernel([amount, tint](LmsRoot& roots) {
+  const float keep = 1.0f - amount;
+  return detail::lmsRootKernel([amount, keep, tint](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
     const float L = detail::intoUnitInterval(lab.L);
     const float c = std::max(detail::chroma(lab), 0.5f * kToneChroma * 4.0f * L * (1.0f - L));
-    roots.reshape(lab.L, 1.0f - amount, lab.L);
+    roots.reshape(lab.L, keep, lab.L);
     roots.add(amount * c, tint);
   });
 }
