@@ -78,8 +78,10 @@ PointEffect::Kernel RamixVibranceEffect::prepare(const Setup&) const {
   return detail::linearKernel([v](float& r, float& g, float& b) {
     const float high = std::max({r, g, b});
     const float low = std::min({r, g, b});
-    const float spread = high > 1e-6f ? std::clamp((high - low) / high, 0.0f, 1.0f) : 0.0f;
-    saturateAroundLuminance(r, g, b, 1.0f + v * (1.0f - spread) * (1.0f - spread));
+    // 1 - spread, clamped to [0, 1], is min / max, never above 1 and 0 where it is negative.
+    float rest = high > 1e-6f ? low / high : 1.0f;
+    rest = rest > 0.0f ? rest : 0.0f;
+    saturateAroundLuminance(r, g, b, 1.0f + v * rest * rest);
   });
 }
 
