@@ -46,7 +46,8 @@ PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
   if (v == 0.0f) return nullptr;
   return detail::lmsRootKernel([v, weight = VibranceWeight{}](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
-    detail::scaleChroma(roots, lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)));
+    // The weight lies in [0, 1] and v in [-1, 1]: the gain needs no clamp at 0.
+    roots.reshape(lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)), lab.L);
   });
 }
 
@@ -120,9 +121,10 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
                      : detail::adaptationToD65(detail::shiftedWhite(-40.0f * warmth, 0.0f));
   return detail::lmsRootKernel(warm, [brilliance, weight = VibranceWeight{}](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
+    // At least 0.4, as in vibrance: no clamp.
     const float k = 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab));
     const float L = detail::intoUnitInterval(lab.L);
-    roots.reshape(lab.L, k > 0.0f ? k : 0.0f, lab.L + 0.25f * brilliance * L * (1.0f - L));
+    roots.reshape(lab.L, k, lab.L + 0.25f * brilliance * L * (1.0f - L));
   });
 }
 
