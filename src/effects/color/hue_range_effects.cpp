@@ -166,12 +166,17 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   if (amount == 0.0f) return nullptr;
   std::array<float, 6> sliders{};
   for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
-  return detail::lmsRootKernel([amount, gains = HueGains(sliders)](LmsRoot& roots) {
-    const Oklab lab = roots.oklab();
-    const float strength = std::min(detail::chroma(lab) * (1.0f / kFullMixChroma), 1.0f);
-    const float grey = lab.L * (1.0f + strength * gains(detail::fastAtan2(lab.b, lab.a)));
-    roots.reshape(lab.L, 1.0f - amount, lab.L + amount * (grey - lab.L));
-  });
+  // The grey's lightness L (1 + strength gain) blended in by amount is L (1 + amount strength
+  // gain): the amount goes into the strength, which it also bounds.
+  const float keep = 1.0f - amount;
+  const float perChroma = amount / kFullMixChroma;
+  return detail::lmsRootKernel(
+      [amount, keep, perChroma, gains = HueGains(sliders)](LmsRoot& roots) {
+        const Oklab lab = roots.oklab();
+        const float strength = std::min(detail::chroma(lab) * perChroma, amount);
+        const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
+        roots.reshape(lab.L, keep, lab.L + lab.L * change);
+      });
 }
 
 }  // namespace vorn
