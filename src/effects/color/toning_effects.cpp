@@ -157,11 +157,14 @@ namespace {
 
 /// gain (u + lift (1 - u))^exponent, 0 where the lifted value is not positive.
 struct LiftGammaGain {
+  LiftGammaGain(float shadows, float power, float highlights)
+      : lift(shadows), rest(1.0f - shadows), exponent(power), gain(highlights) {}
   float lift;
+  float rest;
   float exponent;
   float gain;
   float operator()(float u) const {
-    const float lifted = u + lift * (1.0f - u);
+    const float lifted = lift + rest * u;
     // Computed for every value, so the select needs no branch; kept only for positive normals.
     const float power = gain * detail::fastPow(lifted > 1e-30f ? lifted : 1.0f, exponent);
     return lifted > 1e-30f ? power : 0.0f;
@@ -186,8 +189,8 @@ PointEffect::Kernel ColorBalanceEffect::prepare(const Setup&) const {
   }
   if (!any) return nullptr;
   const auto curve = [&](std::size_t c) {
-    return LiftGammaGain{0.12f * shift[1][c], std::exp2(-0.6f * shift[0][c]),
-                         1.0f + 0.3f * shift[2][c]};
+    return LiftGammaGain(0.12f * shift[1][c], std::exp2(-0.6f * shift[0][c]),
+                         1.0f + 0.3f * shift[2][c]);
   };
   return channelFormulasKernel<LiftGammaGain>({curve(0), curve(1), curve(2)});
 }
