@@ -46,7 +46,8 @@ PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
   if (v == 0.0f) return nullptr;
   return detail::lmsRootKernel([v, weight = VibranceWeight{}](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
-    detail::scaleChroma(roots, lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)));
+    // The weight lies in [0, 1] and v in [-1, 1]: the gain needs no clamp at 0.
+    roots.reshape(lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)), lab.L);
   });
 }
 
@@ -78,8 +79,10 @@ PointEffect::Kernel RamixVibranceEffect::prepare(const Setup&) const {
   return detail::linearKernel([v](float& r, float& g, float& b) {
     const float high = std::max({r, g, b});
     const float low = std::min({r, g, b});
-    const float spread = high > 1e-6f ? std::clamp((high - low) / high, 0.0f, 1.0f) : 0.0f;
-    saturateAroundLuminance(r, g, b, 1.0f + v * (1.0f - spread) * (1.0f - spread));
+    // 1 - spread, clamped to [0, 1], is min / max, never above 1 and 0 where it is negative.
+    float rest = high > 1e-6f ? low / high : 1.0f;
+    rest = rest > 0.0f ? rest : 0.0f;
+    saturateAroundLuminance(r, g, b, 1.0f + v * rest * rest);
   });
 }
 
@@ -99,9 +102,11 @@ PointEffect::Kernel ColorContrastEffect::prepare(const Setup&) const {
   const float k = mappedValue(0, -0.8f, 0.0f, 1.5f);
   if (k == 0.0f) return nullptr;
   constexpr float kEdge = 0.3f;
-  return detail::oklabKernel([k](Oklab& lab) {
-    lab.a = lab.a * (1.0f + k) / (1.0f + k * std::fabs(lab.a) * (1.0f / kEdge));
-    lab.b = lab.b * (1.0f + k) / (1.0f + k * std::fabs(lab.b) * (1.0f / kEdge));
+  const float gain = 1.0f + k;
+  const float bend = k / kEdge;
+  return detail::oklabKernel([gain, bend](Oklab& lab) {
+    lab.a = lab.a * gain / (1.0f + bend * std::fabs(lab.a));
+    lab.b = lab.b * gain / (1.0f + bend * std::fabs(lab.b));
   });
 }
 
@@ -116,9 +121,10 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
                      : detail::adaptationToD65(detail::shiftedWhite(-40.0f * warmth, 0.0f));
   return detail::lmsRootKernel(warm, [brilliance, weight = VibranceWeight{}](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
+    // At least 0.4, as in vibrance: no clamp.
     const float k = 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab));
-    const float L = std::clamp(lab.L, 0.0f, 1.0f);
-    roots.reshape(lab.L, k > 0.0f ? k : 0.0f, lab.L + 0.25f * brilliance * L * (1.0f - L));
+    const float L = detail::intoUnitInterval(lab.L);
+    roots.reshape(lab.L, k, lab.L + 0.25f * brilliance * L * (1.0f - L));
   });
 }
 

@@ -69,42 +69,109 @@ PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   if (amount == 0.0f) return nullptr;
   // The unit chroma step towards the tint hue, as a change of the cone roots.
   const LmsRoot tint = toneOffset(mappedValue(1, 0.0f, 180.0f, 360.0f), 1.0f);
-  return detail::lmsRootKernel([amount, tint](LmsRoot& roots) {
+  const float keep = 1.0f - amount;
+  return detail::lmsRootKernel([amount, keep, tint](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
-    const float L = std::clamp(lab.L, 0.0f, 1.0f);
+    const float L = detail::intoUnitInterval(lab.L);
     const float c = std::max(detail::chroma(lab), 0.5f * kToneChroma * 4.0f * L * (1.0f - L));
-    roots.reshape(lab.L, 1.0f - amount, lab.L);
+    roots.reshape(lab.L, keep, lab.L);
     roots.add(amount * c, tint);
   });
 }
 
 namespace {
 
-/// The three channel curves of a look, each blended with the identity by amount.
-template <typename Red, typename Green, typename Blue>
-std::unique_ptr<detail::RowKernel> lookCurves(float amount, Red red, Green green, Blue blue) {
-  const auto blended = [amount](auto curve) {
-    return detail::ChannelCurve([amount, curve](float x) { return x + amount * (curve(x) - x); });
-  };
-  return detail::channelCurvesKernel({blended(red), blended(green), blended(blue)});
+/// A curve on [0, 1] in closed form, continued as the tabulated channel curves are: its value at
+/// 0 below 0 (NaN too) and its end slope above 1.
+template <typename Shape>
+struct ExtendedCurve {
+  explicit ExtendedCurve(Shape f)
+      : shape(f),
+        atOne(f(1.0f)),
+        // The slope of the last of 1024 steps, as the tables had it.
+        slope((f(1.0f) - f(1.0f - 1.0f / 1024.0f)) * 1024.0f) {}
+  float operator()(float x) const {
+    // Both sides computed, so that the loop around has no branch.
+    const float inside = shape(detail::intoUnitInterval(x));
+    return x > 1.0f ? atOne + (x - 1.0f) * slope : inside;
+  }
+  Shape shape;
+  float atOne;
+  float slope;
+};
+
+// The curves come by value: read through a closure, they could change with every float stored,
+// and the loop would stay scalar.
+template <typename Curve>
+VORN_DISPATCH_TEMPLATE void applyCurves(const float* in, float* out, std::size_t count, Curve red,
+                                        Curve green, Curve blue) {
+  // Each pixel reads only itself, in place too.
+#pragma GCC ivdep
+  for (std::size_t i = 0; i < count; ++i) {
+    out[3 * i] = red(in[3 * i]);
+    out[3 * i + 1] = green(in[3 * i + 1]);
+    out[3 * i + 2] = blue(in[3 * i + 2]);
+  }
 }
 
-/// An S-curve: the identity mixed with a cubic step by `strength`.
-inline float sCurve(float x, float strength) {
-  return x + strength * (detail::smoothStep(0.0f, 1.0f, x) - x);
+/// One curve per channel on the encoded values, worked out per value rather than read from a
+/// table: the vector units have no cheap gather.
+template <typename Shape>
+std::unique_ptr<detail::RowKernel> channelFormulasKernel(std::array<Shape, 3> shapes) {
+  return detail::rowKernel([red = ExtendedCurve<Shape>(shapes[0]),
+                            green = ExtendedCurve<Shape>(shapes[1]),
+                            blue = ExtendedCurve<Shape>(shapes[2])](
+                               const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    applyCurves(&in->r, &out->r, count, red, green, blue);
+  });
+}
+
+/// c[0] + c[1] u + c[2] u^2 + c[3] u^3.
+struct Cubic {
+  std::array<float, 4> c;
+  float operator()(float u) const { return ((c[3] * u + c[2]) * u + c[1]) * u + c[0]; }
+};
+
+/// The identity mixed with a cubic step by `strength`, and that with the identity by amount:
+/// u + amount strength (3 u^2 - 2 u^3 - u).
+Cubic blendedSCurve(float amount, float strength) {
+  const float k = amount * strength;
+  return {{0.0f, 1.0f - k, 3.0f * k, -2.0f * k}};
 }
 
 }  // namespace
 
 // Cross processing (slide film in negative chemistry): hard red and green contrast, blue
-// flattened with lifted blacks, so shadows go blue and highlights yellow.
+// flattened with lifted blacks, so shadows go blue and highlights yellow; each curve blended
+// with the identity by amount.
 PointEffect::Kernel CrossProcessingEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  return lookCurves(
-      amount, [](float x) { return sCurve(x, 0.8f); }, [](float x) { return sCurve(x, 0.4f); },
-      [](float x) { return 0.14f + 0.72f * x; });
+  // Blue: 0.14 + 0.72 u blended by amount.
+  const Cubic blue{{0.14f * amount, 1.0f - 0.28f * amount, 0.0f, 0.0f}};
+  return channelFormulasKernel<Cubic>(
+      {blendedSCurve(amount, 0.8f), blendedSCurve(amount, 0.4f), blue});
 }
+
+namespace {
+
+/// gain (u + lift (1 - u))^exponent, 0 where the lifted value is not positive.
+struct LiftGammaGain {
+  LiftGammaGain(float shadows, float power, float highlights)
+      : lift(shadows), rest(1.0f - shadows), exponent(power), gain(highlights) {}
+  float lift;
+  float rest;
+  float exponent;
+  float gain;
+  float operator()(float u) const {
+    const float lifted = lift + rest * u;
+    // Computed for every value, so the select needs no branch; kept only for positive normals.
+    const float power = gain * detail::fastPow(lifted > 1e-30f ? lifted : 1.0f, exponent);
+    return lifted > 1e-30f ? power : 0.0f;
+  }
+};
+
+}  // namespace
 
 // Colour balance: lift (shadows), gamma (midtones) and gain (highlights) per channel; each
 // slider raises its colour's channel and lowers the two others by half as much.
@@ -122,15 +189,10 @@ PointEffect::Kernel ColorBalanceEffect::prepare(const Setup&) const {
   }
   if (!any) return nullptr;
   const auto curve = [&](std::size_t c) {
-    const float inverseGamma = std::exp2(-0.6f * shift[0][c]);
-    const float lift = 0.12f * shift[1][c];
-    const float gain = 1.0f + 0.3f * shift[2][c];
-    return detail::ChannelCurve([=](float x) {
-      const float lifted = std::max(x + lift * (1.0f - x), 0.0f);
-      return gain * std::pow(lifted, inverseGamma);
-    });
+    return LiftGammaGain(0.12f * shift[1][c], std::exp2(-0.6f * shift[0][c]),
+                         1.0f + 0.3f * shift[2][c]);
   };
-  return detail::channelCurvesKernel({curve(0), curve(1), curve(2)});
+  return channelFormulasKernel<LiftGammaGain>({curve(0), curve(1), curve(2)});
 }
 
 // Bleach bypass: the silver left in the print as an overlay of luminance on the colour (the

@@ -351,10 +351,12 @@ HueDirection wheelHue(float degrees) {
   return {std::cos(angle), std::sin(angle)};
 }
 
-HueWindow::HueWindow(HueDirection centre, float halfWidthDegrees)
-    : centre_(centre),
-      edge_(std::cos(std::clamp(halfWidthDegrees, 1.0f, 179.0f) * std::numbers::pi_v<float> /
-                     180.0f)),
-      scale_(1.0f / (1.0f - edge_)) {}
+HueWindow::HueWindow(HueDirection centre, float halfWidthDegrees) {
+  const float edge =
+      std::cos(std::clamp(halfWidthDegrees, 1.0f, 179.0f) * std::numbers::pi_v<float> / 180.0f);
+  const float scale = 1.0f / (1.0f - edge);
+  centre_ = {centre.cosine * scale, centre.sine * scale};
+  edge_ = edge * scale;
+}
 
 }  // namespace vorn::detail

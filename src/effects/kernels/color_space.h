@@ -333,6 +333,13 @@ float wheelHueAngle(float degrees);
 /// near-neutral areas cannot flicker between hues.
 inline constexpr float kNeutralChroma = 0.03f;
 
+/// v clamped to [0, 1], NaN to 0: one select after the other takes fewer vector instructions
+/// than std::clamp, whose NaN passes through.
+inline float intoUnitInterval(float v) {
+  v = v > 0.0f ? v : 0.0f;
+  return v < 1.0f ? v : 1.0f;
+}
+
 /// A smooth hue window: 1 at its centre, 0 from `halfWidthDegrees` away, a cubic step on the
 /// cosine of the hue difference between (no hue angle, no seam at +-180 degrees).
 class HueWindow {
@@ -340,9 +347,9 @@ class HueWindow {
   HueWindow(HueDirection centre, float halfWidthDegrees);
   /// The window's weight for (a, b) of chroma c, faded out towards grey.
   float weight(float a, float b, float c) const {
-    const float cosDelta = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f);
-    float t = (cosDelta - edge_) * scale_;
-    t = t > 0.0f ? (t < 1.0f ? t : 1.0f) : 0.0f;
+    // The step's scale is folded into the centre and the edge.
+    float t = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f) - edge_;
+    t = intoUnitInterval(t);
     float grey = c * (1.0f / kNeutralChroma);
     grey = grey < 1.0f ? grey : 1.0f;
     return t * t * (3.0f - 2.0f * t) * grey;
@@ -351,7 +358,6 @@ class HueWindow {
  private:
   HueDirection centre_;
   float edge_;
-  float scale_;
 };
 
 }  // namespace vorn::detail
