@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace vorn::detail {
@@ -76,13 +77,14 @@ inline bool allInUnitRange(const float* values, std::size_t count) {
 // array: the binade's scale then costs one step instead of a chain of selects. Every other step
 // repeats the scalar curves' in the same order, so the results agree bit for bit.
 
-/// binadeScale's value for each n below 16; it reads no more bits of n than that.
+/// binadeScale's value for each exponent field E modulo 16: n = 127 - E is fixed modulo 16 by it,
+/// and binadeScale reads no more bits of n than that.
 template <std::size_t Bits>
 std::array<float, 16> binadeScales(const std::array<float, Bits>& steps) {
   std::array<float, 16> scales{};
-  for (std::uint32_t n = 0; n < 16; ++n) {
+  for (std::uint32_t e = 0; e < 16; ++e) {
     float f;
-    scales[n] = binadeScale(std::bit_cast<float>((127u - n) << 23), f, steps);
+    scales[e] = binadeScale(std::bit_cast<float>((112u + e) << 23), f, steps);
   }
   return scales;
 }
@@ -110,21 +112,20 @@ bool hasAvx512() {
 // Zero-masked forms with whole masks below: the plain ones start from an undefined vector, which
 // GCC 12 warns of as an uninitialised read.
 
-VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, 7>& c, __m512 u) {
+template <std::size_t N>
+VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, N>& c, __m512 u) {
   __m512 p = _mm512_set1_ps(c[0]);
-  for (std::size_t k = 1; k < c.size(); ++k)
-    p = _mm512_add_ps(_mm512_mul_ps(p, u), _mm512_set1_ps(c[k]));
+  for (std::size_t k = 1; k < N; ++k) p = _mm512_add_ps(_mm512_mul_ps(p, u), _mm512_set1_ps(c[k]));
   return p;
 }
 
-/// binadeScale for 16 values, the scale read from `scales` (binadeScales).
+/// binadeScale for 16 values, the scale read from `scales` (binadeScales). Where t is a positive
+/// normal float the mantissa is the one binadeScale's bit operations give.
 VORN_AVX512 inline __m512 binadeScaleAvx512(__m512 t, __m512& f, __m512 scales) {
-  const __m512i bits = _mm512_castps_si512(t);
-  const __m512i n =
-      _mm512_sub_epi32(_mm512_set1_epi32(127), _mm512_maskz_srli_epi32(0xffff, bits, 23));
-  f = _mm512_castsi512_ps(_mm512_or_si512(_mm512_and_si512(bits, _mm512_set1_epi32(0x007fffff)),
-                                          _mm512_set1_epi32(0x3f800000)));
-  return _mm512_maskz_permutexvar_ps(0xffff, n, scales);
+  f = _mm512_maskz_getmant_ps(0xffff, t, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
+  // The permute reads only the low four bits of each index: those of the exponent field.
+  const __m512i exponent = _mm512_maskz_srli_epi32(0xffff, _mm512_castps_si512(t), 23);
+  return _mm512_maskz_permutexvar_ps(0xffff, exponent, scales);
 }
 
 /// a > b ? a : b, b for NaN.
@@ -145,10 +146,14 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
+/// The lanes of x in [0, 1]: as unsigned integers, negative values and NaN lie above 1.
+VORN_AVX512 inline __mmask16 unitLanesAvx512(__m512 x) {
+  return _mm512_cmple_epu32_mask(_mm512_castps_si512(x), _mm512_set1_epi32(0x3f800000));
+}
+
 /// srgbDecodeUnit for 16 values.
 VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
-  const __m512 t =
-      _mm512_mul_ps(_mm512_add_ps(m, _mm512_set1_ps(0.055f)), _mm512_set1_ps(1.0f / 1.055f));
+  const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales);
   const __m512 power =
@@ -161,53 +166,64 @@ VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
 VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
   __m512 f;
   const __m512 scale = binadeScaleAvx512(m, f, scales);
-  const __m512 root =
-      _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
-  const __m512 shifted =
-      _mm512_sub_ps(_mm512_mul_ps(_mm512_set1_ps(1.055f), root), _mm512_set1_ps(0.055f));
-  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ),
-                              shifted, _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
+  const __m512 root = _mm512_sub_ps(
+      _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale),
+      _mm512_set1_ps(0.055f));
+  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), root,
+                              _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
 }
 
-/// A unit-range curve carried to every value as SrgbDecode and SrgbEncode carry theirs: the
-/// line of `slope` above 1, the sign of x, NaN as 0.
-template <__m512 (*Unit)(__m512, __m512)>
-VORN_AVX512 inline __m512 wholeCurveAvx512(__m512 x, __m512 scales, float slope) {
-  const __m512 one = _mm512_set1_ps(1.0f);
-  const __m512 m = magnitudeAvx512(x);
-  const __m512 line =
-      _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(slope)));
-  const __m512 y =
-      _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
-  return copySignAvx512(y, x);
+using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
+
+/// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
+/// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
+/// ending at `limit`, the sign of x, NaN as 0).
+template <UnitCurveAvx512 Unit>
+struct CurveAvx512 {
+  __m512 scales;
+  float slope;
+  float limit;
+
+  VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
+  VORN_AVX512 __m512 whole(__m512 x) const {
+    const __m512 one = _mm512_set1_ps(1.0f);
+    const __m512 m = magnitudeAvx512(x);
+    const __m512 line =
+        _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(slope)));
+    const __m512 y =
+        _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
+    return copySignAvx512(_mm512_maskz_min_ps(0xffff, y, _mm512_set1_ps(limit)), x);
+  }
+};
+
+VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
+  return {_mm512_loadu_ps(curveTables().decode.data()), kSrgbSlopeAtOne,
+          std::numeric_limits<float>::infinity()};
+}
+
+VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
+  return {_mm512_loadu_ps(curveTables().encode.data()), 1.0f / kSrgbSlopeAtOne,
+          std::numeric_limits<float>::max()};
 }
 
 /// out[i] = curve(in[i]) for count values, the last few under a mask; in may be out. Runs of
 /// 16 inside [0, 1] take the unit curve alone.
-template <__m512 (*Unit)(__m512, __m512)>
-VORN_AVX512 void curveAvx512(const float* in, float* out, std::size_t count,
-                             const std::array<float, 16>& table, float slope) {
-  const __m512 scales = _mm512_loadu_ps(table.data());
-  const __m512 zero = _mm512_setzero_ps();
-  const __m512 one = _mm512_set1_ps(1.0f);
+template <typename Curve>
+VORN_AVX512 void curveAvx512(const Curve& curve, const float* in, float* out, std::size_t count) {
   std::size_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const __m512 x = _mm512_loadu_ps(in + i);
-    const __mmask16 inside =
-        _mm512_mask_cmp_ps_mask(_mm512_cmp_ps_mask(x, zero, _CMP_GE_OQ), x, one, _CMP_LE_OQ);
-    _mm512_storeu_ps(out + i,
-                     inside == 0xffff ? Unit(x, scales) : wholeCurveAvx512<Unit>(x, scales, slope));
+    _mm512_storeu_ps(out + i, unitLanesAvx512(x) == 0xffff ? curve.unit(x) : curve.whole(x));
   }
   if (i < count) {
     const auto tail = static_cast<__mmask16>((1u << (count - i)) - 1u);
-    _mm512_mask_storeu_ps(
-        out + i, tail, wholeCurveAvx512<Unit>(_mm512_maskz_loadu_ps(tail, in + i), scales, slope));
+    _mm512_mask_storeu_ps(out + i, tail, curve.whole(_mm512_maskz_loadu_ps(tail, in + i)));
   }
 }
 
 void decodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<decodeUnitAvx512>(in, out, count, curveTables().decode, kSrgbSlopeAtOne);
+    curveAvx512(decodeCurveAvx512(), in, out, count);
   } else {
     decodeValuesCloned(in, out, count);
   }
@@ -215,9 +231,125 @@ void decodeValues(const float* in, float* out, std::size_t count) {
 
 void encodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<encodeUnitAvx512>(in, out, count, curveTables().encode, 1.0f / kSrgbSlopeAtOne);
+    curveAvx512(encodeCurveAvx512(), in, out, count);
   } else {
     encodeValuesCloned(in, out, count);
+  }
+}
+
+// 16 interleaved pixels are three vectors of 48 values; a plane of them takes two two-source
+// permutes: the values from the first two vectors, then those from the third. Joining reverses it.
+
+/// Plane `channel`'s indices: value 3j + channel goes to lane j.
+constexpr std::array<std::int32_t, 16> splitIndex(int channel, bool third) {
+  std::array<std::int32_t, 16> index{};
+  for (int j = 0; j < 16; ++j) {
+    const int k = 3 * j + channel;
+    index[static_cast<std::size_t>(j)] = third ? (k < 32 ? j : k - 16) : (k < 32 ? k : 0);
+  }
+  return index;
+}
+
+/// Output vector `part`'s indices: its value k is pixel k / 3 of plane k % 3.
+constexpr std::array<std::int32_t, 16> joinIndex(int part, bool blue) {
+  std::array<std::int32_t, 16> index{};
+  for (int j = 0; j < 16; ++j) {
+    const int k = 16 * part + j;
+    const int pixel = k / 3;
+    const int channel = k % 3;
+    index[static_cast<std::size_t>(j)] =
+        blue ? (channel == 2 ? 16 + pixel : j) : (channel == 1 ? 16 + pixel : pixel);
+  }
+  return index;
+}
+
+struct PixelShuffles {
+  std::array<std::array<std::int32_t, 16>, 6> split{splitIndex(0, false), splitIndex(0, true),
+                                                    splitIndex(1, false), splitIndex(1, true),
+                                                    splitIndex(2, false), splitIndex(2, true)};
+  std::array<std::array<std::int32_t, 16>, 6> join{joinIndex(0, false), joinIndex(0, true),
+                                                   joinIndex(1, false), joinIndex(1, true),
+                                                   joinIndex(2, false), joinIndex(2, true)};
+};
+constexpr PixelShuffles kPixelShuffles;
+
+VORN_AVX512 inline __m512 permute2Avx512(__m512 a, const std::array<std::int32_t, 16>& index,
+                                         __m512 b) {
+  return _mm512_permutex2var_ps(a, _mm512_loadu_si512(index.data()), b);
+}
+
+/// The first `values` of 16 lanes.
+inline __mmask16 firstLanes(std::size_t values) {
+  return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
+}
+
+/// 16 pixels (count of them kept, the rest zero) split into r, g, b; full is count == 16.
+VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m512 (&planes)[3]) {
+  __m512 v[3];
+  for (std::size_t part = 0; part < 3; ++part) {
+    const std::size_t before = 16 * part;
+    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+    v[part] = count == 16 ? _mm512_loadu_ps(in + before)
+                          : _mm512_maskz_loadu_ps(firstLanes(values), in + before);
+  }
+  for (std::size_t c = 0; c < 3; ++c)
+    planes[c] = permute2Avx512(permute2Avx512(v[0], kPixelShuffles.split[2 * c], v[1]),
+                               kPixelShuffles.split[2 * c + 1], v[2]);
+}
+
+/// The first count of 16 pixels in planes, interleaved into out.
+VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
+                                          std::size_t count) {
+  for (std::size_t part = 0; part < 3; ++part) {
+    const __m512 v =
+        permute2Avx512(permute2Avx512(planes[0], kPixelShuffles.join[2 * part], planes[1]),
+                       kPixelShuffles.join[2 * part + 1], planes[2]);
+    const std::size_t before = 16 * part;
+    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+    if (count == 16) {
+      _mm512_storeu_ps(out + before, v);
+    } else {
+      _mm512_mask_storeu_ps(out + before, firstLanes(values), v);
+    }
+  }
+}
+
+/// Splitting and decoding in one pass: each value is read and written once.
+VORN_AVX512 void decodeToPlanesAvx512(const float* in, float* r, float* g, float* b,
+                                      std::size_t count) {
+  const auto curve = decodeCurveAvx512();
+  float* out[3] = {r, g, b};
+  for (std::size_t i = 0; i < count; i += 16) {
+    const std::size_t n = count - i < 16 ? count - i : 16;
+    __m512 x[3];
+    loadPixelsAvx512(in + 3 * i, n, x);
+    const bool unit = n == 16 && (unitLanesAvx512(x[0]) & unitLanesAvx512(x[1]) &
+                                  unitLanesAvx512(x[2])) == 0xffff;
+    for (std::size_t c = 0; c < 3; ++c) {
+      const __m512 y = unit ? curve.unit(x[c]) : curve.whole(x[c]);
+      if (n == 16) {
+        _mm512_storeu_ps(out[c] + i, y);
+      } else {
+        _mm512_mask_storeu_ps(out[c] + i, firstLanes(n), y);
+      }
+    }
+  }
+}
+
+/// Encoding and joining in one pass.
+VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const float* b, float* out,
+                                        std::size_t count) {
+  const auto curve = encodeCurveAvx512();
+  const float* in[3] = {r, g, b};
+  for (std::size_t i = 0; i < count; i += 16) {
+    const std::size_t n = count - i < 16 ? count - i : 16;
+    __m512 x[3];
+    for (std::size_t c = 0; c < 3; ++c)
+      x[c] = n == 16 ? _mm512_loadu_ps(in[c] + i) : _mm512_maskz_loadu_ps(firstLanes(n), in[c] + i);
+    const bool unit = n == 16 && (unitLanesAvx512(x[0]) & unitLanesAvx512(x[1]) &
+                                  unitLanesAvx512(x[2])) == 0xffff;
+    for (std::size_t c = 0; c < 3; ++c) x[c] = unit ? curve.unit(x[c]) : curve.whole(x[c]);
+    storePixelsAvx512(x, out + 3 * i, n);
   }
 }
 
@@ -282,32 +414,19 @@ VORN_DISPATCH void joinPlanes(const float* __restrict r, const float* __restrict
 }
 
 void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count) {
-  if (!hasAvx512()) {
+  if (hasAvx512()) {
+    decodeToPlanesAvx512(in, r, g, b, count);
+  } else {
     decodeToPlanesPortable(in, r, g, b, count);
-    return;
   }
-  splitToPlanes(in, r, g, b, count);
-  decodeValues(r, r, count);
-  decodeValues(g, g, count);
-  decodeValues(b, b, count);
 }
 
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count) {
-  if (!hasAvx512()) {
+  if (hasAvx512()) {
+    encodeFromPlanesAvx512(r, g, b, out, count);
+  } else {
     encodeFromPlanesPortable(r, g, b, out, count);
-    return;
-  }
-  constexpr std::size_t kBlock = 256;
-  alignas(64) float er[kBlock];
-  alignas(64) float eg[kBlock];
-  alignas(64) float eb[kBlock];
-  for (std::size_t done = 0; done < count; done += kBlock) {
-    const std::size_t n = std::min(kBlock, count - done);
-    encodeValues(r + done, er, n);
-    encodeValues(g + done, eg, n);
-    encodeValues(b + done, eb, n);
-    joinPlanes(er, eg, eb, out + 3 * done, n);
   }
 }
 

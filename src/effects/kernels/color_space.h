@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 // Colour maths of the point-wise colour effects. Pixels hold sRGB-encoded values (above 1 for
 // highlights); effects decode them to linear light through polynomial transfer curves and judge
@@ -107,13 +108,14 @@ inline float horner(const std::array<float, N>& c, float u) {
 /// 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
 inline constexpr std::array<float, 3> kDecodeSteps = {1.894645708e-01f, 3.589682359e-02f,
                                                       1.288581944e-03f};
-/// f^2.4 on [1, 2) in u = f - 1.5.
-inline constexpr std::array<float, 7> kDecodePolynomial = {
-    -1.148404387e-03f, 3.917631254e-03f, -1.755438233e-02f, 1.756061089e-01f,
-    1.975812494e+00f,  4.233885162e+00f, 2.646177801e+00f};
+/// (f / 1.055)^2.4 on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 6> kDecodePolynomial = {3.689257661e-03f, -1.579320431e-02f,
+                                                           1.543556005e-01f, 1.737589836e+00f,
+                                                           3.723348618e+00f, 2.327089310e+00f};
 
-/// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
-/// error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+/// (t / 1.055)^2.4 for t in [0.095, 1.055] by its binade and a degree-5 fit in the mantissa
+/// (relative error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+/// Taking t = m + 0.055 spares the decoding a multiply by 1 / 1.055.
 inline float srgbDecodePower(float t) {
   float f;
   const float scale = binadeScale(t, f, kDecodeSteps);
@@ -123,12 +125,13 @@ inline float srgbDecodePower(float t) {
 /// 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
 inline constexpr std::array<float, 4> kEncodeSteps = {7.491535384e-01f, 5.612310242e-01f,
                                                       3.149802625e-01f, 9.921256575e-02f};
-/// f^(1/2.4) on [1, 2) in u = f - 1.5.
+/// 1.055 f^(1/2.4) on [1, 2) in u = f - 1.5.
 inline constexpr std::array<float, 7> kEncodePolynomial = {
-    -2.691525734e-03f, 5.235440120e-03f, -9.645350204e-03f, 2.242407490e-02f,
-    -6.395487171e-02f, 3.289062385e-01f, 1.184053587e+00f};
+    -3.011711873e-03f, 5.523583852e-03f, -1.011135709e-02f, 2.365734056e-02f,
+    -6.747842580e-02f, 3.469960988e-01f, 1.249176621e+00f};
 
-/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7); finite for any t >= 0.
+/// 1.055 t^(1/2.4) for t in [0.002, 1] the same way (relative error below 3e-7); finite for any
+/// t >= 0.
 inline float srgbEncodeRoot(float t) {
   float f;
   const float scale = binadeScale(t, f, kEncodeSteps);
@@ -138,9 +141,9 @@ inline float srgbEncodeRoot(float t) {
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
 /// a pass that knows its values lie there may skip the rest and still agree bit for bit.
 inline float srgbDecodeUnit(float m) {
-  // Computed for every value, so the select below needs no branch. Where the power is kept, t
-  // lies in [0.09, 1] (no float m up to 1 rounds above 1); elsewhere it is finite and unused.
-  const float power = srgbDecodePower((m + 0.055f) * (1.0f / 1.055f));
+  // Computed for every value, so the select below needs no branch. Where the power is kept, its
+  // argument lies in [0.095, 1.055]; elsewhere it is finite and unused.
+  const float power = srgbDecodePower(m + 0.055f);
   return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
 }
 
@@ -161,17 +164,19 @@ struct SrgbDecode {
 /// sRGB encoding of m in [0, 1], the steps SrgbEncode extends to every value.
 inline float srgbEncodeUnit(float m) {
   // Kept for m in (0.0031308, 1] only, within the root's range; finite and unused elsewhere.
-  const float root = 1.055f * srgbEncodeRoot(m) - 0.055f;
+  const float root = srgbEncodeRoot(m) - 0.055f;
   return m <= 0.0031308f ? m * 12.92f : root;
 }
 
 /// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
+/// Infinities end at the largest float of their sign, so its results are always finite.
 struct SrgbEncode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
     float y = srgbEncodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
+    y = y < std::numeric_limits<float>::max() ? y : std::numeric_limits<float>::max();
     return std::copysign(y, x);
   }
   /// out[i] = (*this)(in[i]) for count values, vectorised for the running CPU; in may be out.
