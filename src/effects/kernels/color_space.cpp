@@ -194,6 +194,10 @@ struct CurveAvx512 {
         _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
     return copySignAvx512(_mm512_maskz_min_ps(0xffff, y, _mm512_set1_ps(limit)), x);
   }
+  /// Vectors wholly inside [0, 1] take the unit curve alone.
+  VORN_AVX512 __m512 operator()(__m512 x) const {
+    return unitLanesAvx512(x) == 0xffff ? unit(x) : whole(x);
+  }
 };
 
 VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
@@ -213,7 +217,7 @@ VORN_AVX512 void curveAvx512(const Curve& curve, const float* in, float* out, st
   std::size_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const __m512 x = _mm512_loadu_ps(in + i);
-    _mm512_storeu_ps(out + i, unitLanesAvx512(x) == 0xffff ? curve.unit(x) : curve.whole(x));
+    _mm512_storeu_ps(out + i, curve(x));
   }
   if (i < count) {
     const auto tail = static_cast<__mmask16>((1u << (count - i)) - 1u);
@@ -323,10 +327,8 @@ VORN_AVX512 void decodeToPlanesAvx512(const float* in, float* r, float* g, float
     const std::size_t n = count - i < 16 ? count - i : 16;
     __m512 x[3];
     loadPixelsAvx512(in + 3 * i, n, x);
-    const bool unit = n == 16 && (unitLanesAvx512(x[0]) & unitLanesAvx512(x[1]) &
-                                  unitLanesAvx512(x[2])) == 0xffff;
     for (std::size_t c = 0; c < 3; ++c) {
-      const __m512 y = unit ? curve.unit(x[c]) : curve.whole(x[c]);
+      const __m512 y = curve(x[c]);
       if (n == 16) {
         _mm512_storeu_ps(out[c] + i, y);
       } else {
@@ -346,9 +348,7 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
     __m512 x[3];
     for (std::size_t c = 0; c < 3; ++c)
       x[c] = n == 16 ? _mm512_loadu_ps(in[c] + i) : _mm512_maskz_loadu_ps(firstLanes(n), in[c] + i);
-    const bool unit = n == 16 && (unitLanesAvx512(x[0]) & unitLanesAvx512(x[1]) &
-                                  unitLanesAvx512(x[2])) == 0xffff;
-    for (std::size_t c = 0; c < 3; ++c) x[c] = unit ? curve.unit(x[c]) : curve.whole(x[c]);
+    for (std::size_t c = 0; c < 3; ++c) x[c] = curve(x[c]);
     storePixelsAvx512(x, out + 3 * i, n);
   }
 }
