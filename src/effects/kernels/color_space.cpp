@@ -158,8 +158,8 @@ VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
   const __m512 scale = binadeScaleAvx512(t, f, scales);
   const __m512 power =
       _mm512_mul_ps(hornerAvx512(kDecodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
-  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), power,
-                              _mm512_mul_ps(m, _mm512_set1_ps(1.0f / 12.92f)));
+  return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
+                            _mm512_set1_ps(1.0f / 12.92f));
 }
 
 /// srgbEncodeUnit for 16 values.
@@ -169,8 +169,8 @@ VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
   const __m512 root = _mm512_sub_ps(
       _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale),
       _mm512_set1_ps(0.055f));
-  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), root,
-                              _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
+  return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
+                            _mm512_set1_ps(12.92f));
 }
 
 using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
@@ -188,11 +188,12 @@ struct CurveAvx512 {
   VORN_AVX512 __m512 whole(__m512 x) const {
     const __m512 one = _mm512_set1_ps(1.0f);
     const __m512 m = magnitudeAvx512(x);
-    const __m512 line =
-        _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(slope)));
-    const __m512 y =
-        _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
-    return copySignAvx512(_mm512_maskz_min_ps(0xffff, y, _mm512_set1_ps(limit)), x);
+    const __mmask16 above = _mm512_cmp_ps_mask(m, one, _CMP_GT_OQ);
+    // The line's steps under the mask, over the unit curve's values.
+    __m512 y = _mm512_mask_sub_ps(Unit(m, scales), above, m, one);
+    y = _mm512_mask_mul_ps(y, above, y, _mm512_set1_ps(slope));
+    y = _mm512_mask_add_ps(y, above, y, one);
+    return copySignAvx512(_mm512_mask_min_ps(y, above, y, _mm512_set1_ps(limit)), x);
   }
   /// Vectors wholly inside [0, 1] take the unit curve alone.
   VORN_AVX512 __m512 operator()(__m512 x) const {

@@ -224,8 +224,10 @@ inline float fastCbrt(float x) {
   const auto third = static_cast<std::uint32_t>(static_cast<std::int32_t>(
       static_cast<float>(std::bit_cast<std::int32_t>(magnitude)) * (1.0f / 3.0f)));
   const float guess = std::bit_cast<float>(third + 0x2a514067u);
-  float y = (2.0f * guess + magnitude / (guess * guess)) * (1.0f / 3.0f);
-  y = (2.0f * y + magnitude / (y * y)) * (1.0f / 3.0f);
+  // Newton's step (2y + a / y^2) / 3 as 2y / 3 + (a / 3) / y^2: a multiply fewer.
+  const float aThird = magnitude * (1.0f / 3.0f);
+  float y = guess * (2.0f / 3.0f) + aThird / (guess * guess);
+  y = y * (2.0f / 3.0f) + aThird / (y * y);
   return std::copysign(y, x);
 }
 
