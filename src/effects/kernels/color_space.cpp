@@ -185,19 +185,27 @@ struct CurveAvx512 {
   float limit;
 
   VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
-  VORN_AVX512 __m512 whole(__m512 x) const {
+  /// The curve for x without negative values or NaN.
+  VORN_AVX512 __m512 positive(__m512 x) const {
     const __m512 one = _mm512_set1_ps(1.0f);
-    const __m512 m = magnitudeAvx512(x);
-    const __mmask16 above = _mm512_cmp_ps_mask(m, one, _CMP_GT_OQ);
+    const __mmask16 above = _mm512_cmp_ps_mask(x, one, _CMP_GT_OQ);
     // The line's steps under the mask, over the unit curve's values.
-    __m512 y = _mm512_mask_sub_ps(Unit(m, scales), above, m, one);
+    __m512 y = _mm512_mask_sub_ps(Unit(x, scales), above, x, one);
     y = _mm512_mask_mul_ps(y, above, y, _mm512_set1_ps(slope));
     y = _mm512_mask_add_ps(y, above, y, one);
-    return copySignAvx512(_mm512_mask_min_ps(y, above, y, _mm512_set1_ps(limit)), x);
+    return _mm512_mask_min_ps(y, above, y, _mm512_set1_ps(limit));
   }
-  /// Vectors wholly inside [0, 1] take the unit curve alone.
+  /// The curve for any x.
+  VORN_AVX512 __m512 whole(__m512 x) const {
+    return copySignAvx512(positive(magnitudeAvx512(x)), x);
+  }
+  /// Vectors wholly inside [0, 1] take the unit curve alone, those above it only the line.
   VORN_AVX512 __m512 operator()(__m512 x) const {
-    return unitLanesAvx512(x) == 0xffff ? unit(x) : whole(x);
+    const __m512i bits = _mm512_castps_si512(x);
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
+    // At most +infinity as unsigned integers: no sign bit and no NaN.
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
+    return whole(x);
   }
 };
 
