@@ -27,7 +27,7 @@ VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict
 template <bool Linear, typename Passes>
 void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<float>* out,
                     std::size_t count) {
-  constexpr std::size_t kBlock = 256;
+  constexpr std::size_t kBlock = 512;
   alignas(64) float r[kBlock];
   alignas(64) float g[kBlock];
   alignas(64) float b[kBlock];
