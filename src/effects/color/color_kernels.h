@@ -109,16 +109,6 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
-/// The cone roots of linear light through toLms, written over r, g, b.
-__attribute__((always_inline)) inline void toLmsRoots(const Matrix3& toLms, float& r, float& g,
-                                                      float& b) {
-  toLms.apply(r, g, b);
-  const LmsRoot roots = LmsRoot::of(r, g, b);
-  r = roots.l;
-  g = roots.m;
-  b = roots.s;
-}
-
 /// Linear light of cone roots l, m, s written over them; colours pushed outside the gamut are
 /// clipped at black rather than left negative.
 __attribute__((always_inline)) inline void fromLmsRoots(float& l, float& m, float& s) {
@@ -134,8 +124,7 @@ template <typename Adjust>
 __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
                                                            const Adjust& adjust, float& r, float& g,
                                                            float& b) {
-  toLmsRoots(toLms, r, g, b);
-  LmsRoot roots{r, g, b};
+  LmsRoot roots = lmsRootsOf(toLms, r, g, b);
   adjust(roots);
   r = roots.l;
   g = roots.m;
@@ -153,10 +142,7 @@ std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
     forPlaneBlocks<true>(
         [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
           // Every closure forced inline: a call left in the pixel loop keeps it from vectorising.
-          adjustPlanes(
-              [&toLms](float& x, float& y, float& z, std::size_t)
-                  __attribute__((always_inline)) { toLmsRoots(toLms, x, y, z); },
-              r, g, b, n);
+          planesToLmsRoots(toLms, r, g, b, n);
           adjustPlanes(
               [&adjust](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
                 LmsRoot roots{l, m, s};

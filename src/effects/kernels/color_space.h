@@ -316,6 +316,18 @@ inline constexpr Matrix3 kLinearSrgbToLms{{0.4122214708f, 0.5363325363f, 0.05144
                                            0.2119034982f, 0.6806995451f, 0.1073969566f,
                                            0.0883024619f, 0.2817188376f, 0.6299787005f}};
 
+/// The cube roots of the cone responses toLms gives linear light r, g, b.
+inline LmsRoot lmsRootsOf(const Matrix3& toLms, float r, float g, float b) {
+  toLms.apply(r, g, b);
+  return LmsRoot::of(r, g, b);
+}
+
+/// lmsRootsOf(toLms, ...) of count pixels of linear light in planes l, m, s, written over them.
+void planesToLmsRoots(const Matrix3& toLms, float* l, float* m, float* s, std::size_t count);
+/// planesToLmsRoots as CPUs without AVX-512 run it, with the same bits.
+void planesToLmsRootsPortable(const Matrix3& toLms, float* l, float* m, float* s,
+                              std::size_t count);
+
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
   LmsRoot::of(c).toLinear(r, g, b);
 }
