@@ -111,28 +111,38 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
       std::vector<float> r(count), g(count), b(count), back(3 * count);
       using Decode = void (*)(const float*, float*, float*, float*, std::size_t);
       using Encode = void (*)(const float*, const float*, const float*, float*, std::size_t);
-      const std::pair<Decode, Encode> passes[] = {
-          {detail::decodeToPlanes, detail::encodeFromPlanes},
-          {detail::decodeToPlanesPortable, detail::encodeFromPlanesPortable}};
-      for (const auto& [decodePass, encodePass] : passes) {
-        decodePass(pixels.data(), r.data(), g.data(), b.data(), count);
+      struct Passes {
+        Decode decode;
+        Encode encode;
+        Encode clipped;
+      };
+      const Passes passes[] = {
+          {detail::decodeToPlanes, detail::encodeFromPlanes, detail::encodeClippedFromPlanes},
+          {detail::decodeToPlanesPortable, detail::encodeFromPlanesPortable,
+           detail::encodeClippedFromPlanesPortable}};
+      const float* planes[] = {r.data(), g.data(), b.data()};
+      for (const Passes& pass : passes) {
+        pass.decode(pixels.data(), r.data(), g.data(), b.data(), count);
         for (std::size_t i = 0; i < count; ++i) {
-          const float* planes[] = {r.data(), g.data(), b.data()};
           for (std::size_t c = 0; c < 3; ++c) {
             ASSERT_EQ(std::bit_cast<std::uint32_t>(planes[c][i]),
                       std::bit_cast<std::uint32_t>(decode(pixels[3 * i + c])))
                 << count << " " << pixels[3 * i + c];
           }
         }
-        // The encoding is fed the encoded values as linear light, so strays reach it too.
-        detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
-        encodePass(r.data(), g.data(), b.data(), back.data(), count);
-        for (std::size_t i = 0; i < back.size(); ++i) {
-          ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]),
-                    std::bit_cast<std::uint32_t>(encode(pixels[i])))
-              << count << " " << pixels[i];
+        // The encodings are fed the encoded values as linear light, so strays reach them too.
+        for (const bool clip : {false, true}) {
+          detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
+          (clip ? pass.clipped : pass.encode)(r.data(), g.data(), b.data(), back.data(), count);
+          for (std::size_t i = 0; i < back.size(); ++i) {
+            const float linear = clip ? (pixels[i] > 0.0f ? pixels[i] : 0.0f) : pixels[i];
+            ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]),
+                      std::bit_cast<std::uint32_t>(encode(linear)))
+                << count << " " << pixels[i] << " " << clip;
+          }
         }
       }
+      detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
       detail::joinPlanes(r.data(), g.data(), b.data(), back.data(), count);
       for (std::size_t i = 0; i < back.size(); ++i) {
         ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]), std::bit_cast<std::uint32_t>(pixels[i]));

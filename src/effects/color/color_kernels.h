@@ -23,8 +23,8 @@ VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict
 
 /// passes(r, g, b, n, first) on the planes of count pixels in blocks of n that stay in L1, first
 /// the block's index counted from in: linear light when Linear, else the values as they are.
-/// in may be out.
-template <bool Linear, typename Passes>
+/// ClipBlack clips the linear light passes leave at black before encoding it. in may be out.
+template <bool Linear, bool ClipBlack = false, typename Passes>
 void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<float>* out,
                     std::size_t count) {
   constexpr std::size_t kBlock = 512;
@@ -39,7 +39,9 @@ void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<fl
       splitToPlanes(&in[done].r, r, g, b, n);
     }
     passes(r, g, b, n, done);
-    if constexpr (Linear) {
+    if constexpr (ClipBlack) {
+      encodeClippedFromPlanes(r, g, b, &out[done].r, n);
+    } else if constexpr (Linear) {
       encodeFromPlanes(r, g, b, &out[done].r, n);
     } else {
       joinPlanes(r, g, b, &out[done].r, n);
@@ -139,10 +141,17 @@ template <typename Adjust>
 std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
   return finiteRowKernel([adjust, toLms = kLinearSrgbToLms * linear](
                              const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    forPlaneBlocks<true>(
+    forPlaneBlocks<true, true>(
         [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
           // Every closure forced inline: a call left in the pixel loop keeps it from vectorising.
-          planesToLmsRoots(toLms, r, g, b, n);
+          adjustPlanes(
+              [&toLms](float& x, float& y, float& z, std::size_t) __attribute__((always_inline)) {
+                const LmsRoot roots = lmsRootsOf(toLms, x, y, z);
+                x = roots.l;
+                y = roots.m;
+                z = roots.s;
+              },
+              r, g, b, n);
           adjustPlanes(
               [&adjust](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
                 LmsRoot roots{l, m, s};
@@ -152,9 +161,12 @@ std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
                 s = roots.s;
               },
               r, g, b, n);
+          // Colours pushed outside the gamut are clipped at black by the encoding.
           adjustPlanes(
-              [](float& l, float& m, float& s, std::size_t)
-                  __attribute__((always_inline)) { fromLmsRoots(l, m, s); },
+              [](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
+                const LmsRoot roots{l, m, s};
+                roots.toLinear(l, m, s);
+              },
               r, g, b, n);
         },
         in, out, count);

@@ -66,11 +66,26 @@ VORN_DISPATCH void encodeValuesCloned(const float* in, float* out, std::size_t c
 }
 
 /// True when every one of count values lies in [0, 1]; NaN does not.
-inline bool allInUnitRange(const float* values, std::size_t count) {
+/// True when every one of count values lies in [0, 1] once taken through `take`; NaN does not.
+template <typename Take>
+inline bool allInUnitRange(const float* values, std::size_t count, Take take) {
   unsigned outside = 0;
-  for (std::size_t i = 0; i < count; ++i)
-    outside |= values[i] >= 0.0f && values[i] <= 1.0f ? 0u : 1u;
+  for (std::size_t i = 0; i < count; ++i) {
+    const float v = take(values[i]);
+    outside |= v >= 0.0f && v <= 1.0f ? 0u : 1u;
+  }
   return outside == 0;
+}
+
+inline bool allInUnitRange(const float* values, std::size_t count) {
+  return allInUnitRange(values, count, [](float v) { return v; });
+}
+
+/// v, or v clipped at black (NaN too) when Clip.
+template <bool Clip>
+inline float clippedIf(float v) {
+  if constexpr (Clip) return v > 0.0f ? v : 0.0f;
+  return v;
 }
 
 // AVX-512 reads a 16-entry table in one instruction, which the compiler does not use for a plain
@@ -348,6 +363,8 @@ VORN_AVX512 void decodeToPlanesAvx512(const float* in, float* r, float* g, float
 }
 
 /// Encoding and joining in one pass.
+/// Encoding and joining in one pass; with Clip, values are first clipped at black.
+template <bool Clip>
 VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const float* b, float* out,
                                         std::size_t count) {
   const auto curve = encodeCurveAvx512();
@@ -355,76 +372,14 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
   for (std::size_t i = 0; i < count; i += 16) {
     const std::size_t n = count - i < 16 ? count - i : 16;
     __m512 x[3];
-    for (std::size_t c = 0; c < 3; ++c)
+    for (std::size_t c = 0; c < 3; ++c) {
       x[c] = n == 16 ? _mm512_loadu_ps(in[c] + i) : _mm512_maskz_loadu_ps(firstLanes(n), in[c] + i);
-    for (std::size_t c = 0; c < 3; ++c) x[c] = curve(x[c]);
+      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
+      if constexpr (Clip) x[c] = maxAvx512(x[c], _mm512_setzero_ps());
+      x[c] = curve(x[c]);
+    }
     storePixelsAvx512(x, out + 3 * i, n);
   }
-}
-
-/// fastCbrt step for step on N vectors side by side: the roots' divides are long, and a single
-/// vector's chain of them leaves the CPU waiting.
-template <std::size_t N>
-VORN_AVX512 inline void cbrtAvx512(__m512 (&x)[N]) {
-  __m512 aThird[N], y[N];
-  for (std::size_t i = 0; i < N; ++i) {
-    const __m512 magnitude = _mm512_abs_ps(x[i]);
-    const __m512i third = _mm512_maskz_cvttps_epi32(
-        0xffff, _mm512_mul_ps(_mm512_maskz_cvtepi32_ps(0xffff, _mm512_castps_si512(magnitude)),
-                              _mm512_set1_ps(1.0f / 3.0f)));
-    y[i] = _mm512_castsi512_ps(_mm512_add_epi32(third, _mm512_set1_epi32(0x2a514067)));
-    aThird[i] = _mm512_mul_ps(magnitude, _mm512_set1_ps(1.0f / 3.0f));
-  }
-  for (int step = 0; step < 2; ++step) {
-    for (std::size_t i = 0; i < N; ++i) {
-      y[i] = _mm512_add_ps(_mm512_mul_ps(y[i], _mm512_set1_ps(2.0f / 3.0f)),
-                           _mm512_div_ps(aThird[i], _mm512_mul_ps(y[i], y[i])));
-    }
-  }
-  for (std::size_t i = 0; i < N; ++i) x[i] = copySignAvx512(y[i], x[i]);
-}
-
-/// The matrix on linear light at `at` of the planes and the cube roots, for G groups of 16
-/// pixels (the first `count` of a single group).
-template <std::size_t G>
-VORN_AVX512 inline void lmsRootsAvx512(const __m512 (&matrix)[9], float* const (&planes)[3],
-                                       std::size_t at, std::size_t count) {
-  const __mmask16 lanes = firstLanes(count);
-  __m512 cones[3 * G];
-  for (std::size_t group = 0; group < G; ++group) {
-    __m512 x[3];
-    for (std::size_t c = 0; c < 3; ++c) {
-      const float* from = planes[c] + at + 16 * group;
-      x[c] = G > 1 ? _mm512_loadu_ps(from) : _mm512_maskz_loadu_ps(lanes, from);
-    }
-    for (std::size_t row = 0; row < 3; ++row) {
-      cones[3 * group + row] =
-          _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(matrix[3 * row], x[0]),
-                                      _mm512_mul_ps(matrix[3 * row + 1], x[1])),
-                        _mm512_mul_ps(matrix[3 * row + 2], x[2]));
-    }
-  }
-  cbrtAvx512(cones);
-  for (std::size_t group = 0; group < G; ++group) {
-    for (std::size_t c = 0; c < 3; ++c) {
-      float* to = planes[c] + at + 16 * group;
-      if (G > 1) {
-        _mm512_storeu_ps(to, cones[3 * group + c]);
-      } else {
-        _mm512_mask_storeu_ps(to, lanes, cones[3 * group + c]);
-      }
-    }
-  }
-}
-
-VORN_AVX512 void planesToLmsRootsAvx512(const Matrix3& toLms, float* l, float* m, float* s,
-                                        std::size_t count) {
-  __m512 matrix[9];
-  for (std::size_t k = 0; k < 9; ++k) matrix[k] = _mm512_set1_ps(toLms.m[k]);
-  float* const planes[3] = {l, m, s};
-  std::size_t i = 0;
-  for (; i + 32 <= count; i += 32) lmsRootsAvx512<2>(matrix, planes, i, 32);
-  for (; i < count; i += 16) lmsRootsAvx512<1>(matrix, planes, i, count - i);
 }
 
 }  // namespace
@@ -450,23 +405,37 @@ VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __r
   }
 }
 
-VORN_DISPATCH void encodeFromPlanesPortable(const float* __restrict r, const float* __restrict g,
-                                            const float* __restrict b, float* __restrict out,
-                                            std::size_t count) {
-  if (allInUnitRange(r, count) && allInUnitRange(g, count) && allInUnitRange(b, count)) {
+template <bool Clip>
+VORN_DISPATCH_TEMPLATE void encodePlanesPortable(const float* __restrict r,
+                                                 const float* __restrict g,
+                                                 const float* __restrict b, float* __restrict out,
+                                                 std::size_t count) {
+  const auto take = [](float v) { return clippedIf<Clip>(v); };
+  if (allInUnitRange(r, count, take) && allInUnitRange(g, count, take) &&
+      allInUnitRange(b, count, take)) {
     for (std::size_t i = 0; i < count; ++i) {
-      out[3 * i] = srgbEncodeUnit(r[i]);
-      out[3 * i + 1] = srgbEncodeUnit(g[i]);
-      out[3 * i + 2] = srgbEncodeUnit(b[i]);
+      out[3 * i] = srgbEncodeUnit(take(r[i]));
+      out[3 * i + 1] = srgbEncodeUnit(take(g[i]));
+      out[3 * i + 2] = srgbEncodeUnit(take(b[i]));
     }
     return;
   }
   const SrgbEncode encode;
   for (std::size_t i = 0; i < count; ++i) {
-    out[3 * i] = encode(r[i]);
-    out[3 * i + 1] = encode(g[i]);
-    out[3 * i + 2] = encode(b[i]);
+    out[3 * i] = encode(take(r[i]));
+    out[3 * i + 1] = encode(take(g[i]));
+    out[3 * i + 2] = encode(take(b[i]));
   }
+}
+
+void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                              std::size_t count) {
+  encodePlanesPortable<false>(r, g, b, out, count);
+}
+
+void encodeClippedFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                                     std::size_t count) {
+  encodePlanesPortable<true>(r, g, b, out, count);
 }
 
 VORN_DISPATCH void splitToPlanes(const float* __restrict in, float* __restrict r,
@@ -498,33 +467,18 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count) {
   if (hasAvx512()) {
-    encodeFromPlanesAvx512(r, g, b, out, count);
+    encodeFromPlanesAvx512<false>(r, g, b, out, count);
   } else {
     encodeFromPlanesPortable(r, g, b, out, count);
   }
 }
 
-// The matrix comes by value: read through a reference, it could change with every float stored.
-VORN_DISPATCH void lmsRootsCloned(const Matrix3 toLms, float* __restrict l, float* __restrict m,
-                                  float* __restrict s, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const LmsRoot roots = lmsRootsOf(toLms, l[i], m[i], s[i]);
-    l[i] = roots.l;
-    m[i] = roots.m;
-    s[i] = roots.s;
-  }
-}
-
-void planesToLmsRootsPortable(const Matrix3& toLms, float* l, float* m, float* s,
-                              std::size_t count) {
-  lmsRootsCloned(toLms, l, m, s, count);
-}
-
-void planesToLmsRoots(const Matrix3& toLms, float* l, float* m, float* s, std::size_t count) {
+void encodeClippedFromPlanes(const float* r, const float* g, const float* b, float* out,
+                             std::size_t count) {
   if (hasAvx512()) {
-    planesToLmsRootsAvx512(toLms, l, m, s, count);
+    encodeFromPlanesAvx512<true>(r, g, b, out, count);
   } else {
-    planesToLmsRootsPortable(toLms, l, m, s, count);
+    encodeClippedFromPlanesPortable(r, g, b, out, count);
   }
 }
 

@@ -202,11 +202,17 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
                       std::size_t count);
 
-/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
-/// give the same bits, which the tests check on any CPU.
+/// encodeFromPlanes of the planes clipped at black (negative values and NaN taken as 0).
+void encodeClippedFromPlanes(const float* r, const float* g, const float* b, float* out,
+                             std::size_t count);
+
+/// decodeToPlanes, encodeFromPlanes and encodeClippedFromPlanes as CPUs without AVX-512 run them
+/// (cloned for AVX2); they give the same bits, which the tests check on any CPU.
 void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
                               std::size_t count);
+void encodeClippedFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                                     std::size_t count);
 
 /// Splits count interleaved pixels into planes as they are, and joins them back.
 void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
@@ -321,12 +327,6 @@ inline LmsRoot lmsRootsOf(const Matrix3& toLms, float r, float g, float b) {
   toLms.apply(r, g, b);
   return LmsRoot::of(r, g, b);
 }
-
-/// lmsRootsOf(toLms, ...) of count pixels of linear light in planes l, m, s, written over them.
-void planesToLmsRoots(const Matrix3& toLms, float* l, float* m, float* s, std::size_t count);
-/// planesToLmsRoots as CPUs without AVX-512 run it, with the same bits.
-void planesToLmsRootsPortable(const Matrix3& toLms, float* l, float* m, float* s,
-                              std::size_t count);
 
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
   LmsRoot::of(c).toLinear(r, g, b);
