@@ -110,19 +110,13 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
       for (std::size_t k = 0; k < odd.size(); ++k) pixels[(k * 5) % pixels.size()] = odd[k];
       std::vector<float> r(count), g(count), b(count), back(3 * count);
       using Decode = void (*)(const float*, float*, float*, float*, std::size_t);
-      using Encode = void (*)(const float*, const float*, const float*, float*, std::size_t);
-      struct Passes {
-        Decode decode;
-        Encode encode;
-        Encode clipped;
-      };
-      const Passes passes[] = {
-          {detail::decodeToPlanes, detail::encodeFromPlanes, detail::encodeClippedFromPlanes},
-          {detail::decodeToPlanesPortable, detail::encodeFromPlanesPortable,
-           detail::encodeClippedFromPlanesPortable}};
+      using Encode = void (*)(const float*, const float*, const float*, float*, std::size_t, bool);
+      const std::pair<Decode, Encode> passes[] = {
+          {detail::decodeToPlanes, detail::encodeFromPlanes},
+          {detail::decodeToPlanesPortable, detail::encodeFromPlanesPortable}};
       const float* planes[] = {r.data(), g.data(), b.data()};
-      for (const Passes& pass : passes) {
-        pass.decode(pixels.data(), r.data(), g.data(), b.data(), count);
+      for (const auto& [decodePass, encodePass] : passes) {
+        decodePass(pixels.data(), r.data(), g.data(), b.data(), count);
         for (std::size_t i = 0; i < count; ++i) {
           for (std::size_t c = 0; c < 3; ++c) {
             ASSERT_EQ(std::bit_cast<std::uint32_t>(planes[c][i]),
@@ -133,7 +127,7 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
         // The encodings are fed the encoded values as linear light, so strays reach them too.
         for (const bool clip : {false, true}) {
           detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
-          (clip ? pass.clipped : pass.encode)(r.data(), g.data(), b.data(), back.data(), count);
+          encodePass(r.data(), g.data(), b.data(), back.data(), count, clip);
           for (std::size_t i = 0; i < back.size(); ++i) {
             const float linear = clip ? (pixels[i] > 0.0f ? pixels[i] : 0.0f) : pixels[i];
             ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]),

@@ -39,10 +39,8 @@ void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<fl
       splitToPlanes(&in[done].r, r, g, b, n);
     }
     passes(r, g, b, n, done);
-    if constexpr (ClipBlack) {
-      encodeClippedFromPlanes(r, g, b, &out[done].r, n);
-    } else if constexpr (Linear) {
-      encodeFromPlanes(r, g, b, &out[done].r, n);
+    if constexpr (Linear) {
+      encodeFromPlanes(r, g, b, &out[done].r, n, ClipBlack);
     } else {
       joinPlanes(r, g, b, &out[done].r, n);
     }

@@ -429,13 +429,12 @@ VORN_DISPATCH_TEMPLATE void encodePlanesPortable(const float* __restrict r,
 }
 
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
-                              std::size_t count) {
-  encodePlanesPortable<false>(r, g, b, out, count);
-}
-
-void encodeClippedFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
-                                     std::size_t count) {
-  encodePlanesPortable<true>(r, g, b, out, count);
+                              std::size_t count, bool clipBlack) {
+  if (clipBlack) {
+    encodePlanesPortable<true>(r, g, b, out, count);
+  } else {
+    encodePlanesPortable<false>(r, g, b, out, count);
+  }
 }
 
 VORN_DISPATCH void splitToPlanes(const float* __restrict in, float* __restrict r,
@@ -464,21 +463,14 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
   }
 }
 
-void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
-                      std::size_t count) {
-  if (hasAvx512()) {
-    encodeFromPlanesAvx512<false>(r, g, b, out, count);
-  } else {
-    encodeFromPlanesPortable(r, g, b, out, count);
-  }
-}
-
-void encodeClippedFromPlanes(const float* r, const float* g, const float* b, float* out,
-                             std::size_t count) {
-  if (hasAvx512()) {
+void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
+                      bool clipBlack) {
+  if (!hasAvx512()) {
+    encodeFromPlanesPortable(r, g, b, out, count, clipBlack);
+  } else if (clipBlack) {
     encodeFromPlanesAvx512<true>(r, g, b, out, count);
   } else {
-    encodeClippedFromPlanesPortable(r, g, b, out, count);
+    encodeFromPlanesAvx512<false>(r, g, b, out, count);
   }
 }
 

@@ -198,21 +198,16 @@ const SrgbTransfer& srgbTransfer();
 
 /// Decodes count interleaved sRGB pixels into linear-light planes.
 void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
-/// Encodes linear-light planes into count interleaved sRGB pixels.
-void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
-                      std::size_t count);
+/// Encodes linear-light planes into count interleaved sRGB pixels; with clipBlack, negative
+/// values and NaN are first taken as 0.
+void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
+                      bool clipBlack = false);
 
-/// encodeFromPlanes of the planes clipped at black (negative values and NaN taken as 0).
-void encodeClippedFromPlanes(const float* r, const float* g, const float* b, float* out,
-                             std::size_t count);
-
-/// decodeToPlanes, encodeFromPlanes and encodeClippedFromPlanes as CPUs without AVX-512 run them
-/// (cloned for AVX2); they give the same bits, which the tests check on any CPU.
+/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
+/// give the same bits, which the tests check on any CPU.
 void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
-                              std::size_t count);
-void encodeClippedFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
-                                     std::size_t count);
+                              std::size_t count, bool clipBlack = false);
 
 /// Splits count interleaved pixels into planes as they are, and joins them back.
 void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
