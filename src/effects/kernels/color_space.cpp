@@ -104,9 +104,20 @@ std::array<float, 16> binadeScales(const std::array<float, Bits>& steps) {
   return scales;
 }
 
+/// encodeScale's value for each exponent field E modulo 16 and each half of the binade, at
+/// (E modulo 16) * 2 + half: the index of two-register permutes.
+std::array<float, 32> encodeScales() {
+  std::array<float, 32> scales{};
+  for (std::uint32_t k = 0; k < 32; ++k) {
+    float f;
+    scales[k] = encodeScale(std::bit_cast<float>((112u + k / 2) << 23 | (k % 2) << 22), f);
+  }
+  return scales;
+}
+
 struct CurveTables {
   std::array<float, 16> decode = binadeScales(kDecodeSteps);
-  std::array<float, 16> encode = binadeScales(kEncodeSteps);
+  std::array<float, 32> encode = encodeScales();
 };
 
 const CurveTables& curveTables() {
@@ -166,36 +177,42 @@ VORN_AVX512 inline __mmask16 unitLanesAvx512(__m512 x) {
   return _mm512_cmple_epu32_mask(_mm512_castps_si512(x), _mm512_set1_epi32(0x3f800000));
 }
 
-/// srgbDecodeUnit for 16 values.
-VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
+/// srgbDecodeUnit for 16 values; scales[0] holds binadeScales.
+VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, const __m512* scales) {
   const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
-  const __m512 scale = binadeScaleAvx512(t, f, scales);
+  const __m512 scale = binadeScaleAvx512(t, f, scales[0]);
   const __m512 power =
       _mm512_mul_ps(hornerAvx512(kDecodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
   return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(1.0f / 12.92f));
 }
 
-/// srgbEncodeUnit for 16 values.
-VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
-  __m512 f;
-  const __m512 scale = binadeScaleAvx512(m, f, scales);
+/// srgbEncodeUnit for 16 values; scales[0] and scales[1] hold encodeScales.
+VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, const __m512* scales) {
+  const __m512i bits = _mm512_castps_si512(m);
+  __m512 f = _mm512_maskz_getmant_ps(0xffff, m, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
+  f = _mm512_mask_mul_ps(f, _mm512_test_epi32_mask(bits, _mm512_set1_epi32(0x00400000)), f,
+                         _mm512_set1_ps(2.0f / 3.0f));
+  // The permute reads the low five bits of each index: four of the exponent, the half's bit.
+  const __m512 scale =
+      _mm512_permutex2var_ps(scales[0], _mm512_maskz_srli_epi32(0xffff, bits, 22), scales[1]);
   const __m512 root = _mm512_sub_ps(
-      _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale),
+      _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.25f))),
+                    scale),
       _mm512_set1_ps(0.055f));
   return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(12.92f));
 }
 
-using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
+using UnitCurveAvx512 = __m512 (*)(__m512, const __m512*);
 
 /// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
 /// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
 /// ending at `limit`, the sign of x, NaN as 0).
 template <UnitCurveAvx512 Unit>
 struct CurveAvx512 {
-  __m512 scales;
+  __m512 scales[2];
   float slope;
   float limit;
 
@@ -225,12 +242,15 @@ struct CurveAvx512 {
 };
 
 VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
-  return {_mm512_loadu_ps(curveTables().decode.data()), kSrgbSlopeAtOne,
+  return {{_mm512_loadu_ps(curveTables().decode.data()), _mm512_setzero_ps()},
+          kSrgbSlopeAtOne,
           std::numeric_limits<float>::infinity()};
 }
 
 VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
-  return {_mm512_loadu_ps(curveTables().encode.data()), 1.0f / kSrgbSlopeAtOne,
+  const float* table = curveTables().encode.data();
+  return {{_mm512_loadu_ps(table), _mm512_loadu_ps(table + 16)},
+          1.0f / kSrgbSlopeAtOne,
           std::numeric_limits<float>::max()};
 }
 
@@ -405,6 +425,8 @@ VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __r
   }
 }
 
+namespace {
+
 template <bool Clip>
 VORN_DISPATCH_TEMPLATE void encodePlanesPortable(const float* __restrict r,
                                                  const float* __restrict g,
@@ -427,6 +449,8 @@ VORN_DISPATCH_TEMPLATE void encodePlanesPortable(const float* __restrict r,
     out[3 * i + 2] = encode(take(b[i]));
   }
 }
+
+}  // namespace
 
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
                               std::size_t count, bool clipBlack) {

@@ -114,7 +114,7 @@ inline constexpr std::array<float, 6> kDecodePolynomial = {3.689257661e-03f, -1.
                                                            3.723348618e+00f, 2.327089310e+00f};
 
 /// (t / 1.055)^2.4 for t in [0.095, 1.055] by its binade and a degree-5 fit in the mantissa
-/// (relative error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+/// (relative error below 7e-7), with no divide, logarithm or exponential; finite for any t >= 0.
 /// Taking t = m + 0.055 spares the decoding a multiply by 1 / 1.055.
 inline float srgbDecodePower(float t) {
   float f;
@@ -125,17 +125,28 @@ inline float srgbDecodePower(float t) {
 /// 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
 inline constexpr std::array<float, 4> kEncodeSteps = {7.491535384e-01f, 5.612310242e-01f,
                                                       3.149802625e-01f, 9.921256575e-02f};
-/// 1.055 f^(1/2.4) on [1, 2) in u = f - 1.5.
-inline constexpr std::array<float, 7> kEncodePolynomial = {
-    -3.011711873e-03f, 5.523583852e-03f, -1.011135709e-02f, 2.365734056e-02f,
-    -6.747842580e-02f, 3.469960988e-01f, 1.249176621e+00f};
+/// 1.055 f^(1/2.4) on [1, 1.5) in u = f - 1.25.
+inline constexpr std::array<float, 5> kEncodePolynomial = {
+    -2.054965310e-02f, 3.892344981e-02f, -9.001997858e-02f, 3.859174550e-01f, 1.157794714e+00f};
+/// 1.5^(1/2.4).
+inline constexpr float kEncodeUpperHalf = 1.184053587e+00f;
 
-/// 1.055 t^(1/2.4) for t in [0.002, 1] the same way (relative error below 3e-7); finite for any
+/// binadeScale for the encoding's root, in half binades: f in [1.5, 2) is taken as f / 1.5 with
+/// the scale times 1.5^(1/2.4), so that f stays in [1, 1.5) where a degree-4 fit suffices.
+inline float encodeScale(float t, float& f) {
+  float scale = binadeScale(t, f, kEncodeSteps);
+  const bool upper = (std::bit_cast<std::uint32_t>(t) & 0x00400000u) != 0;
+  f = upper ? f * (2.0f / 3.0f) : f;
+  scale *= upper ? kEncodeUpperHalf : 1.0f;
+  return scale;
+}
+
+/// 1.055 t^(1/2.4) for t in [0.002, 1] the same way (relative error below 8e-7); finite for any
 /// t >= 0.
 inline float srgbEncodeRoot(float t) {
   float f;
-  const float scale = binadeScale(t, f, kEncodeSteps);
-  return horner(kEncodePolynomial, f - 1.5f) * scale;
+  const float scale = encodeScale(t, f);
+  return horner(kEncodePolynomial, f - 1.25f) * scale;
 }
 
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
