@@ -109,16 +109,6 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
-/// Linear light of cone roots l, m, s written over them; colours pushed outside the gamut are
-/// clipped at black rather than left negative.
-__attribute__((always_inline)) inline void fromLmsRoots(float& l, float& m, float& s) {
-  const LmsRoot roots{l, m, s};
-  roots.toLinear(l, m, s);
-  l = l > 0.0f ? l : 0.0f;
-  m = m > 0.0f ? m : 0.0f;
-  s = s > 0.0f ? s : 0.0f;
-}
-
 /// The pixel's linear light through toLms to its cone roots, adjust(LmsRoot&) and back.
 template <typename Adjust>
 __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
@@ -126,10 +116,11 @@ __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
                                                            float& b) {
   LmsRoot roots = lmsRootsOf(toLms, r, g, b);
   adjust(roots);
-  r = roots.l;
-  g = roots.m;
-  b = roots.s;
-  fromLmsRoots(r, g, b);
+  roots.toLinear(r, g, b);
+  // Colours pushed outside the gamut are clipped at black rather than left negative.
+  r = r > 0.0f ? r : 0.0f;
+  g = g > 0.0f ? g : 0.0f;
+  b = b > 0.0f ? b : 0.0f;
 }
 
 /// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light. Its
