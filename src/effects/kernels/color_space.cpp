@@ -65,7 +65,6 @@ VORN_DISPATCH void encodeValuesCloned(const float* in, float* out, std::size_t c
   for (std::size_t i = 0; i < count; ++i) out[i] = encode(in[i]);
 }
 
-/// True when every one of count values lies in [0, 1]; NaN does not.
 /// True when every one of count values lies in [0, 1] once taken through `take`; NaN does not.
 template <typename Take>
 inline bool allInUnitRange(const float* values, std::size_t count, Take take) {
@@ -172,11 +171,6 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
-/// The lanes of x in [0, 1]: as unsigned integers, negative values and NaN lie above 1.
-VORN_AVX512 inline __mmask16 unitLanesAvx512(__m512 x) {
-  return _mm512_cmple_epu32_mask(_mm512_castps_si512(x), _mm512_set1_epi32(0x3f800000));
-}
-
 /// srgbDecodeUnit for 16 values; scales[0] holds binadeScales.
 VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, const __m512* scales) {
   const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
@@ -233,6 +227,7 @@ struct CurveAvx512 {
   }
   /// Vectors wholly inside [0, 1] take the unit curve alone, those above it only the line.
   VORN_AVX512 __m512 operator()(__m512 x) const {
+    // As unsigned integers, negative values and NaN lie above 1.
     const __m512i bits = _mm512_castps_si512(x);
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
     // At most +infinity as unsigned integers: no sign bit and no NaN.
