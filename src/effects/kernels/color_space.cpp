@@ -52,7 +52,7 @@ float linearToSrgbExact(float linear) {
   return linear <= 0.0031308f ? 12.92f * linear : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
-// The encoding's fused multiply-adds (fusedHorner) on x86-64-v3 (AVX2 with FMA) and AVX-512
+// The curves' fused multiply-adds (horner) on x86-64-v3 (AVX2 with FMA) and AVX-512
 // CPUs; older ones take the library's exact software steps. Clang clones no templates, and its
 // builds (fuzzing) and the thread sanitizer's keep the baseline loop.
 #if defined(__SANITIZE_THREAD__) || defined(__clang__)
@@ -64,7 +64,7 @@ float linearToSrgbExact(float linear) {
 namespace {
 
 // One plain loop each, cloned for the wider vector units.
-VORN_DISPATCH void decodeValuesCloned(const float* in, float* out, std::size_t count) {
+VORN_FMA_DISPATCH void decodeValuesCloned(const float* in, float* out, std::size_t count) {
   const SrgbDecode decode;
   for (std::size_t i = 0; i < count; ++i) out[i] = decode(in[i]);
 }
@@ -149,13 +149,6 @@ bool hasAvx512() {
 template <std::size_t N>
 VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, N>& c, __m512 u) {
   __m512 p = _mm512_set1_ps(c[0]);
-  for (std::size_t k = 1; k < N; ++k) p = _mm512_add_ps(_mm512_mul_ps(p, u), _mm512_set1_ps(c[k]));
-  return p;
-}
-
-template <std::size_t N>
-VORN_AVX512 inline __m512 fusedHornerAvx512(const std::array<float, N>& c, __m512 u) {
-  __m512 p = _mm512_set1_ps(c[0]);
   for (std::size_t k = 1; k < N; ++k) p = _mm512_fmadd_ps(p, u, _mm512_set1_ps(c[k]));
   return p;
 }
@@ -208,7 +201,7 @@ VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, const __m512* scales) {
   const __m512 scale =
       _mm512_permutex2var_ps(scales[0], _mm512_maskz_srli_epi32(0xffff, bits, 22), scales[1]);
   const __m512 root =
-      _mm512_fmadd_ps(fusedHornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.25f))),
+      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.25f))),
                       scale, _mm512_set1_ps(-0.055f));
   return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(12.92f));
@@ -416,9 +409,9 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
 
 // Pixels in [0, 1], the usual case, skip the steps that carry the curves beyond it; the result
 // is the same bit for bit.
-VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __restrict r,
-                                          float* __restrict g, float* __restrict b,
-                                          std::size_t count) {
+VORN_FMA_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __restrict r,
+                                              float* __restrict g, float* __restrict b,
+                                              std::size_t count) {
   if (allInUnitRange(in, 3 * count)) {
     for (std::size_t i = 0; i < count; ++i) {
       r[i] = srgbDecodeUnit(in[3 * i]);
@@ -513,6 +506,10 @@ void SrgbDecode::apply(const float* in, float* out, std::size_t count) const {
 
 void SrgbEncode::apply(const float* in, float* out, std::size_t count) const {
   encodeValues(in, out, count);
+}
+
+VORN_FMA_DISPATCH float SrgbTransfer::toLinear(float encoded) const {
+  return decode(encoded);
 }
 
 const SrgbTransfer& srgbTransfer() {

@@ -97,18 +97,10 @@ inline float binadeScale(float t, float& f, const std::array<float, Bits>& steps
   return scale;
 }
 
-/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule; the vector passes repeat the same steps.
+/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule, each step one fused multiply-add: rounded once on
+/// every CPU (in software where it lacks the instruction), so the vector passes give the same bits.
 template <std::size_t N>
 inline float horner(const std::array<float, N>& c, float u) {
-  float p = c[0];
-  for (std::size_t k = 1; k < N; ++k) p = p * u + c[k];
-  return p;
-}
-
-/// horner with each step one fused multiply-add, rounded once on every CPU (in software where it
-/// lacks the instruction), so every instruction set gives the same bits.
-template <std::size_t N>
-inline float fusedHorner(const std::array<float, N>& c, float u) {
   float p = c[0];
   // Unrolled by hand: left a loop around the call, it keeps the caller's loop from vectorising.
 #pragma GCC unroll 8
@@ -125,7 +117,8 @@ inline constexpr std::array<float, 6> kDecodePolynomial = {3.689257661e-03f, -1.
                                                            3.723348618e+00f, 2.327089310e+00f};
 
 /// (t / 1.055)^2.4 for t in [0.095, 1.055] by its binade and a degree-5 fit in the mantissa
-/// (relative error below 7e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+/// (relative error below 7e-7) by fused multiply-adds, with no divide, logarithm or exponential;
+/// finite for any t >= 0.
 /// Taking t = m + 0.055 spares the decoding a multiply by 1 / 1.055.
 inline float srgbDecodePower(float t) {
   float f;
@@ -157,7 +150,7 @@ inline float encodeScale(float t, float& f) {
 inline float srgbEncodeRoot(float t) {
   float f;
   const float scale = encodeScale(t, f);
-  return std::fma(fusedHorner(kEncodePolynomial, f - 1.25f), scale, -0.055f);
+  return std::fma(horner(kEncodePolynomial, f - 1.25f), scale, -0.055f);
 }
 
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
@@ -208,7 +201,9 @@ struct SrgbEncode {
 /// The sRGB transfer curves. The straight lines above 1 are each other's inverse, so a decode
 /// followed by an encode returns the value whatever its range.
 struct SrgbTransfer {
-  float toLinear(float encoded) const { return decode(encoded); }
+  /// decode(encoded), out of line: a loop compiled for CPUs without fused multiply-adds would
+  /// call the library's for each of the curve's steps.
+  float toLinear(float encoded) const;
   float toEncoded(float linear) const { return encode(linear); }
 
   SrgbDecode decode;
