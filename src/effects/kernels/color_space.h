@@ -220,8 +220,8 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
                       bool clipBlack = false);
 
-/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
-/// give the same bits, which the tests check on any CPU.
+/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2 with
+/// fused multiply-adds); they give the same bits, which the tests check on any CPU.
 void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
                               std::size_t count, bool clipBlack = false);
