@@ -21,34 +21,46 @@ VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i], i);
 }
 
-/// adjust(r, g, b, i) on the values of count pixels, i counted from in, in blocks that stay in
-/// L1: linear light when Linear, else the values as they are. in may be out.
-template <bool Linear, typename Adjust>
-void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
-                  std::size_t count) {
-  constexpr std::size_t kBlock = 256;
+/// passes(r, g, b, n, first) on the planes of count pixels in blocks of n that stay in L1, first
+/// the block's index counted from in: linear light when Linear, else the values as they are.
+/// ClipBlack clips the linear light passes leave at black before encoding it. in may be out.
+template <bool Linear, bool ClipBlack = false, typename Passes>
+void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<float>* out,
+                    std::size_t count) {
+  constexpr std::size_t kBlock = 512;
   alignas(64) float r[kBlock];
   alignas(64) float g[kBlock];
   alignas(64) float b[kBlock];
   for (std::size_t done = 0; done < count; done += kBlock) {
     const std::size_t n = count - done < kBlock ? count - done : kBlock;
-    // Forced inline: each vector clone calls it, and GCC may leave a large one out of line.
-    const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
-        __attribute__((always_inline)) {
-      adjust(red, green, blue, done + i);
-    };
     if constexpr (Linear) {
       decodeToPlanes(&in[done].r, r, g, b, n);
     } else {
       splitToPlanes(&in[done].r, r, g, b, n);
     }
-    adjustPlanes(shifted, r, g, b, n);
+    passes(r, g, b, n, done);
     if constexpr (Linear) {
-      encodeFromPlanes(r, g, b, &out[done].r, n);
+      encodeFromPlanes(r, g, b, &out[done].r, n, ClipBlack);
     } else {
       joinPlanes(r, g, b, &out[done].r, n);
     }
   }
+}
+
+/// adjust(r, g, b, i) on the values of count pixels, i counted from in (see forPlaneBlocks).
+template <bool Linear, typename Adjust>
+void adjustPixels(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<float>* out,
+                  std::size_t count) {
+  forPlaneBlocks<Linear>(
+      [&adjust](float* r, float* g, float* b, std::size_t n, std::size_t done) {
+        // Forced inline: each vector clone calls it, and GCC may leave a large one out of line.
+        const auto shifted = [&adjust, done ](float& red, float& green, float& blue, std::size_t i)
+            __attribute__((always_inline)) {
+          adjust(red, green, blue, done + i);
+        };
+        adjustPlanes(shifted, r, g, b, n);
+      },
+      in, out, count);
 }
 
 /// adjust(r, g, b, i) on the linear-light values of count pixels (see adjustPixels).
@@ -58,13 +70,17 @@ void adjustLinear(const Adjust& adjust, const PixelRGB<float>* in, PixelRGB<floa
   adjustPixels<true>(adjust, in, out, count);
 }
 
+// Kernels that end in the sRGB encoding write finite values only (see SrgbEncode), so the render
+// needs no pass to clean their rows.
+
 /// adjust(r, g, b) on the linear-light values of every pixel.
 template <typename Adjust>
 std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
-  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in, out,
-                 count);
-  });
+  return finiteRowKernel(
+      [adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        adjustLinear([&adjust](float& r, float& g, float& b, std::size_t) { adjust(r, g, b); }, in,
+                     out, count);
+      });
 }
 
 /// linearKernel with adjust forced inline. GCC may leave a large closure called per pixel from
@@ -72,12 +88,13 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
 /// (BWChannels) no longer vectorises, so the plain one stays for those.
 template <typename Adjust>
 std::unique_ptr<RowKernel> inlinedLinearKernel(Adjust adjust) {
-  return rowKernel([adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    adjustLinear(
-        [&adjust](float& r, float& g, float& b, std::size_t)
-            __attribute__((always_inline)) { adjust(r, g, b); },
-        in, out, count);
-  });
+  return finiteRowKernel(
+      [adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        adjustLinear(
+            [&adjust](float& r, float& g, float& b, std::size_t)
+                __attribute__((always_inline)) { adjust(r, g, b); },
+            in, out, count);
+      });
 }
 
 /// adjust(r, g, b) on the encoded values of every pixel, vectorised like linearKernel.
@@ -97,9 +114,7 @@ template <typename Adjust>
 __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
                                                            const Adjust& adjust, float& r, float& g,
                                                            float& b) {
-  float x = r, y = g, z = b;
-  toLms.apply(x, y, z);
-  LmsRoot roots = LmsRoot::of(x, y, z);
+  LmsRoot roots = lmsRootsOf(toLms, r, g, b);
   adjust(roots);
   roots.toLinear(r, g, b);
   // Colours pushed outside the gamut are clipped at black rather than left negative.
@@ -108,15 +123,43 @@ __attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
   b = b > 0.0f ? b : 0.0f;
 }
 
-// Both kernels below fold `linear` into Oklab's first matrix, so it costs nothing per pixel,
-// and force every closure inline: a call left in the pixel loop keeps it from vectorising.
-
-/// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light.
+/// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light. Its
+/// three steps run as three loops over the block: one loop with all of them in each pixel is a
+/// dependency chain too long for the CPU to overlap pixels, and runs slower.
 template <typename Adjust>
 std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
-  const Matrix3 toLms = kLinearSrgbToLms * linear;
-  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b) __attribute__((
-      always_inline)) { throughLmsRoots(toLms, adjust, r, g, b); });
+  return finiteRowKernel([adjust, toLms = kLinearSrgbToLms * linear](
+                             const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+    forPlaneBlocks<true, true>(
+        [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
+          // Every closure forced inline: a call left in the pixel loop keeps it from vectorising.
+          adjustPlanes(
+              [&toLms](float& x, float& y, float& z, std::size_t) __attribute__((always_inline)) {
+                const LmsRoot roots = lmsRootsOf(toLms, x, y, z);
+                x = roots.l;
+                y = roots.m;
+                z = roots.s;
+              },
+              r, g, b, n);
+          adjustPlanes(
+              [&adjust](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
+                LmsRoot roots{l, m, s};
+                adjust(roots);
+                l = roots.l;
+                m = roots.m;
+                s = roots.s;
+              },
+              r, g, b, n);
+          // Colours pushed outside the gamut are clipped at black by the encoding.
+          adjustPlanes(
+              [](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
+                const LmsRoot roots{l, m, s};
+                roots.toLinear(l, m, s);
+              },
+              r, g, b, n);
+        },
+        in, out, count);
+  });
 }
 
 template <typename Adjust>
@@ -127,18 +170,12 @@ std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
 template <typename Adjust>
 std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  const Matrix3 toLms = kLinearSrgbToLms * linear;
-  return inlinedLinearKernel([ adjust, toLms ](float& r, float& g, float& b)
-                                 __attribute__((always_inline)) {
-                                   throughLmsRoots(
-                                       toLms,
-                                       [&adjust](LmsRoot & roots) __attribute__((always_inline)) {
-                                         Oklab lab = roots.oklab();
-                                         adjust(lab);
-                                         roots = LmsRoot::of(lab);
-                                       },
-                                       r, g, b);
-                                 });
+  return lmsRootKernel(
+      linear, [adjust](LmsRoot & roots) __attribute__((always_inline)) {
+        Oklab lab = roots.oklab();
+        adjust(lab);
+        roots = LmsRoot::of(lab);
+      });
 }
 
 template <typename Adjust>

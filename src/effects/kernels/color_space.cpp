@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace vorn::detail {
@@ -51,45 +52,80 @@ float linearToSrgbExact(float linear) {
   return linear <= 0.0031308f ? 12.92f * linear : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
+// The curves' fused multiply-adds (horner) on x86-64-v3 (AVX2 with FMA) and AVX-512
+// CPUs; older ones take the library's exact software steps. Clang clones no templates, and its
+// builds (fuzzing) and the thread sanitizer's keep the baseline loop.
+#if defined(__SANITIZE_THREAD__) || defined(__clang__)
+#define VORN_FMA_DISPATCH
+#else
+#define VORN_FMA_DISPATCH __attribute__((target_clones("avx512f", "arch=x86-64-v3", "default")))
+#endif
+
 namespace {
 
 // One plain loop each, cloned for the wider vector units.
-VORN_DISPATCH void decodeValuesCloned(const float* in, float* out, std::size_t count) {
+VORN_FMA_DISPATCH void decodeValuesCloned(const float* in, float* out, std::size_t count) {
   const SrgbDecode decode;
   for (std::size_t i = 0; i < count; ++i) out[i] = decode(in[i]);
 }
 
-VORN_DISPATCH void encodeValuesCloned(const float* in, float* out, std::size_t count) {
+VORN_FMA_DISPATCH void encodeValuesCloned(const float* in, float* out, std::size_t count) {
   const SrgbEncode encode;
   for (std::size_t i = 0; i < count; ++i) out[i] = encode(in[i]);
 }
 
-/// True when every one of count values lies in [0, 1]; NaN does not.
-inline bool allInUnitRange(const float* values, std::size_t count) {
+/// True when every one of count values lies in [0, 1] once taken through `take`; NaN does not.
+template <typename Take>
+inline bool allInUnitRange(const float* values, std::size_t count, Take take) {
   unsigned outside = 0;
-  for (std::size_t i = 0; i < count; ++i)
-    outside |= values[i] >= 0.0f && values[i] <= 1.0f ? 0u : 1u;
+  for (std::size_t i = 0; i < count; ++i) {
+    const float v = take(values[i]);
+    outside |= v >= 0.0f && v <= 1.0f ? 0u : 1u;
+  }
   return outside == 0;
+}
+
+inline bool allInUnitRange(const float* values, std::size_t count) {
+  return allInUnitRange(values, count, [](float v) { return v; });
+}
+
+/// v, or v clipped at black (NaN too) when Clip.
+template <bool Clip>
+inline float clippedIf(float v) {
+  if constexpr (Clip) return v > 0.0f ? v : 0.0f;
+  return v;
 }
 
 // AVX-512 reads a 16-entry table in one instruction, which the compiler does not use for a plain
 // array: the binade's scale then costs one step instead of a chain of selects. Every other step
 // repeats the scalar curves' in the same order, so the results agree bit for bit.
 
-/// binadeScale's value for each n below 16; it reads no more bits of n than that.
+/// binadeScale's value for each exponent field E modulo 16: n = 127 - E is fixed modulo 16 by it,
+/// and binadeScale reads no more bits of n than that.
 template <std::size_t Bits>
 std::array<float, 16> binadeScales(const std::array<float, Bits>& steps) {
   std::array<float, 16> scales{};
-  for (std::uint32_t n = 0; n < 16; ++n) {
+  for (std::uint32_t e = 0; e < 16; ++e) {
     float f;
-    scales[n] = binadeScale(std::bit_cast<float>((127u - n) << 23), f, steps);
+    scales[e] = binadeScale(std::bit_cast<float>((112u + e) << 23), f, steps);
+  }
+  return scales;
+}
+
+/// encodeScale's value for each exponent field E modulo 16 and each half of the binade, at
+/// (E modulo 16) * 2 + half: the index of two-register permutes.
+std::array<float, 32> encodeScales() {
+  std::array<float, 32> scales{};
+  for (std::uint32_t k = 0; k < 32; ++k) {
+    float f;
+    scales[k] = encodeScale(std::bit_cast<float>((112u + k / 2) << 23 | (k % 2) << 22), f);
   }
   return scales;
 }
 
 struct CurveTables {
   std::array<float, 16> decode = binadeScales(kDecodeSteps);
-  std::array<float, 16> encode = binadeScales(kEncodeSteps);
+  std::array<float, 32> encode = encodeScales();
 };
 
 const CurveTables& curveTables() {
@@ -110,21 +146,20 @@ bool hasAvx512() {
 // Zero-masked forms with whole masks below: the plain ones start from an undefined vector, which
 // GCC 12 warns of as an uninitialised read.
 
-VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, 7>& c, __m512 u) {
+template <std::size_t N>
+VORN_AVX512 inline __m512 hornerAvx512(const std::array<float, N>& c, __m512 u) {
   __m512 p = _mm512_set1_ps(c[0]);
-  for (std::size_t k = 1; k < c.size(); ++k)
-    p = _mm512_add_ps(_mm512_mul_ps(p, u), _mm512_set1_ps(c[k]));
+  for (std::size_t k = 1; k < N; ++k) p = _mm512_fmadd_ps(p, u, _mm512_set1_ps(c[k]));
   return p;
 }
 
-/// binadeScale for 16 values, the scale read from `scales` (binadeScales).
+/// binadeScale for 16 values, the scale read from `scales` (binadeScales). Where t is a positive
+/// normal float the mantissa is the one binadeScale's bit operations give.
 VORN_AVX512 inline __m512 binadeScaleAvx512(__m512 t, __m512& f, __m512 scales) {
-  const __m512i bits = _mm512_castps_si512(t);
-  const __m512i n =
-      _mm512_sub_epi32(_mm512_set1_epi32(127), _mm512_maskz_srli_epi32(0xffff, bits, 23));
-  f = _mm512_castsi512_ps(_mm512_or_si512(_mm512_and_si512(bits, _mm512_set1_epi32(0x007fffff)),
-                                          _mm512_set1_epi32(0x3f800000)));
-  return _mm512_maskz_permutexvar_ps(0xffff, n, scales);
+  f = _mm512_maskz_getmant_ps(0xffff, t, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
+  // The permute reads only the low four bits of each index: those of the exponent field.
+  const __m512i exponent = _mm512_maskz_srli_epi32(0xffff, _mm512_castps_si512(t), 23);
+  return _mm512_maskz_permutexvar_ps(0xffff, exponent, scales);
 }
 
 /// a > b ? a : b, b for NaN.
@@ -145,69 +180,101 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
-/// srgbDecodeUnit for 16 values.
-VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
-  const __m512 t =
-      _mm512_mul_ps(_mm512_add_ps(m, _mm512_set1_ps(0.055f)), _mm512_set1_ps(1.0f / 1.055f));
+/// srgbDecodeUnit for 16 values; scales[0] holds binadeScales.
+VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, const __m512* scales) {
+  const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
-  const __m512 scale = binadeScaleAvx512(t, f, scales);
+  const __m512 scale = binadeScaleAvx512(t, f, scales[0]);
   const __m512 power =
       _mm512_mul_ps(hornerAvx512(kDecodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
-  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), power,
-                              _mm512_mul_ps(m, _mm512_set1_ps(1.0f / 12.92f)));
+  return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
+                            _mm512_set1_ps(1.0f / 12.92f));
 }
 
-/// srgbEncodeUnit for 16 values.
-VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
-  __m512 f;
-  const __m512 scale = binadeScaleAvx512(m, f, scales);
+/// srgbEncodeUnit for 16 values; scales[0] and scales[1] hold encodeScales.
+VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, const __m512* scales) {
+  const __m512i bits = _mm512_castps_si512(m);
+  __m512 f = _mm512_maskz_getmant_ps(0xffff, m, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
+  f = _mm512_mask_mul_ps(f, _mm512_test_epi32_mask(bits, _mm512_set1_epi32(0x00400000)), f,
+                         _mm512_set1_ps(2.0f / 3.0f));
+  // The permute reads the low five bits of each index: four of the exponent, the half's bit.
+  const __m512 scale =
+      _mm512_permutex2var_ps(scales[0], _mm512_maskz_srli_epi32(0xffff, bits, 22), scales[1]);
   const __m512 root =
-      _mm512_mul_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
-  const __m512 shifted =
-      _mm512_sub_ps(_mm512_mul_ps(_mm512_set1_ps(1.055f), root), _mm512_set1_ps(0.055f));
-  return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ),
-                              shifted, _mm512_mul_ps(m, _mm512_set1_ps(12.92f)));
+      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.25f))),
+                      scale, _mm512_set1_ps(-0.055f));
+  return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
+                            _mm512_set1_ps(12.92f));
 }
 
-/// A unit-range curve carried to every value as SrgbDecode and SrgbEncode carry theirs: the
-/// line of `slope` above 1, the sign of x, NaN as 0.
-template <__m512 (*Unit)(__m512, __m512)>
-VORN_AVX512 inline __m512 wholeCurveAvx512(__m512 x, __m512 scales, float slope) {
-  const __m512 one = _mm512_set1_ps(1.0f);
-  const __m512 m = magnitudeAvx512(x);
-  const __m512 line =
-      _mm512_add_ps(one, _mm512_mul_ps(_mm512_sub_ps(m, one), _mm512_set1_ps(slope)));
-  const __m512 y =
-      _mm512_mask_blend_ps(_mm512_cmp_ps_mask(m, one, _CMP_GT_OQ), Unit(m, scales), line);
-  return copySignAvx512(y, x);
+using UnitCurveAvx512 = __m512 (*)(__m512, const __m512*);
+
+/// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
+/// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
+/// ending at `limit`, the sign of x, NaN as 0).
+template <UnitCurveAvx512 Unit>
+struct CurveAvx512 {
+  __m512 scales[2];
+  float slope;
+  float limit;
+
+  VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
+  /// The curve for x without negative values or NaN.
+  VORN_AVX512 __m512 positive(__m512 x) const {
+    const __m512 one = _mm512_set1_ps(1.0f);
+    const __mmask16 above = _mm512_cmp_ps_mask(x, one, _CMP_GT_OQ);
+    // The line's steps under the mask, over the unit curve's values.
+    __m512 y = _mm512_mask_sub_ps(Unit(x, scales), above, x, one);
+    y = _mm512_mask_mul_ps(y, above, y, _mm512_set1_ps(slope));
+    y = _mm512_mask_add_ps(y, above, y, one);
+    return _mm512_mask_min_ps(y, above, y, _mm512_set1_ps(limit));
+  }
+  /// The curve for any x.
+  VORN_AVX512 __m512 whole(__m512 x) const {
+    return copySignAvx512(positive(magnitudeAvx512(x)), x);
+  }
+  /// Vectors wholly inside [0, 1] take the unit curve alone, those above it only the line.
+  VORN_AVX512 __m512 operator()(__m512 x) const {
+    // As unsigned integers, negative values and NaN lie above 1.
+    const __m512i bits = _mm512_castps_si512(x);
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
+    // At most +infinity as unsigned integers: no sign bit and no NaN.
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
+    return whole(x);
+  }
+};
+
+VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
+  return {{_mm512_loadu_ps(curveTables().decode.data()), _mm512_setzero_ps()},
+          kSrgbSlopeAtOne,
+          std::numeric_limits<float>::infinity()};
+}
+
+VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
+  const float* table = curveTables().encode.data();
+  return {{_mm512_loadu_ps(table), _mm512_loadu_ps(table + 16)},
+          1.0f / kSrgbSlopeAtOne,
+          std::numeric_limits<float>::max()};
 }
 
 /// out[i] = curve(in[i]) for count values, the last few under a mask; in may be out. Runs of
 /// 16 inside [0, 1] take the unit curve alone.
-template <__m512 (*Unit)(__m512, __m512)>
-VORN_AVX512 void curveAvx512(const float* in, float* out, std::size_t count,
-                             const std::array<float, 16>& table, float slope) {
-  const __m512 scales = _mm512_loadu_ps(table.data());
-  const __m512 zero = _mm512_setzero_ps();
-  const __m512 one = _mm512_set1_ps(1.0f);
+template <typename Curve>
+VORN_AVX512 void curveAvx512(const Curve& curve, const float* in, float* out, std::size_t count) {
   std::size_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const __m512 x = _mm512_loadu_ps(in + i);
-    const __mmask16 inside =
-        _mm512_mask_cmp_ps_mask(_mm512_cmp_ps_mask(x, zero, _CMP_GE_OQ), x, one, _CMP_LE_OQ);
-    _mm512_storeu_ps(out + i,
-                     inside == 0xffff ? Unit(x, scales) : wholeCurveAvx512<Unit>(x, scales, slope));
+    _mm512_storeu_ps(out + i, curve(x));
   }
   if (i < count) {
     const auto tail = static_cast<__mmask16>((1u << (count - i)) - 1u);
-    _mm512_mask_storeu_ps(
-        out + i, tail, wholeCurveAvx512<Unit>(_mm512_maskz_loadu_ps(tail, in + i), scales, slope));
+    _mm512_mask_storeu_ps(out + i, tail, curve.whole(_mm512_maskz_loadu_ps(tail, in + i)));
   }
 }
 
 void decodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<decodeUnitAvx512>(in, out, count, curveTables().decode, kSrgbSlopeAtOne);
+    curveAvx512(decodeCurveAvx512(), in, out, count);
   } else {
     decodeValuesCloned(in, out, count);
   }
@@ -215,9 +282,126 @@ void decodeValues(const float* in, float* out, std::size_t count) {
 
 void encodeValues(const float* in, float* out, std::size_t count) {
   if (hasAvx512()) {
-    curveAvx512<encodeUnitAvx512>(in, out, count, curveTables().encode, 1.0f / kSrgbSlopeAtOne);
+    curveAvx512(encodeCurveAvx512(), in, out, count);
   } else {
     encodeValuesCloned(in, out, count);
+  }
+}
+
+// 16 interleaved pixels are three vectors of 48 values; a plane of them takes two two-source
+// permutes: the values from the first two vectors, then those from the third. Joining reverses it.
+
+/// Plane `channel`'s indices: value 3j + channel goes to lane j.
+constexpr std::array<std::int32_t, 16> splitIndex(int channel, bool third) {
+  std::array<std::int32_t, 16> index{};
+  for (int j = 0; j < 16; ++j) {
+    const int k = 3 * j + channel;
+    index[static_cast<std::size_t>(j)] = third ? (k < 32 ? j : k - 16) : (k < 32 ? k : 0);
+  }
+  return index;
+}
+
+/// Output vector `part`'s indices: its value k is pixel k / 3 of plane k % 3.
+constexpr std::array<std::int32_t, 16> joinIndex(int part, bool blue) {
+  std::array<std::int32_t, 16> index{};
+  for (int j = 0; j < 16; ++j) {
+    const int k = 16 * part + j;
+    const int pixel = k / 3;
+    const int channel = k % 3;
+    index[static_cast<std::size_t>(j)] =
+        blue ? (channel == 2 ? 16 + pixel : j) : (channel == 1 ? 16 + pixel : pixel);
+  }
+  return index;
+}
+
+struct PixelShuffles {
+  std::array<std::array<std::int32_t, 16>, 6> split{splitIndex(0, false), splitIndex(0, true),
+                                                    splitIndex(1, false), splitIndex(1, true),
+                                                    splitIndex(2, false), splitIndex(2, true)};
+  std::array<std::array<std::int32_t, 16>, 6> join{joinIndex(0, false), joinIndex(0, true),
+                                                   joinIndex(1, false), joinIndex(1, true),
+                                                   joinIndex(2, false), joinIndex(2, true)};
+};
+constexpr PixelShuffles kPixelShuffles;
+
+VORN_AVX512 inline __m512 permute2Avx512(__m512 a, const std::array<std::int32_t, 16>& index,
+                                         __m512 b) {
+  return _mm512_permutex2var_ps(a, _mm512_loadu_si512(index.data()), b);
+}
+
+/// The first `values` of 16 lanes.
+inline __mmask16 firstLanes(std::size_t values) {
+  return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
+}
+
+/// 16 pixels (count of them kept, the rest zero) split into r, g, b; full is count == 16.
+VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m512 (&planes)[3]) {
+  __m512 v[3];
+  for (std::size_t part = 0; part < 3; ++part) {
+    const std::size_t before = 16 * part;
+    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+    v[part] = count == 16 ? _mm512_loadu_ps(in + before)
+                          : _mm512_maskz_loadu_ps(firstLanes(values), in + before);
+  }
+  for (std::size_t c = 0; c < 3; ++c)
+    planes[c] = permute2Avx512(permute2Avx512(v[0], kPixelShuffles.split[2 * c], v[1]),
+                               kPixelShuffles.split[2 * c + 1], v[2]);
+}
+
+/// The first count of 16 pixels in planes, interleaved into out.
+VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
+                                          std::size_t count) {
+  for (std::size_t part = 0; part < 3; ++part) {
+    const __m512 v =
+        permute2Avx512(permute2Avx512(planes[0], kPixelShuffles.join[2 * part], planes[1]),
+                       kPixelShuffles.join[2 * part + 1], planes[2]);
+    const std::size_t before = 16 * part;
+    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+    if (count == 16) {
+      _mm512_storeu_ps(out + before, v);
+    } else {
+      _mm512_mask_storeu_ps(out + before, firstLanes(values), v);
+    }
+  }
+}
+
+/// Splitting and decoding in one pass: each value is read and written once.
+VORN_AVX512 void decodeToPlanesAvx512(const float* in, float* r, float* g, float* b,
+                                      std::size_t count) {
+  const auto curve = decodeCurveAvx512();
+  float* out[3] = {r, g, b};
+  for (std::size_t i = 0; i < count; i += 16) {
+    const std::size_t n = count - i < 16 ? count - i : 16;
+    __m512 x[3];
+    loadPixelsAvx512(in + 3 * i, n, x);
+    for (std::size_t c = 0; c < 3; ++c) {
+      const __m512 y = curve(x[c]);
+      if (n == 16) {
+        _mm512_storeu_ps(out[c] + i, y);
+      } else {
+        _mm512_mask_storeu_ps(out[c] + i, firstLanes(n), y);
+      }
+    }
+  }
+}
+
+/// Encoding and joining in one pass.
+/// Encoding and joining in one pass; with Clip, values are first clipped at black.
+template <bool Clip>
+VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const float* b, float* out,
+                                        std::size_t count) {
+  const auto curve = encodeCurveAvx512();
+  const float* in[3] = {r, g, b};
+  for (std::size_t i = 0; i < count; i += 16) {
+    const std::size_t n = count - i < 16 ? count - i : 16;
+    __m512 x[3];
+    for (std::size_t c = 0; c < 3; ++c) {
+      x[c] = n == 16 ? _mm512_loadu_ps(in[c] + i) : _mm512_maskz_loadu_ps(firstLanes(n), in[c] + i);
+      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
+      if constexpr (Clip) x[c] = maxAvx512(x[c], _mm512_setzero_ps());
+      x[c] = curve(x[c]);
+    }
+    storePixelsAvx512(x, out + 3 * i, n);
   }
 }
 
@@ -225,9 +409,9 @@ void encodeValues(const float* in, float* out, std::size_t count) {
 
 // Pixels in [0, 1], the usual case, skip the steps that carry the curves beyond it; the result
 // is the same bit for bit.
-VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __restrict r,
-                                          float* __restrict g, float* __restrict b,
-                                          std::size_t count) {
+VORN_FMA_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __restrict r,
+                                              float* __restrict g, float* __restrict b,
+                                              std::size_t count) {
   if (allInUnitRange(in, 3 * count)) {
     for (std::size_t i = 0; i < count; ++i) {
       r[i] = srgbDecodeUnit(in[3 * i]);
@@ -244,22 +428,38 @@ VORN_DISPATCH void decodeToPlanesPortable(const float* __restrict in, float* __r
   }
 }
 
-VORN_DISPATCH void encodeFromPlanesPortable(const float* __restrict r, const float* __restrict g,
+namespace {
+
+template <bool Clip>
+VORN_FMA_DISPATCH void encodePlanesPortable(const float* __restrict r, const float* __restrict g,
                                             const float* __restrict b, float* __restrict out,
                                             std::size_t count) {
-  if (allInUnitRange(r, count) && allInUnitRange(g, count) && allInUnitRange(b, count)) {
+  const auto take = [](float v) { return clippedIf<Clip>(v); };
+  if (allInUnitRange(r, count, take) && allInUnitRange(g, count, take) &&
+      allInUnitRange(b, count, take)) {
     for (std::size_t i = 0; i < count; ++i) {
-      out[3 * i] = srgbEncodeUnit(r[i]);
-      out[3 * i + 1] = srgbEncodeUnit(g[i]);
-      out[3 * i + 2] = srgbEncodeUnit(b[i]);
+      out[3 * i] = srgbEncodeUnit(take(r[i]));
+      out[3 * i + 1] = srgbEncodeUnit(take(g[i]));
+      out[3 * i + 2] = srgbEncodeUnit(take(b[i]));
     }
     return;
   }
   const SrgbEncode encode;
   for (std::size_t i = 0; i < count; ++i) {
-    out[3 * i] = encode(r[i]);
-    out[3 * i + 1] = encode(g[i]);
-    out[3 * i + 2] = encode(b[i]);
+    out[3 * i] = encode(take(r[i]));
+    out[3 * i + 1] = encode(take(g[i]));
+    out[3 * i + 2] = encode(take(b[i]));
+  }
+}
+
+}  // namespace
+
+void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
+                              std::size_t count, bool clipBlack) {
+  if (clipBlack) {
+    encodePlanesPortable<true>(r, g, b, out, count);
+  } else {
+    encodePlanesPortable<false>(r, g, b, out, count);
   }
 }
 
@@ -282,32 +482,21 @@ VORN_DISPATCH void joinPlanes(const float* __restrict r, const float* __restrict
 }
 
 void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count) {
-  if (!hasAvx512()) {
+  if (hasAvx512()) {
+    decodeToPlanesAvx512(in, r, g, b, count);
+  } else {
     decodeToPlanesPortable(in, r, g, b, count);
-    return;
   }
-  splitToPlanes(in, r, g, b, count);
-  decodeValues(r, r, count);
-  decodeValues(g, g, count);
-  decodeValues(b, b, count);
 }
 
-void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
-                      std::size_t count) {
+void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
+                      bool clipBlack) {
   if (!hasAvx512()) {
-    encodeFromPlanesPortable(r, g, b, out, count);
-    return;
-  }
-  constexpr std::size_t kBlock = 256;
-  alignas(64) float er[kBlock];
-  alignas(64) float eg[kBlock];
-  alignas(64) float eb[kBlock];
-  for (std::size_t done = 0; done < count; done += kBlock) {
-    const std::size_t n = std::min(kBlock, count - done);
-    encodeValues(r + done, er, n);
-    encodeValues(g + done, eg, n);
-    encodeValues(b + done, eb, n);
-    joinPlanes(er, eg, eb, out + 3 * done, n);
+    encodeFromPlanesPortable(r, g, b, out, count, clipBlack);
+  } else if (clipBlack) {
+    encodeFromPlanesAvx512<true>(r, g, b, out, count);
+  } else {
+    encodeFromPlanesAvx512<false>(r, g, b, out, count);
   }
 }
 
@@ -317,6 +506,10 @@ void SrgbDecode::apply(const float* in, float* out, std::size_t count) const {
 
 void SrgbEncode::apply(const float* in, float* out, std::size_t count) const {
   encodeValues(in, out, count);
+}
+
+VORN_FMA_DISPATCH float SrgbTransfer::toLinear(float encoded) const {
+  return decode(encoded);
 }
 
 const SrgbTransfer& srgbTransfer() {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 // Colour maths of the point-wise colour effects. Pixels hold sRGB-encoded values (above 1 for
 // highlights); effects decode them to linear light through polynomial transfer curves and judge
@@ -96,24 +97,29 @@ inline float binadeScale(float t, float& f, const std::array<float, Bits>& steps
   return scale;
 }
 
-/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule; the vector passes repeat the same steps.
+/// c[0] u^(N-1) + ... + c[N-1] by Horner's rule, each step one fused multiply-add: rounded once on
+/// every CPU (in software where it lacks the instruction), so the vector passes give the same bits.
 template <std::size_t N>
 inline float horner(const std::array<float, N>& c, float u) {
   float p = c[0];
-  for (std::size_t k = 1; k < N; ++k) p = p * u + c[k];
+  // Unrolled by hand: left a loop around the call, it keeps the caller's loop from vectorising.
+#pragma GCC unroll 8
+  for (std::size_t k = 1; k < N; ++k) p = std::fma(p, u, c[k]);
   return p;
 }
 
 /// 2^-2.4, 2^-4.8, 2^-9.6: t at least 2^-5 leaves n below 8.
 inline constexpr std::array<float, 3> kDecodeSteps = {1.894645708e-01f, 3.589682359e-02f,
                                                       1.288581944e-03f};
-/// f^2.4 on [1, 2) in u = f - 1.5.
-inline constexpr std::array<float, 7> kDecodePolynomial = {
-    -1.148404387e-03f, 3.917631254e-03f, -1.755438233e-02f, 1.756061089e-01f,
-    1.975812494e+00f,  4.233885162e+00f, 2.646177801e+00f};
+/// (f / 1.055)^2.4 on [1, 2) in u = f - 1.5.
+inline constexpr std::array<float, 6> kDecodePolynomial = {3.689257661e-03f, -1.579320431e-02f,
+                                                           1.543556005e-01f, 1.737589836e+00f,
+                                                           3.723348618e+00f, 2.327089310e+00f};
 
-/// t^2.4 for t in [0.05, 1] by its binade and a degree-6 Chebyshev fit in the mantissa (relative
-/// error below 6e-7), with no divide, logarithm or exponential; finite for any t >= 0.
+/// (t / 1.055)^2.4 for t in [0.095, 1.055] by its binade and a degree-5 fit in the mantissa
+/// (relative error below 7e-7) by fused multiply-adds, with no divide, logarithm or exponential;
+/// finite for any t >= 0.
+/// Taking t = m + 0.055 spares the decoding a multiply by 1 / 1.055.
 inline float srgbDecodePower(float t) {
   float f;
   const float scale = binadeScale(t, f, kDecodeSteps);
@@ -123,24 +129,36 @@ inline float srgbDecodePower(float t) {
 /// 2^(-5/12), 2^(-10/12), 2^(-20/12), 2^(-40/12).
 inline constexpr std::array<float, 4> kEncodeSteps = {7.491535384e-01f, 5.612310242e-01f,
                                                       3.149802625e-01f, 9.921256575e-02f};
-/// f^(1/2.4) on [1, 2) in u = f - 1.5.
-inline constexpr std::array<float, 7> kEncodePolynomial = {
-    -2.691525734e-03f, 5.235440120e-03f, -9.645350204e-03f, 2.242407490e-02f,
-    -6.395487171e-02f, 3.289062385e-01f, 1.184053587e+00f};
+/// 1.055 f^(1/2.4) on [1, 1.5) in u = f - 1.25.
+inline constexpr std::array<float, 5> kEncodePolynomial = {
+    -2.054965310e-02f, 3.892344981e-02f, -9.001997858e-02f, 3.859174550e-01f, 1.157794714e+00f};
+/// 1.5^(1/2.4).
+inline constexpr float kEncodeUpperHalf = 1.184053587e+00f;
 
-/// t^(1/2.4) for t in [0.002, 1] the same way (relative error below 4e-7); finite for any t >= 0.
+/// binadeScale for the encoding's root, in half binades: f in [1.5, 2) is taken as f / 1.5 with
+/// the scale times 1.5^(1/2.4), so that f stays in [1, 1.5) where a degree-4 fit suffices.
+inline float encodeScale(float t, float& f) {
+  float scale = binadeScale(t, f, kEncodeSteps);
+  const bool upper = (std::bit_cast<std::uint32_t>(t) & 0x00400000u) != 0;
+  f = upper ? f * (2.0f / 3.0f) : f;
+  scale *= upper ? kEncodeUpperHalf : 1.0f;
+  return scale;
+}
+
+/// 1.055 t^(1/2.4) - 0.055 for t in [0.002, 1] the same way (error below 8e-7), with fused
+/// multiply-adds; finite for any t >= 0.
 inline float srgbEncodeRoot(float t) {
   float f;
-  const float scale = binadeScale(t, f, kEncodeSteps);
-  return horner(kEncodePolynomial, f - 1.5f) * scale;
+  const float scale = encodeScale(t, f);
+  return std::fma(horner(kEncodePolynomial, f - 1.25f), scale, -0.055f);
 }
 
 /// sRGB decoding of m in [0, 1]; SrgbDecode extends it to every value with the same steps, so
 /// a pass that knows its values lie there may skip the rest and still agree bit for bit.
 inline float srgbDecodeUnit(float m) {
-  // Computed for every value, so the select below needs no branch. Where the power is kept, t
-  // lies in [0.09, 1] (no float m up to 1 rounds above 1); elsewhere it is finite and unused.
-  const float power = srgbDecodePower((m + 0.055f) * (1.0f / 1.055f));
+  // Computed for every value, so the select below needs no branch. Where the power is kept, its
+  // argument lies in [0.095, 1.055]; elsewhere it is finite and unused.
+  const float power = srgbDecodePower(m + 0.055f);
   return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
 }
 
@@ -161,17 +179,19 @@ struct SrgbDecode {
 /// sRGB encoding of m in [0, 1], the steps SrgbEncode extends to every value.
 inline float srgbEncodeUnit(float m) {
   // Kept for m in (0.0031308, 1] only, within the root's range; finite and unused elsewhere.
-  const float root = 1.055f * srgbEncodeRoot(m) - 0.055f;
+  const float root = srgbEncodeRoot(m);
   return m <= 0.0031308f ? m * 12.92f : root;
 }
 
 /// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
+/// Infinities end at the largest float of their sign, so its results are always finite.
 struct SrgbEncode {
   float operator()(float x) const {
     float magnitude = std::fabs(x);
     magnitude = magnitude > 0.0f ? magnitude : 0.0f;
     float y = srgbEncodeUnit(magnitude);
     y = magnitude > 1.0f ? 1.0f + (magnitude - 1.0f) * (1.0f / kSrgbSlopeAtOne) : y;
+    y = y < std::numeric_limits<float>::max() ? y : std::numeric_limits<float>::max();
     return std::copysign(y, x);
   }
   /// out[i] = (*this)(in[i]) for count values, vectorised for the running CPU; in may be out.
@@ -181,7 +201,9 @@ struct SrgbEncode {
 /// The sRGB transfer curves. The straight lines above 1 are each other's inverse, so a decode
 /// followed by an encode returns the value whatever its range.
 struct SrgbTransfer {
-  float toLinear(float encoded) const { return decode(encoded); }
+  /// decode(encoded), out of line: a loop compiled for CPUs without fused multiply-adds would
+  /// call the library's for each of the curve's steps.
+  float toLinear(float encoded) const;
   float toEncoded(float linear) const { return encode(linear); }
 
   SrgbDecode decode;
@@ -193,15 +215,16 @@ const SrgbTransfer& srgbTransfer();
 
 /// Decodes count interleaved sRGB pixels into linear-light planes.
 void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
-/// Encodes linear-light planes into count interleaved sRGB pixels.
-void encodeFromPlanes(const float* r, const float* g, const float* b, float* out,
-                      std::size_t count);
+/// Encodes linear-light planes into count interleaved sRGB pixels; with clipBlack, negative
+/// values and NaN are first taken as 0.
+void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
+                      bool clipBlack = false);
 
-/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2); they
-/// give the same bits, which the tests check on any CPU.
+/// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2 with
+/// fused multiply-adds); they give the same bits, which the tests check on any CPU.
 void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
-                              std::size_t count);
+                              std::size_t count, bool clipBlack = false);
 
 /// Splits count interleaved pixels into planes as they are, and joins them back.
 void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
@@ -219,8 +242,10 @@ inline float fastCbrt(float x) {
   const auto third = static_cast<std::uint32_t>(static_cast<std::int32_t>(
       static_cast<float>(std::bit_cast<std::int32_t>(magnitude)) * (1.0f / 3.0f)));
   const float guess = std::bit_cast<float>(third + 0x2a514067u);
-  float y = (2.0f * guess + magnitude / (guess * guess)) * (1.0f / 3.0f);
-  y = (2.0f * y + magnitude / (y * y)) * (1.0f / 3.0f);
+  // Newton's step (2y + a / y^2) / 3 as 2y / 3 + (a / 3) / y^2: a multiply fewer.
+  const float aThird = magnitude * (1.0f / 3.0f);
+  float y = guess * (2.0f / 3.0f) + aThird / (guess * guess);
+  y = y * (2.0f / 3.0f) + aThird / (y * y);
   return std::copysign(y, x);
 }
 
@@ -308,6 +333,12 @@ inline Oklab linearToOklab(float r, float g, float b) {
 inline constexpr Matrix3 kLinearSrgbToLms{{0.4122214708f, 0.5363325363f, 0.0514459929f,
                                            0.2119034982f, 0.6806995451f, 0.1073969566f,
                                            0.0883024619f, 0.2817188376f, 0.6299787005f}};
+
+/// The cube roots of the cone responses toLms gives linear light r, g, b.
+inline LmsRoot lmsRootsOf(const Matrix3& toLms, float r, float g, float b) {
+  toLms.apply(r, g, b);
+  return LmsRoot::of(r, g, b);
+}
 
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
   LmsRoot::of(c).toLinear(r, g, b);
