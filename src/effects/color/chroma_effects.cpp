@@ -23,9 +23,9 @@ constexpr float kStrongChroma = 0.25f;
 struct VibranceWeight {
   detail::HueWindow skin{detail::wheelHue(25.0f), 35.0f};
   float operator()(float a, float b, float c) const {
-    float room = 1.0f - c * (1.0f / kStrongChroma);
+    float room = std::fma(c, -1.0f / kStrongChroma, 1.0f);
     room = room > 0.0f ? room : 0.0f;
-    return room * room * (1.0f - 0.7f * skin.weight(a, b, c));
+    return room * room * std::fma(-0.7f, skin.weight(a, b, c), 1.0f);
   }
 };
 
@@ -45,9 +45,10 @@ PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
   const float v = mappedValue(0, -1.0f, 0.0f, 1.0f);
   if (v == 0.0f) return nullptr;
   return detail::lmsRootKernel([v, weight = VibranceWeight{}](LmsRoot& roots) {
-    const Oklab lab = roots.oklab();
+    const Oklab lab = detail::fusedOklab(roots);
     // The weight lies in [0, 1] and v in [-1, 1]: the gain needs no clamp at 0.
-    roots.reshape(lab.L, 1.0f + v * weight(lab.a, lab.b, detail::chroma(lab)), lab.L);
+    const float gain = std::fma(v, weight(lab.a, lab.b, detail::fusedChroma(lab)), 1.0f);
+    detail::fusedReshape(roots, lab.L, gain, lab.L);
   });
 }
 
@@ -102,11 +103,15 @@ PointEffect::Kernel ColorContrastEffect::prepare(const Setup&) const {
   const float k = mappedValue(0, -0.8f, 0.0f, 1.5f);
   if (k == 0.0f) return nullptr;
   constexpr float kEdge = 0.3f;
+  // x (1 + k) / (1 + k |x| / edge), with 1 + k (at least 0.2) divided into the denominator.
   const float gain = 1.0f + k;
-  const float bend = k / kEdge;
-  return detail::oklabKernel([gain, bend](Oklab& lab) {
-    lab.a = lab.a * gain / (1.0f + bend * std::fabs(lab.a));
-    lab.b = lab.b * gain / (1.0f + bend * std::fabs(lab.b));
+  const float bend = k / kEdge / gain;
+  const float base = 1.0f / gain;
+  return detail::lmsRootKernel([bend, base](LmsRoot& roots) {
+    Oklab lab = detail::fusedOklab(roots);
+    lab.a = lab.a / std::fma(bend, std::fabs(lab.a), base);
+    lab.b = lab.b / std::fma(bend, std::fabs(lab.b), base);
+    roots = detail::fusedRootsOf(lab);
   });
 }
 
@@ -119,12 +124,14 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
   const detail::Matrix3 warm =
       warmth == 0.0f ? detail::Matrix3{}
                      : detail::adaptationToD65(detail::shiftedWhite(-40.0f * warmth, 0.0f));
-  return detail::lmsRootKernel(warm, [brilliance, weight = VibranceWeight{}](LmsRoot& roots) {
-    const Oklab lab = roots.oklab();
+  const float vibrance = 0.6f * brilliance;
+  const float lift = 0.25f * brilliance;
+  return detail::lmsRootKernel(warm, [vibrance, lift, weight = VibranceWeight{}](LmsRoot& roots) {
+    const Oklab lab = detail::fusedOklab(roots);
     // At least 0.4, as in vibrance: no clamp.
-    const float k = 1.0f + 0.6f * brilliance * weight(lab.a, lab.b, detail::chroma(lab));
+    const float k = std::fma(vibrance, weight(lab.a, lab.b, detail::fusedChroma(lab)), 1.0f);
     const float L = detail::intoUnitInterval(lab.L);
-    roots.reshape(lab.L, k, lab.L + 0.25f * brilliance * L * (1.0f - L));
+    detail::fusedReshape(roots, lab.L, k, std::fma(lift * L, 1.0f - L, lab.L));
   });
 }
 
