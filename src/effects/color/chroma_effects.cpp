@@ -130,7 +130,7 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
     const Oklab lab = detail::fusedOklab(roots);
     // At least 0.4, as in vibrance: no clamp.
     const float k = std::fma(vibrance, weight(lab.a, lab.b, detail::fusedChroma(lab)), 1.0f);
-    const float L = detail::intoUnitInterval(lab.L);
+    const float L = detail::unitClampBits(lab.L);
     detail::fusedReshape(roots, lab.L, k, std::fma(lift * L, 1.0f - L, lab.L));
   });
 }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 
 #include "core/dispatch.h"
@@ -304,6 +307,13 @@ inline void fusedAdd(LmsRoot& p, float w, const LmsRoot& d) {
   p.s = std::fma(w, d.s, p.s);
 }
 
+/// v clamped to [0, 1] (NaN to either end) by its bits: non-negative floats order as their bits
+/// do as integers. Two integer min/max, where GCC splits a float clamp into masked paths.
+inline float unitClampBits(float v) {
+  const std::int32_t bits = std::bit_cast<std::int32_t>(v);
+  return std::bit_cast<float>(std::min(std::max(bits, 0), std::bit_cast<std::int32_t>(1.0f)));
+}
+
 /// The cubic smooth step from edge0 to edge1, its scale folded once per call.
 struct FusedStep {
   FusedStep(float edge0, float edge1)
@@ -317,7 +327,7 @@ struct FusedStep {
     const float t = at(x);
     return std::fma(t * t, std::fma(2.0f, t, -3.0f), 1.0f);
   }
-  float at(float x) const { return intoUnitInterval(std::fma(x, scale, offset)); }
+  float at(float x) const { return unitClampBits(std::fma(x, scale, offset)); }
   float scale;
   float offset;
 };

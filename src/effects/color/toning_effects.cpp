@@ -72,7 +72,7 @@ PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   const float keep = 1.0f - amount;
   return detail::lmsRootKernel([amount, keep, tint](LmsRoot& roots) {
     const Oklab lab = detail::fusedOklab(roots);
-    const float L = detail::intoUnitInterval(lab.L);
+    const float L = detail::unitClampBits(lab.L);
     // The near-grey floor 0.14 L (1 - L), as 0.14 L - 0.14 L L in one fused step.
     const float scaled = 0.5f * kToneChroma * 4.0f * L;
     const float c = std::max(detail::fusedChroma(lab), std::fma(-scaled, L, scaled));
