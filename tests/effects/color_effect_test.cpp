@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -203,6 +204,57 @@ TEST(ColorSpaceTest, ConeRootShortcutsMatchTheTripThroughOklab) {
     EXPECT_NEAR(viaRoots[i].g, viaOklab[i].g, 3e-5f) << i;
     EXPECT_NEAR(viaRoots[i].b, viaOklab[i].b, 3e-5f) << i;
   }
+}
+
+TEST(ColorSpaceTest, FusedShortcutsAgreeWithThePlainOnesToRounding) {
+  const detail::LmsRoot tint = detail::LmsRoot::of(detail::Oklab{0.0f, 0.05f, -0.03f});
+  for (const float L : {0.0f, 0.45f, 1.2f}) {
+    for (const float a : {-0.25f, 0.02f, 0.2f}) {
+      const detail::Oklab lab{L, a, 0.3f - a};
+      const detail::LmsRoot roots = detail::LmsRoot::of(lab);
+      const detail::Oklab fused = detail::fusedOklab(roots);
+      EXPECT_NEAR(fused.L, L, 1e-6f);
+      EXPECT_NEAR(fused.a, lab.a, 1e-6f);
+      EXPECT_NEAR(fused.b, lab.b, 1e-6f);
+      EXPECT_NEAR(detail::fusedLightness(roots), L, 1e-6f);
+      EXPECT_NEAR(detail::fusedChroma(fused), detail::chroma(lab), 1e-6f);
+      const detail::LmsRoot back = detail::fusedRootsOf(fused);
+      EXPECT_NEAR(back.l, roots.l, 1e-6f);
+      EXPECT_NEAR(back.m, roots.m, 1e-6f);
+      EXPECT_NEAR(back.s, roots.s, 1e-6f);
+      detail::LmsRoot plain = roots;
+      detail::LmsRoot viaFma = roots;
+      plain.reshape(L, 1.3f, L - 0.1f);
+      plain.add(0.7f, tint);
+      detail::fusedReshape(viaFma, L, 1.3f, L - 0.1f);
+      detail::fusedAdd(viaFma, 0.7f, tint);
+      EXPECT_NEAR(viaFma.l, plain.l, 1e-6f);
+      EXPECT_NEAR(viaFma.m, plain.m, 1e-6f);
+      EXPECT_NEAR(viaFma.s, plain.s, 1e-6f);
+    }
+  }
+  // The steps follow smoothStep and its complement, flat outside their edges.
+  const detail::FusedStep step(0.35f, 0.8f);
+  for (int i = -4; i <= 24; ++i) {
+    const float x = static_cast<float>(i) / 20.0f;
+    EXPECT_NEAR(step(x), detail::smoothStep(0.35f, 0.8f, x), 1e-6f) << x;
+    EXPECT_NEAR(step.falling(x), 1.0f - detail::smoothStep(0.35f, 0.8f, x), 1e-6f) << x;
+  }
+  // The bit clamp is exact where it matters: both zeros, the subnormals, just inside and
+  // outside 1, the infinities; NaN lands on an end rather than passing through.
+  const float below = std::nextafter(1.0f, 0.0f);
+  const float tiny = std::numeric_limits<float>::denorm_min();
+  const float inf = std::numeric_limits<float>::infinity();
+  const std::vector<std::pair<float, float>> cases{
+      {-0.0f, 0.0f}, {tiny, tiny}, {-tiny, 0.0f}, {0.25f, 0.25f}, {below, below},
+      {1.0f, 1.0f},  {1.5f, 1.0f}, {-inf, 0.0f},  {inf, 1.0f},    {-3.0f, 0.0f}};
+  for (const auto& [in, out] : cases) {
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(detail::unitClampBits(in)),
+              std::bit_cast<std::uint32_t>(out))
+        << in;
+  }
+  const float nan = detail::unitClampBits(std::numeric_limits<float>::quiet_NaN());
+  EXPECT_TRUE(nan == 0.0f || nan == 1.0f);
 }
 
 TEST(ColorSpaceTest, ChannelCurvesKernelMatchesEachCurveAlsoInPlace) {
