@@ -155,10 +155,9 @@ class HueGains {
     pick(3);
     pick(4);
     pick(5);
-    // The place in the segment, from -1/2 at its start to 1/2 at its end.
-    float x = std::fma(angle, scale, shift);
-    x = x > -0.5f ? x : -0.5f;
-    x = x < 0.5f ? x : 0.5f;
+    // The place in the segment, from -1/2 at its start to 1/2 at its end; the picked segment
+    // holds the angle, so no clamp (a NaN angle comes with a NaN chroma, which decides).
+    const float x = std::fma(angle, scale, shift);
     // The raised cosine 0.5 - 0.5 cos(pi (x + 1/2)) less its middle, 0.5 sin(pi x), as an odd
     // polynomial (error below 4e-5, a tenth of what the hue angle's error makes).
     const float x2 = x * x;
