@@ -382,7 +382,9 @@ class HueWindow {
     // The step's scale is folded into the centre and the edge.
     // Fused multiply-adds: fewer vector instructions, and one rounding on every CPU.
     float t = std::fma(a, centre_.cosine, b * centre_.sine) / (c + 1e-12f) - edge_;
-    t = intoUnitInterval(t);
+    // At most 1 but for rounding, where the step is flat: only the low side (and NaN) is cut,
+    // as a second bound makes a chain of masked compares of the vector loops.
+    t = t > 0.0f ? t : 0.0f;
     float grey = c * (1.0f / kNeutralChroma);
     grey = grey < 1.0f ? grey : 1.0f;
     return t * t * std::fma(-2.0f, t, 3.0f) * grey;
