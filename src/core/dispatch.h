@@ -14,3 +14,13 @@
 #else
 #define VORN_DISPATCH_TEMPLATE VORN_DISPATCH
 #endif
+
+// Loops whose maths uses explicit fused multiply-adds: x86-64-v3 (AVX2 with FMA) and AVX-512
+// fuse them in hardware, older CPUs take the library's exact software steps, so every clone
+// rounds the same. Clang clones no templates, and its builds and the thread sanitizer's keep
+// the baseline loop.
+#if defined(__SANITIZE_THREAD__) || defined(__clang__)
+#define VORN_FMA_DISPATCH
+#else
+#define VORN_FMA_DISPATCH __attribute__((target_clones("avx512f", "arch=x86-64-v3", "default")))
+#endif

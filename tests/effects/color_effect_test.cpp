@@ -146,6 +146,50 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
   }
 }
 
+// The effects' per-pixel maths uses fused multiply-adds: the vector clone that runs here must
+// give the bits of the plain loop, whose fma is the library's exact one (as on CPUs without it),
+// in the vector body and in the tail, for any hue, grey and stray value.
+TEST(ColorSpaceTest, FusedPixelMathsIsTheSameInTheVectorCloneAndThePlainLoop) {
+  const detail::HueWindow window(detail::wheelHue(210.0f), 50.0f);
+  const auto adjust = [&window](float& a, float& b, float& c, std::size_t)
+      __attribute__((always_inline)) {
+    const float chroma = std::sqrt(std::fma(a, a, b * b));
+    const float angle = detail::fastAtan2(b, a);
+    a = std::fma(window.weight(a, b, chroma), angle, c);
+    b = angle;
+    c = chroma;
+  };
+  for (const std::size_t count : {std::size_t{1}, std::size_t{45}, std::size_t{512}}) {
+    std::vector<float> a(count), b(count), c(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const float hue = 0.37f * static_cast<float>(i);
+      const float radius = 0.003f * static_cast<float>(i % 97);
+      a[i] = radius * std::cos(hue);
+      b[i] = radius * std::sin(hue);
+      c[i] = 0.01f * static_cast<float>(i % 13);
+    }
+    a[0] = 0.0f;
+    b[0] = -0.0f;
+    if (count > 3) {
+      a[3] = std::nanf("");
+      b[2] = INFINITY;
+    }
+    auto va = a, vb = b, vc = c;
+    detail::adjustPlanes(adjust, va.data(), vb.data(), vc.data(), count);
+    for (std::size_t i = 0; i < count; ++i) {
+      adjust(a[i], b[i], c[i], i);
+      for (const auto& [x, y] : {std::pair{a[i], va[i]}, {b[i], vb[i]}, {c[i], vc[i]}}) {
+        if (std::isnan(x)) {
+          EXPECT_TRUE(std::isnan(y)) << count << " " << i;
+        } else {
+          ASSERT_EQ(std::bit_cast<std::uint32_t>(x), std::bit_cast<std::uint32_t>(y))
+              << count << " " << i;
+        }
+      }
+    }
+  }
+}
+
 // Channel curves run as one gathering loop; in place it must read each pixel before writing it.
 // Effects linear in Oklab skip (L, a, b) and act on the cone roots: the shortcuts must agree
 // with the trip through Oklab to within float rounding.

@@ -17,11 +17,11 @@
 // (or to Oklab) with the shared tables, changes the colour and encodes again.
 namespace vorn::detail {
 
-/// adjust(r[i], g[i], b[i], i) for every i below count, cloned for the wider vector units.
+/// adjust(r[i], g[i], b[i], i) for every i below count, cloned for the wider vector units
+/// (with the fused multiply-adds the closures use in hardware).
 template <typename Adjust>
-VORN_DISPATCH_TEMPLATE void adjustPlanes(const Adjust& adjust, float* __restrict r,
-                                         float* __restrict g, float* __restrict b,
-                                         std::size_t count) {
+VORN_FMA_DISPATCH void adjustPlanes(const Adjust& adjust, float* __restrict r, float* __restrict g,
+                                    float* __restrict b, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i], i);
 }
 

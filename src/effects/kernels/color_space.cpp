@@ -52,15 +52,6 @@ float linearToSrgbExact(float linear) {
   return linear <= 0.0031308f ? 12.92f * linear : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
-// The curves' fused multiply-adds (horner) on x86-64-v3 (AVX2 with FMA) and AVX-512
-// CPUs; older ones take the library's exact software steps. Clang clones no templates, and its
-// builds (fuzzing) and the thread sanitizer's keep the baseline loop.
-#if defined(__SANITIZE_THREAD__) || defined(__clang__)
-#define VORN_FMA_DISPATCH
-#else
-#define VORN_FMA_DISPATCH __attribute__((target_clones("avx512f", "arch=x86-64-v3", "default")))
-#endif
-
 namespace {
 
 // One plain loop each, cloned for the wider vector units.

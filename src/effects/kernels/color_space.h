@@ -255,7 +255,8 @@ inline float fastAtan2(float y, float x) {
   const float ay = std::fabs(y);
   const float ratio = (ax < ay ? ax : ay) / ((ax > ay ? ax : ay) + 1e-30f);
   const float s = ratio * ratio;
-  float r = (((-0.0464964749f * s + 0.15931422f) * s - 0.327622764f) * s) * ratio + ratio;
+  float r = std::fma(std::fma(std::fma(-0.0464964749f, s, 0.15931422f), s, -0.327622764f) * s,
+                     ratio, ratio);
   r = ay > ax ? 1.57079637f - r : r;
   r = x < 0.0f ? 3.14159274f - r : r;
   return y < 0.0f ? -r : r;
@@ -379,11 +380,14 @@ class HueWindow {
   /// The window's weight for (a, b) of chroma c, faded out towards grey.
   float weight(float a, float b, float c) const {
     // The step's scale is folded into the centre and the edge.
-    float t = (a * centre_.cosine + b * centre_.sine) / (c + 1e-12f) - edge_;
-    t = intoUnitInterval(t);
+    // Fused multiply-adds: fewer vector instructions, and one rounding on every CPU.
+    float t = std::fma(a, centre_.cosine, b * centre_.sine) / (c + 1e-12f) - edge_;
+    // At most 1 but for rounding, where the step is flat: only the low side (and NaN) is cut,
+    // as a second bound makes a chain of masked compares of the vector loops.
+    t = t > 0.0f ? t : 0.0f;
     float grey = c * (1.0f / kNeutralChroma);
     grey = grey < 1.0f ? grey : 1.0f;
-    return t * t * (3.0f - 2.0f * t) * grey;
+    return t * t * std::fma(-2.0f, t, 3.0f) * grey;
   }
 
  private:
