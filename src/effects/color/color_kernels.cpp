@@ -14,32 +14,6 @@ std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab) {
   return lmsRootKernel([onRoots](LmsRoot& p) { onRoots.apply(p.l, p.m, p.s); });
 }
 
-namespace {
-
-// The tables come by value: read through a closure, they could change with every float stored,
-// and the loop would stay scalar.
-VORN_DISPATCH void applyChannelCurves(const float* in, float* out, std::size_t count,
-                                      ChannelCurve::Table red, ChannelCurve::Table green,
-                                      ChannelCurve::Table blue) {
-  // Each pixel reads only itself, in place too.
-#pragma GCC ivdep
-  for (std::size_t i = 0; i < count; ++i) {
-    out[3 * i] = red(in[3 * i]);
-    out[3 * i + 1] = green(in[3 * i + 1]);
-    out[3 * i + 2] = blue(in[3 * i + 2]);
-  }
-}
-
-}  // namespace
-
-std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves) {
-  return rowKernel([curves = std::move(curves)](const PixelRGB<float>* in, PixelRGB<float>* out,
-                                                std::size_t count) {
-    applyChannelCurves(&in->r, &out->r, count, curves[0].table(), curves[1].table(),
-                       curves[2].table());
-  });
-}
-
 std::array<float, 3> glassTransmission(float degrees, float density) {
   const std::array<float, 3> glass = wheelColor(degrees);
   std::array<float, 3> t{};

@@ -195,18 +195,6 @@ inline float chroma(const Oklab& lab) {
   return std::sqrt(lab.a * lab.a + lab.b * lab.b);
 }
 
-/// (a, b) scaled by k, never below 0.
-inline void scaleChroma(Oklab& lab, float k) {
-  k = k > 0.0f ? k : 0.0f;
-  lab.a *= k;
-  lab.b *= k;
-}
-
-/// The roots with Oklab chroma scaled by k, never below 0, and lightness L (their own) kept.
-inline void scaleChroma(LmsRoot& roots, float L, float k) {
-  roots.reshape(L, k > 0.0f ? k : 0.0f, L);
-}
-
 /// A per-value curve on [0, 1] for one channel, continued above 1 along its end slope.
 class ChannelCurve {
  public:
@@ -237,9 +225,6 @@ class ChannelCurve {
   float atOne_;
   float slope_;
 };
-
-/// One curve per channel on the encoded values.
-std::unique_ptr<RowKernel> channelCurvesKernel(std::array<ChannelCurve, 3> curves);
 
 /// Per-channel transmission of a coloured glass of the wheel hue `degrees` at `density` (0 is
 /// clear glass, 1 passes only the hue's own colour), for linear light.

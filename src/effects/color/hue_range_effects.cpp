@@ -17,29 +17,6 @@ using detail::Oklab;
 
 namespace {
 
-// The closures' maths in fused multiply-adds: the pixel loops' cost follows their count of vector
-// instructions, and a fused step rounds once whichever CPU clone runs it.
-
-/// Oklab of the roots.
-inline Oklab oklabOf(const LmsRoot& p) {
-  const auto& m = detail::kLmsRootToOklab.m;
-  return {std::fma(m[0], p.l, std::fma(m[1], p.m, m[2] * p.s)),
-          std::fma(m[3], p.l, std::fma(m[4], p.m, m[5] * p.s)),
-          std::fma(m[6], p.l, std::fma(m[7], p.m, m[8] * p.s))};
-}
-
-inline float chromaOf(const Oklab& lab) {
-  return std::sqrt(std::fma(lab.a, lab.a, lab.b * lab.b));
-}
-
-/// LmsRoot::reshape: chroma times gain, lightness moved from L to newL.
-inline void reshape(LmsRoot& p, float L, float gain, float newL) {
-  const float grey = std::fma(-gain, L, newL);
-  p.l = std::fma(gain, p.l, grey);
-  p.m = std::fma(gain, p.m, grey);
-  p.s = std::fma(gain, p.s, grey);
-}
-
 /// The Oklab lightness change a hue-keyed effect makes at full weight, by contrast about the
 /// middle of the range; k in [-0.5, 0.5] keeps the curve rising and 0 and 1 fixed.
 inline float lightnessContrast(float L, float k) {
@@ -60,11 +37,12 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float darker = 0.3f * amount;
   return detail::lmsRootKernel(
       [richer, deeper, darker, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
-        const Oklab lab = oklabOf(roots);
-        const float w = sky.weight(lab.a, lab.b, chromaOf(lab));
+        const Oklab lab = detail::fusedOklab(roots);
+        const float w = sky.weight(lab.a, lab.b, detail::fusedChroma(lab));
         // The gain is at least 1: no clamp.
-        reshape(roots, lab.L, std::fma(deeper, w, richer),
-                lab.L * std::fma(-darker * w, detail::smoothStep(0.3f, 0.85f, lab.L), 1.0f));
+        detail::fusedReshape(
+            roots, lab.L, std::fma(deeper, w, richer),
+            lab.L * std::fma(-darker * w, detail::smoothStep(0.3f, 0.85f, lab.L), 1.0f));
       });
 }
 
@@ -76,9 +54,10 @@ PointEffect::Kernel FoliageEnhanceEffect::prepare(const Setup&) const {
   const float lighter = 0.06f * amount;
   return detail::lmsRootKernel(
       [richer, lighter, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](LmsRoot& roots) {
-        const Oklab lab = oklabOf(roots);
-        const float w = leaves.weight(lab.a, lab.b, chromaOf(lab));
-        reshape(roots, lab.L, std::fma(richer, w, 1.0f), lab.L * std::fma(lighter, w, 1.0f));
+        const Oklab lab = detail::fusedOklab(roots);
+        const float w = leaves.weight(lab.a, lab.b, detail::fusedChroma(lab));
+        detail::fusedReshape(roots, lab.L, std::fma(richer, w, 1.0f),
+                             lab.L * std::fma(lighter, w, 1.0f));
       });
 }
 
@@ -88,15 +67,16 @@ PointEffect::Kernel ContrastColorRangeEffect::prepare(const Setup&) const {
   if (k == 0.0f) return nullptr;
   const float hue = mappedValue(1, 0.0f, 180.0f, 360.0f);
   const float halfWidth = mappedValue(2, 10.0f, 65.0f, 120.0f);
-  return detail::lmsRootKernel([k, range = HueWindow(detail::wheelHue(hue), halfWidth)](
-                                   LmsRoot& roots) {
-    const Oklab lab = oklabOf(roots);
-    // A lightness change moves the three roots alike.
-    const float change = range.weight(lab.a, lab.b, chromaOf(lab)) * lightnessContrast(lab.L, k);
-    roots.l += change;
-    roots.m += change;
-    roots.s += change;
-  });
+  return detail::lmsRootKernel(
+      [k, range = HueWindow(detail::wheelHue(hue), halfWidth)](LmsRoot& roots) {
+        const Oklab lab = detail::fusedOklab(roots);
+        // A lightness change moves the three roots alike.
+        const float change =
+            range.weight(lab.a, lab.b, detail::fusedChroma(lab)) * lightnessContrast(lab.L, k);
+        roots.l += change;
+        roots.m += change;
+        roots.s += change;
+      });
 }
 
 namespace {
@@ -194,10 +174,10 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   const float perChroma = amount / kFullMixChroma;
   return detail::lmsRootKernel(
       [amount, keep, perChroma, gains = HueGains(sliders)](LmsRoot& roots) {
-        const Oklab lab = oklabOf(roots);
-        const float strength = std::min(chromaOf(lab) * perChroma, amount);
+        const Oklab lab = detail::fusedOklab(roots);
+        const float strength = std::min(detail::fusedChroma(lab) * perChroma, amount);
         const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
-        reshape(roots, lab.L, keep, std::fma(lab.L, change, lab.L));
+        detail::fusedReshape(roots, lab.L, keep, std::fma(lab.L, change, lab.L));
       });
 }
 

@@ -86,7 +86,7 @@ namespace {
 /// Weighted sums over count pixels for the grey-world means: weight times each channel's linear
 /// light, and the weight. Pixels near neutral weigh most (strongly coloured subjects say little
 /// about the light); clipped, black and NaN pixels weigh nothing.
-VORN_DISPATCH std::array<float, 4> nearNeutralSums(const float* pixels, int samples) {
+VORN_FMA_DISPATCH std::array<float, 4> nearNeutralSums(const float* pixels, int samples) {
   // Sixteen running sums each: a float sum over one running total would not vectorise.
   constexpr int kLanes = 16;
   float sums[4][kLanes] = {};
