@@ -113,20 +113,6 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
-/// The pixel's linear light through toLms to its cone roots, adjust(LmsRoot&) and back.
-template <typename Adjust>
-__attribute__((always_inline)) inline void throughLmsRoots(const Matrix3& toLms,
-                                                           const Adjust& adjust, float& r, float& g,
-                                                           float& b) {
-  LmsRoot roots = lmsRootsOf(toLms, r, g, b);
-  adjust(roots);
-  roots.toLinear(r, g, b);
-  // Colours pushed outside the gamut are clipped at black rather than left negative.
-  r = r > 0.0f ? r : 0.0f;
-  g = g > 0.0f ? g : 0.0f;
-  b = b > 0.0f ? b : 0.0f;
-}
-
 /// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light. Its
 /// three steps run as three loops over the block: one loop with all of them in each pixel is a
 /// dependency chain too long for the CPU to overlap pixels, and runs slower.
