@@ -108,7 +108,7 @@ template <typename Curve>
 VORN_DISPATCH_TEMPLATE void applyCurves(const float* in, float* out, std::size_t count, Curve red,
                                         Curve green, Curve blue) {
   // Each pixel reads only itself, in place too.
-#pragma GCC ivdep
+  VORN_IVDEP
   for (std::size_t i = 0; i < count; ++i) {
     out[3 * i] = red(in[3 * i]);
     out[3 * i + 1] = green(in[3 * i + 1]);

@@ -18,7 +18,7 @@ VORN_DISPATCH_TEMPLATE void clonedLoop(const Body& body, std::size_t count) {
 /// no iteration writes what another reads, which the vectoriser cannot check for a gather.
 template <typename Body>
 VORN_DISPATCH_TEMPLATE void clonedTableLoop(const Body& body, std::size_t count) {
-#pragma GCC ivdep
+  VORN_IVDEP
   for (std::size_t i = 0; i < count; ++i) body(i);
 }
 

@@ -39,7 +39,7 @@ VORN_DISPATCH bool scaleOnOneSegment(const float* __restrict in, float* __restri
       const float x = in[3 * i + c];
       float t;
       const bool fast = onOneSegment(x, gain[i], root[i], t);
-      out[3 * i + c] = fast & scaled ? t : x;
+      out[3 * i + c] = (fast & scaled) ? t : x;
       missed |= static_cast<std::int32_t>(!fast & scaled);
     }
   }
