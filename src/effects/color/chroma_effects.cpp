@@ -45,10 +45,10 @@ PointEffect::Kernel VibranceEffect::prepare(const Setup&) const {
   const float v = mappedValue(0, -1.0f, 0.0f, 1.0f);
   if (v == 0.0f) return nullptr;
   return detail::lmsRootKernel([v, weight = VibranceWeight{}](LmsRoot& roots) {
-    const Oklab lab = detail::fusedOklab(roots);
+    const Oklab lab = roots.oklab();
     // The weight lies in [0, 1] and v in [-1, 1]: the gain needs no clamp at 0.
-    const float gain = std::fma(v, weight(lab.a, lab.b, detail::fusedChroma(lab)), 1.0f);
-    detail::fusedReshape(roots, lab.L, gain, lab.L);
+    const float gain = std::fma(v, weight(lab.a, lab.b, detail::chroma(lab)), 1.0f);
+    roots.reshape(lab.L, gain, lab.L);
   });
 }
 
@@ -108,10 +108,10 @@ PointEffect::Kernel ColorContrastEffect::prepare(const Setup&) const {
   const float bend = k / kEdge / gain;
   const float base = 1.0f / gain;
   return detail::lmsRootKernel([bend, base](LmsRoot& roots) {
-    Oklab lab = detail::fusedOklab(roots);
+    Oklab lab = roots.oklab();
     lab.a = lab.a / std::fma(bend, std::fabs(lab.a), base);
     lab.b = lab.b / std::fma(bend, std::fabs(lab.b), base);
-    roots = detail::fusedRootsOf(lab);
+    roots = LmsRoot::of(lab);
   });
 }
 
@@ -127,11 +127,11 @@ PointEffect::Kernel BrillianceWarmthEffect::prepare(const Setup&) const {
   const float vibrance = 0.6f * brilliance;
   const float lift = 0.25f * brilliance;
   return detail::lmsRootKernel(warm, [vibrance, lift, weight = VibranceWeight{}](LmsRoot& roots) {
-    const Oklab lab = detail::fusedOklab(roots);
+    const Oklab lab = roots.oklab();
     // At least 0.4, as in vibrance: no clamp.
-    const float k = std::fma(vibrance, weight(lab.a, lab.b, detail::fusedChroma(lab)), 1.0f);
+    const float k = std::fma(vibrance, weight(lab.a, lab.b, detail::chroma(lab)), 1.0f);
     const float L = detail::unitClampBits(lab.L);
-    detail::fusedReshape(roots, lab.L, k, std::fma(lift * L, 1.0f - L, lab.L));
+    roots.reshape(lab.L, k, std::fma(lift * L, 1.0f - L, lab.L));
   });
 }
 

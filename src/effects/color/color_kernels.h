@@ -87,20 +87,6 @@ std::unique_ptr<RowKernel> linearKernel(Adjust adjust) {
       });
 }
 
-/// linearKernel with adjust forced inline. GCC may leave a large closure called per pixel from
-/// the vector clones, which then run scalar; but forced early, a closure that reads a table
-/// (BWChannels) no longer vectorises, so the plain one stays for those.
-template <typename Adjust>
-std::unique_ptr<RowKernel> inlinedLinearKernel(Adjust adjust) {
-  return finiteRowKernel(
-      [adjust](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-        adjustLinear(
-            [&adjust](float& r, float& g, float& b, std::size_t)
-                __attribute__((always_inline)) { adjust(r, g, b); },
-            in, out, count);
-      });
-}
-
 /// adjust(r, g, b) on the encoded values of every pixel, vectorised like linearKernel.
 template <typename Adjust>
 std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
@@ -176,9 +162,9 @@ std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
 /// A fixed linear map of Oklab on every pixel, folded per call into one matrix on its roots.
 std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab);
 
-/// Oklab chroma of (a, b).
+/// Oklab chroma of (a, b), with a fused multiply-add like LmsRoot's conversions.
 inline float chroma(const Oklab& lab) {
-  return std::sqrt(lab.a * lab.a + lab.b * lab.b);
+  return std::sqrt(std::fma(lab.a, lab.a, lab.b * lab.b));
 }
 
 /// A per-value curve on [0, 1] for one channel, continued above 1 along its end slope.
@@ -230,53 +216,6 @@ Matrix3 adaptationToD65(std::array<float, 2> white);
 /// XYZ is toXyz.
 Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
                            std::array<float, 2> target);
-
-// The closures below use explicit fused multiply-adds: fewer vector instructions, and they
-// round once on every CPU, so the clones stay bit-identical with contraction off.
-
-/// Oklab of the roots, by fused multiply-adds.
-inline Oklab fusedOklab(const LmsRoot& p) {
-  const auto row = [&p](std::size_t i) {
-    const std::array<float, 9>& m = kLmsRootToOklab.m;
-    return std::fma(m[i], p.l, std::fma(m[i + 1], p.m, m[i + 2] * p.s));
-  };
-  return {row(0), row(3), row(6)};
-}
-
-/// Oklab lightness of the roots alone, by fused multiply-adds.
-inline float fusedLightness(const LmsRoot& p) {
-  const std::array<float, 9>& m = kLmsRootToOklab.m;
-  return std::fma(m[0], p.l, std::fma(m[1], p.m, m[2] * p.s));
-}
-
-/// The roots of an Oklab colour, by fused multiply-adds (the matrix's first column is all ones).
-inline LmsRoot fusedRootsOf(const Oklab& c) {
-  const auto row = [&c](std::size_t i) {
-    const std::array<float, 9>& m = kOklabToLmsRoot.m;
-    return std::fma(m[i + 1], c.a, std::fma(m[i + 2], c.b, c.L));
-  };
-  return {row(0), row(3), row(6)};
-}
-
-/// Oklab chroma of (a, b), fused.
-inline float fusedChroma(const Oklab& lab) {
-  return std::sqrt(std::fma(lab.a, lab.a, lab.b * lab.b));
-}
-
-/// LmsRoot::reshape by fused multiply-adds.
-inline void fusedReshape(LmsRoot& p, float L, float gain, float newL) {
-  const float grey = std::fma(-gain, L, newL);
-  p.l = std::fma(gain, p.l, grey);
-  p.m = std::fma(gain, p.m, grey);
-  p.s = std::fma(gain, p.s, grey);
-}
-
-/// LmsRoot::add by fused multiply-adds.
-inline void fusedAdd(LmsRoot& p, float w, const LmsRoot& d) {
-  p.l = std::fma(w, d.l, p.l);
-  p.m = std::fma(w, d.m, p.m);
-  p.s = std::fma(w, d.s, p.s);
-}
 
 /// v clamped to [0, 1] (NaN to either end) by its bits: non-negative floats order as their bits
 /// do as integers. Two integer min/max, where GCC splits a float clamp into masked paths.

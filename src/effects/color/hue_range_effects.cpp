@@ -37,12 +37,11 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float darker = 0.3f * amount;
   return detail::lmsRootKernel(
       [richer, deeper, darker, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
-        const Oklab lab = detail::fusedOklab(roots);
-        const float w = sky.weight(lab.a, lab.b, detail::fusedChroma(lab));
+        const Oklab lab = roots.oklab();
+        const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
         // The gain is at least 1: no clamp.
-        detail::fusedReshape(
-            roots, lab.L, std::fma(deeper, w, richer),
-            lab.L * std::fma(-darker * w, detail::smoothStep(0.3f, 0.85f, lab.L), 1.0f));
+        roots.reshape(lab.L, std::fma(deeper, w, richer),
+                      lab.L * std::fma(-darker * w, detail::smoothStep(0.3f, 0.85f, lab.L), 1.0f));
       });
 }
 
@@ -54,10 +53,9 @@ PointEffect::Kernel FoliageEnhanceEffect::prepare(const Setup&) const {
   const float lighter = 0.06f * amount;
   return detail::lmsRootKernel(
       [richer, lighter, leaves = HueWindow(detail::wheelHue(95.0f), 45.0f)](LmsRoot& roots) {
-        const Oklab lab = detail::fusedOklab(roots);
-        const float w = leaves.weight(lab.a, lab.b, detail::fusedChroma(lab));
-        detail::fusedReshape(roots, lab.L, std::fma(richer, w, 1.0f),
-                             lab.L * std::fma(lighter, w, 1.0f));
+        const Oklab lab = roots.oklab();
+        const float w = leaves.weight(lab.a, lab.b, detail::chroma(lab));
+        roots.reshape(lab.L, std::fma(richer, w, 1.0f), lab.L * std::fma(lighter, w, 1.0f));
       });
 }
 
@@ -69,10 +67,10 @@ PointEffect::Kernel ContrastColorRangeEffect::prepare(const Setup&) const {
   const float halfWidth = mappedValue(2, 10.0f, 65.0f, 120.0f);
   return detail::lmsRootKernel(
       [k, range = HueWindow(detail::wheelHue(hue), halfWidth)](LmsRoot& roots) {
-        const Oklab lab = detail::fusedOklab(roots);
+        const Oklab lab = roots.oklab();
         // A lightness change moves the three roots alike.
         const float change =
-            range.weight(lab.a, lab.b, detail::fusedChroma(lab)) * lightnessContrast(lab.L, k);
+            range.weight(lab.a, lab.b, detail::chroma(lab)) * lightnessContrast(lab.L, k);
         roots.l += change;
         roots.m += change;
         roots.s += change;
@@ -174,10 +172,10 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   const float perChroma = amount / kFullMixChroma;
   return detail::lmsRootKernel(
       [amount, keep, perChroma, gains = HueGains(sliders)](LmsRoot& roots) {
-        const Oklab lab = detail::fusedOklab(roots);
-        const float strength = std::min(detail::fusedChroma(lab) * perChroma, amount);
+        const Oklab lab = roots.oklab();
+        const float strength = std::min(detail::chroma(lab) * perChroma, amount);
         const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
-        detail::fusedReshape(roots, lab.L, keep, std::fma(lab.L, change, lab.L));
+        roots.reshape(lab.L, keep, std::fma(lab.L, change, lab.L));
       });
 }
 

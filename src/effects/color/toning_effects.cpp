@@ -30,9 +30,9 @@ LmsRoot toneOffset(float degrees, float chroma) {
 std::unique_ptr<detail::RowKernel> splitToneKernel(LmsRoot highlights, LmsRoot shadows,
                                                    float balance) {
   return detail::lmsRootKernel([=, ranges = detail::ToneRanges(balance)](LmsRoot& roots) {
-    const float L = detail::fusedLightness(roots);
-    detail::fusedAdd(roots, ranges.highlights(L), highlights);
-    detail::fusedAdd(roots, ranges.shadows(L), shadows);
+    const float L = roots.lightness();
+    roots.add(ranges.highlights(L), highlights);
+    roots.add(ranges.shadows(L), shadows);
   });
 }
 
@@ -71,13 +71,13 @@ PointEffect::Kernel ColorsTintEffect::prepare(const Setup&) const {
   const LmsRoot tint = toneOffset(mappedValue(1, 0.0f, 180.0f, 360.0f), 1.0f);
   const float keep = 1.0f - amount;
   return detail::lmsRootKernel([amount, keep, tint](LmsRoot& roots) {
-    const Oklab lab = detail::fusedOklab(roots);
+    const Oklab lab = roots.oklab();
     const float L = detail::unitClampBits(lab.L);
     // The near-grey floor 0.14 L (1 - L), as 0.14 L - 0.14 L L in one fused step.
     const float scaled = 0.5f * kToneChroma * 4.0f * L;
-    const float c = std::max(detail::fusedChroma(lab), std::fma(-scaled, L, scaled));
-    detail::fusedReshape(roots, lab.L, keep, lab.L);
-    detail::fusedAdd(roots, amount * c, tint);
+    const float c = std::max(detail::chroma(lab), std::fma(-scaled, L, scaled));
+    roots.reshape(lab.L, keep, lab.L);
+    roots.add(amount * c, tint);
   });
 }
 

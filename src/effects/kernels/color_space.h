@@ -281,32 +281,40 @@ struct LmsRoot {
 
   /// The roots of cone responses l, m, s.
   static LmsRoot of(float l, float m, float s) { return {fastCbrt(l), fastCbrt(m), fastCbrt(s)}; }
+  // Fused multiply-adds throughout: they run in the effects' pixel loops, where they take fewer
+  // vector instructions and round once on every CPU, so the clones stay bit-identical.
   static LmsRoot of(const Oklab& c) {
-    LmsRoot p{c.L, c.a, c.b};
-    kOklabToLmsRoot.apply(p.l, p.m, p.s);
-    return p;
+    // The matrix's first column is all ones.
+    const auto row = [&c](std::size_t i) {
+      const std::array<float, 9>& k = kOklabToLmsRoot.m;
+      return std::fma(k[i + 1], c.a, std::fma(k[i + 2], c.b, c.L));
+    };
+    return {row(0), row(3), row(6)};
   }
   Oklab oklab() const {
-    Oklab c{l, m, s};
-    kLmsRootToOklab.apply(c.L, c.a, c.b);
-    return c;
+    const auto row = [this](std::size_t i) {
+      const std::array<float, 9>& k = kLmsRootToOklab.m;
+      return std::fma(k[i], l, std::fma(k[i + 1], m, k[i + 2] * s));
+    };
+    return {row(0), row(3), row(6)};
   }
   /// Oklab lightness alone: one row of the matrix.
   float lightness() const {
-    return kLmsRootToOklab.m[0] * l + kLmsRootToOklab.m[1] * m + kLmsRootToOklab.m[2] * s;
+    const std::array<float, 9>& k = kLmsRootToOklab.m;
+    return std::fma(k[0], l, std::fma(k[1], m, k[2] * s));
   }
   /// The colour with Oklab chroma times gain and lightness moved from L to newL (L its own).
   void reshape(float L, float gain, float newL) {
-    const float grey = newL - gain * L;
-    l = gain * l + grey;
-    m = gain * m + grey;
-    s = gain * s + grey;
+    const float grey = std::fma(-gain, L, newL);
+    l = std::fma(gain, l, grey);
+    m = std::fma(gain, m, grey);
+    s = std::fma(gain, s, grey);
   }
   /// The colour moved by w times the Oklab difference whose roots' difference is d.
   void add(float w, const LmsRoot& d) {
-    l += w * d.l;
-    m += w * d.m;
-    s += w * d.s;
+    l = std::fma(w, d.l, l);
+    m = std::fma(w, d.m, m);
+    s = std::fma(w, d.s, s);
   }
   /// Linear sRGB of the roots.
   void toLinear(float& r, float& g, float& b) const {
