@@ -137,6 +137,19 @@ TEST(ColorSpaceTest, PlanePassesAgreeWithThePerValueCurvesBitForBit) {
           }
         }
       }
+      // A neutral grey from one plane: the clipped encoding of its value in all three channels.
+      using EncodeGrey = void (*)(const float*, float*, std::size_t);
+      for (const EncodeGrey encodeGrey :
+           {detail::encodeGreyFromPlane, detail::encodeGreyFromPlanePortable}) {
+        detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
+        encodeGrey(g.data(), back.data(), count);
+        for (std::size_t i = 0; i < back.size(); ++i) {
+          const float linear = pixels[3 * (i / 3) + 1];
+          ASSERT_EQ(std::bit_cast<std::uint32_t>(back[i]),
+                    std::bit_cast<std::uint32_t>(encode(linear > 0.0f ? linear : 0.0f)))
+              << count << " " << linear;
+        }
+      }
       detail::splitToPlanes(pixels.data(), r.data(), g.data(), b.data(), count);
       detail::joinPlanes(r.data(), g.data(), b.data(), back.data(), count);
       for (std::size_t i = 0; i < back.size(); ++i) {
@@ -404,7 +417,14 @@ TEST(ColorEffectTest, HueKeyedEffectsActOnTheirHuesOnly) {
   auto source = rowOf({red, green, sky});
   auto bw = renderWith("VORNBWChannelsEffect", {100, 100, 0, 0, 0, 0, 0}, source);
   auto flat = renderWith("VORNBWChannelsEffect", {100, 0, 0, 0, 0, 0, 0}, source);
-  EXPECT_LT(spread(bw->at(0, 0)), 2e-4f);
+  // The full mix is neutral exactly; just short of it, it is the grey with a trace of colour.
+  auto almost = renderWith("VORNBWChannelsEffect", {99, 100, 0, 0, 0, 0, 0}, source);
+  for (int x = 0; x < 3; ++x) {
+    EXPECT_EQ(spread(bw->at(x, 0)), 0.0f) << x;
+    EXPECT_GT(spread(almost->at(x, 0)), 1e-3f) << x;
+    EXPECT_LT(spread(almost->at(x, 0)), 0.03f) << x;
+    EXPECT_NEAR(almost->at(x, 0).g, bw->at(x, 0).g, 0.02f) << x;
+  }
   EXPECT_GT(bw->at(0, 0).g, flat->at(0, 0).g + 0.05f);
   EXPECT_NEAR(bw->at(1, 0).g, flat->at(1, 0).g, 1e-3f);
 

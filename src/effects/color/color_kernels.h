@@ -25,12 +25,17 @@ VORN_FMA_DISPATCH void adjustPlanes(const Adjust& adjust, float* __restrict r, f
   for (std::size_t i = 0; i < count; ++i) adjust(r[i], g[i], b[i], i);
 }
 
+/// What the passes leave in the planes, for forPlaneBlocks to write: the pixels' values, the same
+/// clipped at black, or a neutral grey's value in plane r alone (encoded once, clipped at black).
+enum class PlaneResult { Values, ClippedValues, GreyInR };
+
 /// passes(r, g, b, n, first) on the planes of count pixels in blocks of n that stay in L1, first
 /// the block's index counted from in: linear light when Linear, else the values as they are.
-/// ClipBlack clips the linear light passes leave at black before encoding it. in may be out.
-template <bool Linear, bool ClipBlack = false, typename Passes>
+/// in may be out.
+template <bool Linear, PlaneResult Result = PlaneResult::Values, typename Passes>
 void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<float>* out,
                     std::size_t count) {
+  static_assert(Linear || Result == PlaneResult::Values);
   constexpr std::size_t kBlock = 512;
   alignas(64) float r[kBlock];
   alignas(64) float g[kBlock];
@@ -43,8 +48,10 @@ void forPlaneBlocks(const Passes& passes, const PixelRGB<float>* in, PixelRGB<fl
       splitToPlanes(&in[done].r, r, g, b, n);
     }
     passes(r, g, b, n, done);
-    if constexpr (Linear) {
-      encodeFromPlanes(r, g, b, &out[done].r, n, ClipBlack);
+    if constexpr (Result == PlaneResult::GreyInR) {
+      encodeGreyFromPlane(r, &out[done].r, n);
+    } else if constexpr (Linear) {
+      encodeFromPlanes(r, g, b, &out[done].r, n, Result == PlaneResult::ClippedValues);
     } else {
       joinPlanes(r, g, b, &out[done].r, n);
     }
@@ -99,6 +106,19 @@ std::unique_ptr<RowKernel> encodedKernel(Adjust adjust) {
 /// A 3 x 3 matrix on linear light (white balance, channel mixing).
 std::unique_ptr<RowKernel> linearMatrixKernel(const Matrix3& matrix);
 
+/// The planes' linear light taken through the matrix `toLms` to the cube roots of cone responses.
+inline void toLmsRoots(const Matrix3& toLms, float* r, float* g, float* b, std::size_t n) {
+  // Every closure forced inline: a call left in the pixel loop keeps it from vectorising.
+  adjustPlanes(
+      [&toLms](float& x, float& y, float& z, std::size_t) __attribute__((always_inline)) {
+        const LmsRoot roots = lmsRootsOf(toLms, x, y, z);
+        x = roots.l;
+        y = roots.m;
+        z = roots.s;
+      },
+      r, g, b, n);
+}
+
 /// adjust(LmsRoot&) on every pixel, after `linear` has been applied to its linear light. Its
 /// three steps run as three loops over the block: one loop with all of them in each pixel is a
 /// dependency chain too long for the CPU to overlap pixels, and runs slower.
@@ -106,17 +126,9 @@ template <typename Adjust>
 std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
   return finiteRowKernel([adjust, toLms = kLinearSrgbToLms * linear](
                              const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-    forPlaneBlocks<true, true>(
+    forPlaneBlocks<true, PlaneResult::ClippedValues>(
         [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
-          // Every closure forced inline: a call left in the pixel loop keeps it from vectorising.
-          adjustPlanes(
-              [&toLms](float& x, float& y, float& z, std::size_t) __attribute__((always_inline)) {
-                const LmsRoot roots = lmsRootsOf(toLms, x, y, z);
-                x = roots.l;
-                y = roots.m;
-                z = roots.s;
-              },
-              r, g, b, n);
+          toLmsRoots(toLms, r, g, b, n);
           adjustPlanes(
               [&adjust](float& l, float& m, float& s, std::size_t) __attribute__((always_inline)) {
                 LmsRoot roots{l, m, s};
@@ -141,6 +153,28 @@ std::unique_ptr<RowKernel> lmsRootKernel(const Matrix3& linear, Adjust adjust) {
 template <typename Adjust>
 std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
   return lmsRootKernel(Matrix3{}, adjust);
+}
+
+/// Every pixel made the neutral grey of Oklab lightness lightness(const LmsRoot&): r = g = b
+/// exactly, and one transfer curve per pixel where a colour takes three.
+template <typename Lightness>
+std::unique_ptr<RowKernel> greyKernel(Lightness lightness) {
+  return finiteRowKernel(
+      [lightness](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        forPlaneBlocks<true, PlaneResult::GreyInR>(
+            [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
+              toLmsRoots(kLinearSrgbToLms, r, g, b, n);
+              // A grey's cone responses are all its linear value, so that value is L^3.
+              adjustPlanes(
+                  [&lightness](float& l, float& m, float& s, std::size_t)
+                      __attribute__((always_inline)) {
+                        const float L = lightness(LmsRoot{l, m, s});
+                        l = L * L * L;
+                      },
+                  r, g, b, n);
+            },
+            in, out, count);
+      });
 }
 
 /// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.

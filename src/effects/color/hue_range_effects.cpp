@@ -168,15 +168,24 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   for (std::size_t k = 0; k < 6; ++k) sliders[k] = mappedValue(k + 1, -1.0f, 0.0f, 1.0f);
   // The grey's lightness L (1 + strength gain) blended in by amount is L (1 + amount strength
   // gain): the amount goes into the strength, which it also bounds.
-  const float keep = 1.0f - amount;
   const float perChroma = amount / kFullMixChroma;
-  return detail::lmsRootKernel(
-      [amount, keep, perChroma, gains = HueGains(sliders)](LmsRoot& roots) {
-        const Oklab lab = roots.oklab();
-        const float strength = std::min(detail::chroma(lab) * perChroma, amount);
-        const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
-        roots.reshape(lab.L, keep, std::fma(lab.L, change, lab.L));
-      });
+  const auto greyLightness = [ amount, perChroma, gains = HueGains(sliders) ](const Oklab& lab)
+      __attribute__((always_inline)) {
+    const float strength = std::min(detail::chroma(lab) * perChroma, amount);
+    const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
+    return std::fma(lab.L, change, lab.L);
+  };
+  // The full mix, the usual black and white, keeps no colour: the picture is its greys.
+  if (amount == 1.0f) {
+    return detail::greyKernel([greyLightness](const LmsRoot& roots) __attribute__((always_inline)) {
+      return greyLightness(roots.oklab());
+    });
+  }
+  return detail::lmsRootKernel([ keep = 1.0f - amount, greyLightness ](LmsRoot & roots)
+                                   __attribute__((always_inline)) {
+                                     const Oklab lab = roots.oklab();
+                                     roots.reshape(lab.L, keep, greyLightness(lab));
+                                   });
 }
 
 }  // namespace vorn

@@ -305,6 +305,13 @@ constexpr std::array<std::int32_t, 16> joinIndex(int part, bool blue) {
   return index;
 }
 
+/// Output vector `part`'s indices for a neutral pixel: its value k is pixel k / 3 of the plane.
+constexpr std::array<std::int32_t, 16> greyIndex(int part) {
+  std::array<std::int32_t, 16> index{};
+  for (int j = 0; j < 16; ++j) index[static_cast<std::size_t>(j)] = (16 * part + j) / 3;
+  return index;
+}
+
 struct PixelShuffles {
   std::array<std::array<std::int32_t, 16>, 6> split{splitIndex(0, false), splitIndex(0, true),
                                                     splitIndex(1, false), splitIndex(1, true),
@@ -312,6 +319,7 @@ struct PixelShuffles {
   std::array<std::array<std::int32_t, 16>, 6> join{joinIndex(0, false), joinIndex(0, true),
                                                    joinIndex(1, false), joinIndex(1, true),
                                                    joinIndex(2, false), joinIndex(2, true)};
+  std::array<std::array<std::int32_t, 16>, 3> grey{greyIndex(0), greyIndex(1), greyIndex(2)};
 };
 constexpr PixelShuffles kPixelShuffles;
 
@@ -339,20 +347,25 @@ VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m
                                kPixelShuffles.split[2 * c + 1], v[2]);
 }
 
+/// Output vector `part` of 16 interleaved pixels (count of them kept) written to out.
+VORN_AVX512 inline void storePartAvx512(__m512 v, std::size_t part, float* out, std::size_t count) {
+  const std::size_t before = 16 * part;
+  const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+  if (count == 16) {
+    _mm512_storeu_ps(out + before, v);
+  } else {
+    _mm512_mask_storeu_ps(out + before, firstLanes(values), v);
+  }
+}
+
 /// The first count of 16 pixels in planes, interleaved into out.
 VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
                                           std::size_t count) {
   for (std::size_t part = 0; part < 3; ++part) {
-    const __m512 v =
+    storePartAvx512(
         permute2Avx512(permute2Avx512(planes[0], kPixelShuffles.join[2 * part], planes[1]),
-                       kPixelShuffles.join[2 * part + 1], planes[2]);
-    const std::size_t before = 16 * part;
-    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
-    if (count == 16) {
-      _mm512_storeu_ps(out + before, v);
-    } else {
-      _mm512_mask_storeu_ps(out + before, firstLanes(values), v);
-    }
+                       kPixelShuffles.join[2 * part + 1], planes[2]),
+        part, out, count);
   }
 }
 
@@ -393,6 +406,20 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
       x[c] = curve(x[c]);
     }
     storePixelsAvx512(x, out + 3 * i, n);
+  }
+}
+
+/// One plane encoded into neutral pixels: each value goes to three lanes of the output vectors.
+VORN_AVX512 void encodeGreyFromPlaneAvx512(const float* y, float* out, std::size_t count) {
+  const auto curve = encodeCurveAvx512();
+  for (std::size_t i = 0; i < count; i += 16) {
+    const std::size_t n = count - i < 16 ? count - i : 16;
+    __m512 v = n == 16 ? _mm512_loadu_ps(y + i) : _mm512_maskz_loadu_ps(firstLanes(n), y + i);
+    v = curve(maxAvx512(v, _mm512_setzero_ps()));
+    for (std::size_t part = 0; part < 3; ++part) {
+      const __m512i index = _mm512_loadu_si512(kPixelShuffles.grey[part].data());
+      storePartAvx512(_mm512_maskz_permutexvar_ps(0xffff, index, v), part, out + 3 * i, n);
+    }
   }
 }
 
@@ -454,6 +481,22 @@ void encodeFromPlanesPortable(const float* r, const float* g, const float* b, fl
   }
 }
 
+VORN_FMA_DISPATCH void encodeGreyFromPlanePortable(const float* __restrict y, float* __restrict out,
+                                                   std::size_t count) {
+  const auto take = [](float v) { return clippedIf<true>(v); };
+  const auto grey = [out](std::size_t i, float v) {
+    out[3 * i] = v;
+    out[3 * i + 1] = v;
+    out[3 * i + 2] = v;
+  };
+  if (allInUnitRange(y, count, take)) {
+    for (std::size_t i = 0; i < count; ++i) grey(i, srgbEncodeUnit(take(y[i])));
+    return;
+  }
+  const SrgbEncode encode;
+  for (std::size_t i = 0; i < count; ++i) grey(i, encode(take(y[i])));
+}
+
 VORN_DISPATCH void splitToPlanes(const float* __restrict in, float* __restrict r,
                                  float* __restrict g, float* __restrict b, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
@@ -488,6 +531,14 @@ void encodeFromPlanes(const float* r, const float* g, const float* b, float* out
     encodeFromPlanesAvx512<true>(r, g, b, out, count);
   } else {
     encodeFromPlanesAvx512<false>(r, g, b, out, count);
+  }
+}
+
+void encodeGreyFromPlane(const float* y, float* out, std::size_t count) {
+  if (hasAvx512()) {
+    encodeGreyFromPlaneAvx512(y, out, count);
+  } else {
+    encodeGreyFromPlanePortable(y, out, count);
   }
 }
 

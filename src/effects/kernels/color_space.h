@@ -220,11 +220,16 @@ void decodeToPlanes(const float* in, float* r, float* g, float* b, std::size_t c
 void encodeFromPlanes(const float* r, const float* g, const float* b, float* out, std::size_t count,
                       bool clipBlack = false);
 
+/// Encodes one plane of linear light, clipped at black (NaN too), into count interleaved neutral
+/// pixels: r = g = b, one curve per pixel rather than three.
+void encodeGreyFromPlane(const float* y, float* out, std::size_t count);
+
 /// decodeToPlanes and encodeFromPlanes as CPUs without AVX-512 run them (cloned for AVX2 with
 /// fused multiply-adds); they give the same bits, which the tests check on any CPU.
 void decodeToPlanesPortable(const float* in, float* r, float* g, float* b, std::size_t count);
 void encodeFromPlanesPortable(const float* r, const float* g, const float* b, float* out,
                               std::size_t count, bool clipBlack = false);
+void encodeGreyFromPlanePortable(const float* y, float* out, std::size_t count);
 
 /// Splits count interleaved pixels into planes as they are, and joins them back.
 void splitToPlanes(const float* in, float* r, float* g, float* b, std::size_t count);
