@@ -133,6 +133,8 @@ bool hasAvx512() {
 }
 
 #define VORN_AVX512 __attribute__((target("avx512f")))
+// For the bodies of loops given as closures: a closure does not inherit its function's target.
+#define VORN_AVX512_INLINE __attribute__((always_inline, target("avx512f")))
 
 // Zero-masked forms with whole masks below: the plain ones start from an undefined vector, which
 // GCC 12 warns of as an uninitialised read.
@@ -228,7 +230,9 @@ struct CurveAvx512 {
   VORN_AVX512 __m512 operator()(__m512 x) const {
     // As unsigned integers, negative values and NaN lie above 1.
     const __m512i bits = _mm512_castps_si512(x);
-    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
+    // Expected: laid out as the straight path, the usual case runs without a taken branch.
+    if (__builtin_expect(_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff, 1))
+      return unit(x);
     // At most +infinity as unsigned integers: no sign bit and no NaN.
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
     return whole(x);
@@ -333,15 +337,32 @@ inline __mmask16 firstLanes(std::size_t values) {
   return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
 }
 
+/// The first n of 16 lanes of v stored at out.
+VORN_AVX512 inline void storeLanesAvx512(float* out, __m512 v, std::size_t n) {
+  if (n == 16) {
+    _mm512_storeu_ps(out, v);
+  } else {
+    _mm512_mask_storeu_ps(out, firstLanes(n), v);
+  }
+}
+
+/// The first n of 16 values at in, the rest zero.
+VORN_AVX512 inline __m512 loadLanesAvx512(const float* in, std::size_t n) {
+  return n == 16 ? _mm512_loadu_ps(in) : _mm512_maskz_loadu_ps(firstLanes(n), in);
+}
+
+/// How many of the 16 values of output vector `part` hold the first count of 16 pixels.
+inline std::size_t partLanes(std::size_t part, std::size_t count) {
+  const std::size_t before = 16 * part;
+  const std::size_t values = 3 * count > before ? 3 * count - before : 0;
+  return values < 16 ? values : 16;
+}
+
 /// 16 pixels (count of them kept, the rest zero) split into r, g, b; full is count == 16.
 VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m512 (&planes)[3]) {
   __m512 v[3];
-  for (std::size_t part = 0; part < 3; ++part) {
-    const std::size_t before = 16 * part;
-    const std::size_t values = 3 * count > before ? 3 * count - before : 0;
-    v[part] = count == 16 ? _mm512_loadu_ps(in + before)
-                          : _mm512_maskz_loadu_ps(firstLanes(values), in + before);
-  }
+  for (std::size_t part = 0; part < 3; ++part)
+    v[part] = loadLanesAvx512(in + 16 * part, partLanes(part, count));
   for (std::size_t c = 0; c < 3; ++c)
     planes[c] = permute2Avx512(permute2Avx512(v[0], kPixelShuffles.split[2 * c], v[1]),
                                kPixelShuffles.split[2 * c + 1], v[2]);
@@ -349,13 +370,7 @@ VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m
 
 /// Output vector `part` of 16 interleaved pixels (count of them kept) written to out.
 VORN_AVX512 inline void storePartAvx512(__m512 v, std::size_t part, float* out, std::size_t count) {
-  const std::size_t before = 16 * part;
-  const std::size_t values = 3 * count > before ? 3 * count - before : 0;
-  if (count == 16) {
-    _mm512_storeu_ps(out + before, v);
-  } else {
-    _mm512_mask_storeu_ps(out + before, firstLanes(values), v);
-  }
+  storeLanesAvx512(out + 16 * part, v, partLanes(part, count));
 }
 
 /// The first count of 16 pixels in planes, interleaved into out.
@@ -369,58 +384,56 @@ VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
   }
 }
 
+/// body(i, n) for the vectors of count values or pixels, n of them in the vector: the constant
+/// 16 in the main loop, so that it compiles without masks or tail branches, and once more for
+/// the rest, below 16.
+template <typename Body>
+VORN_AVX512 inline void forVectors(std::size_t count, const Body& body) {
+  std::size_t i = 0;
+  for (; i + 16 <= count; i += 16) body(i, std::integral_constant<std::size_t, 16>{});
+  if (i < count) body(i, count - i);
+}
+
 /// Splitting and decoding in one pass: each value is read and written once.
 VORN_AVX512 void decodeToPlanesAvx512(const float* in, float* r, float* g, float* b,
                                       std::size_t count) {
   const auto curve = decodeCurveAvx512();
   float* out[3] = {r, g, b};
-  for (std::size_t i = 0; i < count; i += 16) {
-    const std::size_t n = count - i < 16 ? count - i : 16;
+  forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
     __m512 x[3];
     loadPixelsAvx512(in + 3 * i, n, x);
-    for (std::size_t c = 0; c < 3; ++c) {
-      const __m512 y = curve(x[c]);
-      if (n == 16) {
-        _mm512_storeu_ps(out[c] + i, y);
-      } else {
-        _mm512_mask_storeu_ps(out[c] + i, firstLanes(n), y);
-      }
-    }
-  }
+    for (std::size_t c = 0; c < 3; ++c) storeLanesAvx512(out[c] + i, curve(x[c]), n);
+  });
 }
 
-/// Encoding and joining in one pass.
 /// Encoding and joining in one pass; with Clip, values are first clipped at black.
 template <bool Clip>
 VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const float* b, float* out,
                                         std::size_t count) {
   const auto curve = encodeCurveAvx512();
   const float* in[3] = {r, g, b};
-  for (std::size_t i = 0; i < count; i += 16) {
-    const std::size_t n = count - i < 16 ? count - i : 16;
+  forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
     __m512 x[3];
     for (std::size_t c = 0; c < 3; ++c) {
-      x[c] = n == 16 ? _mm512_loadu_ps(in[c] + i) : _mm512_maskz_loadu_ps(firstLanes(n), in[c] + i);
+      x[c] = loadLanesAvx512(in[c] + i, n);
       // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
       if constexpr (Clip) x[c] = maxAvx512(x[c], _mm512_setzero_ps());
       x[c] = curve(x[c]);
     }
     storePixelsAvx512(x, out + 3 * i, n);
-  }
+  });
 }
 
 /// One plane encoded into neutral pixels: each value goes to three lanes of the output vectors.
 VORN_AVX512 void encodeGreyFromPlaneAvx512(const float* y, float* out, std::size_t count) {
   const auto curve = encodeCurveAvx512();
-  for (std::size_t i = 0; i < count; i += 16) {
-    const std::size_t n = count - i < 16 ? count - i : 16;
-    __m512 v = n == 16 ? _mm512_loadu_ps(y + i) : _mm512_maskz_loadu_ps(firstLanes(n), y + i);
-    v = curve(maxAvx512(v, _mm512_setzero_ps()));
+  forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
+    const __m512 v = curve(maxAvx512(loadLanesAvx512(y + i, n), _mm512_setzero_ps()));
     for (std::size_t part = 0; part < 3; ++part) {
       const __m512i index = _mm512_loadu_si512(kPixelShuffles.grey[part].data());
       storePartAvx512(_mm512_maskz_permutexvar_ps(0xffff, index, v), part, out + 3 * i, n);
     }
-  }
+  });
 }
 
 }  // namespace
