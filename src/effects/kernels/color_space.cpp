@@ -178,8 +178,7 @@ VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, const __m512* scales) {
   const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales[0]);
-  const __m512 power =
-      _mm512_mul_ps(hornerAvx512(kDecodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.5f))), scale);
+  const __m512 power = _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
   return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(1.0f / 12.92f));
 }
@@ -194,8 +193,7 @@ VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, const __m512* scales) {
   const __m512 scale =
       _mm512_permutex2var_ps(scales[0], _mm512_maskz_srli_epi32(0xffff, bits, 22), scales[1]);
   const __m512 root =
-      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, _mm512_sub_ps(f, _mm512_set1_ps(1.25f))),
-                      scale, _mm512_set1_ps(-0.055f));
+      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
   return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(12.92f));
 }
