@@ -244,8 +244,11 @@ TEST(ColorSpaceTest, ConeRootShortcutsMatchTheTripThroughOklab) {
   // A folded matrix renders what applying it to (L, a, b) renders, in and out of range.
   const detail::Matrix3 turnAndScale{{1.0f, 0.0f, 0.0f, 0.0f, 0.9f, -0.7f, 0.0f, 0.5f, 1.1f}};
   const auto folded = detail::oklabMatrixKernel(turnAndScale);
-  const auto direct =
-      detail::oklabKernel([&](detail::Oklab& lab) { turnAndScale.apply(lab.L, lab.a, lab.b); });
+  const auto direct = detail::lmsRootKernel([&](detail::LmsRoot& roots) {
+    detail::Oklab lab = roots.oklab();
+    turnAndScale.apply(lab.L, lab.a, lab.b);
+    roots = detail::LmsRoot::of(lab);
+  });
   std::vector<PixelRGB<float>> pixels;
   for (int i = 0; i < 40; ++i) {
     const float v = static_cast<float>(i) / 30.0f - 0.1f;

@@ -177,22 +177,6 @@ std::unique_ptr<RowKernel> greyKernel(Lightness lightness) {
       });
 }
 
-/// adjust(Oklab&) on every pixel, after `linear` has been applied to its linear light.
-template <typename Adjust>
-std::unique_ptr<RowKernel> oklabKernel(const Matrix3& linear, Adjust adjust) {
-  return lmsRootKernel(
-      linear, [adjust](LmsRoot & roots) __attribute__((always_inline)) {
-        Oklab lab = roots.oklab();
-        adjust(lab);
-        roots = LmsRoot::of(lab);
-      });
-}
-
-template <typename Adjust>
-std::unique_ptr<RowKernel> oklabKernel(Adjust adjust) {
-  return oklabKernel(Matrix3{}, adjust);
-}
-
 /// A fixed linear map of Oklab on every pixel, folded per call into one matrix on its roots.
 std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab);
 

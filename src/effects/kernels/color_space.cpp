@@ -250,19 +250,42 @@ VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
           std::numeric_limits<float>::max()};
 }
 
-/// out[i] = curve(in[i]) for count values, the last few under a mask; in may be out. Runs of
-/// 16 inside [0, 1] take the unit curve alone.
+/// The first `values` of 16 lanes.
+inline __mmask16 firstLanes(std::size_t values) {
+  return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
+}
+
+/// The first n of 16 lanes of v stored at out.
+VORN_AVX512 inline void storeLanesAvx512(float* out, __m512 v, std::size_t n) {
+  if (n == 16) {
+    _mm512_storeu_ps(out, v);
+  } else {
+    _mm512_mask_storeu_ps(out, firstLanes(n), v);
+  }
+}
+
+/// The first n of 16 values at in, the rest zero.
+VORN_AVX512 inline __m512 loadLanesAvx512(const float* in, std::size_t n) {
+  return n == 16 ? _mm512_loadu_ps(in) : _mm512_maskz_loadu_ps(firstLanes(n), in);
+}
+
+/// body(i, n) for the vectors of count values or pixels, n of them in the vector: the constant
+/// 16 in the main loop, so that it compiles without masks or tail branches, and once more for
+/// the rest, below 16.
+template <typename Body>
+VORN_AVX512 inline void forVectors(std::size_t count, const Body& body) {
+  std::size_t i = 0;
+  for (; i + 16 <= count; i += 16) body(i, std::integral_constant<std::size_t, 16>{});
+  if (i < count) body(i, count - i);
+}
+
+/// out[i] = curve(in[i]) for count values; in may be out. Runs of 16 inside [0, 1] take the unit
+/// curve alone.
 template <typename Curve>
 VORN_AVX512 void curveAvx512(const Curve& curve, const float* in, float* out, std::size_t count) {
-  std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    const __m512 x = _mm512_loadu_ps(in + i);
-    _mm512_storeu_ps(out + i, curve(x));
-  }
-  if (i < count) {
-    const auto tail = static_cast<__mmask16>((1u << (count - i)) - 1u);
-    _mm512_mask_storeu_ps(out + i, tail, curve.whole(_mm512_maskz_loadu_ps(tail, in + i)));
-  }
+  forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
+    storeLanesAvx512(out + i, curve(loadLanesAvx512(in + i, n)), n);
+  });
 }
 
 void decodeValues(const float* in, float* out, std::size_t count) {
@@ -330,25 +353,6 @@ VORN_AVX512 inline __m512 permute2Avx512(__m512 a, const std::array<std::int32_t
   return _mm512_permutex2var_ps(a, _mm512_loadu_si512(index.data()), b);
 }
 
-/// The first `values` of 16 lanes.
-inline __mmask16 firstLanes(std::size_t values) {
-  return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
-}
-
-/// The first n of 16 lanes of v stored at out.
-VORN_AVX512 inline void storeLanesAvx512(float* out, __m512 v, std::size_t n) {
-  if (n == 16) {
-    _mm512_storeu_ps(out, v);
-  } else {
-    _mm512_mask_storeu_ps(out, firstLanes(n), v);
-  }
-}
-
-/// The first n of 16 values at in, the rest zero.
-VORN_AVX512 inline __m512 loadLanesAvx512(const float* in, std::size_t n) {
-  return n == 16 ? _mm512_loadu_ps(in) : _mm512_maskz_loadu_ps(firstLanes(n), in);
-}
-
 /// How many of the 16 values of output vector `part` hold the first count of 16 pixels.
 inline std::size_t partLanes(std::size_t part, std::size_t count) {
   const std::size_t before = 16 * part;
@@ -380,16 +384,6 @@ VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
                        kPixelShuffles.join[2 * part + 1], planes[2]),
         part, out, count);
   }
-}
-
-/// body(i, n) for the vectors of count values or pixels, n of them in the vector: the constant
-/// 16 in the main loop, so that it compiles without masks or tail branches, and once more for
-/// the rest, below 16.
-template <typename Body>
-VORN_AVX512 inline void forVectors(std::size_t count, const Body& body) {
-  std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) body(i, std::integral_constant<std::size_t, 16>{});
-  if (i < count) body(i, count - i);
 }
 
 /// Splitting and decoding in one pass: each value is read and written once.
