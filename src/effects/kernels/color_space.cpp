@@ -304,28 +304,32 @@ void encodeValues(const float* in, float* out, std::size_t count) {
   }
 }
 
-// 16 interleaved pixels are three vectors of 48 values; a plane of them takes two two-source
-// permutes: the values from the first two vectors, then those from the third. Joining reverses it.
+// 16 interleaved pixels are three vectors of 48 values. Lane j of the three holds channels j,
+// j + 1 and j + 2 modulo 3, one each: two blends gather a channel's values, still in their
+// lanes, and one single-source permute puts them in pixel order. Joining reverses it. Blends and
+// one-source permutes leave the multiply-add units free, where two-source permutes compete.
 
-/// Plane `channel`'s indices: value 3j + channel goes to lane j.
-constexpr std::array<std::int32_t, 16> splitIndex(int channel, bool third) {
+/// The lanes j of 16 with (j + shift) mod 3 == 0.
+constexpr std::uint16_t thirdLanes(int shift) {
+  std::uint16_t mask = 0;
+  for (int j = 0; j < 16; ++j)
+    if ((j + shift) % 3 == 0) mask = static_cast<std::uint16_t>(mask | 1u << j);
+  return mask;
+}
+
+/// Plane `channel`'s lanes in pixel order: pixel k's value sits in lane (3k + channel) mod 16.
+constexpr std::array<std::int32_t, 16> splitIndex(int channel) {
   std::array<std::int32_t, 16> index{};
-  for (int j = 0; j < 16; ++j) {
-    const int k = 3 * j + channel;
-    index[static_cast<std::size_t>(j)] = third ? (k < 32 ? j : k - 16) : (k < 32 ? k : 0);
-  }
+  for (int k = 0; k < 16; ++k) index[static_cast<std::size_t>(k)] = (3 * k + channel) % 16;
   return index;
 }
 
-/// Output vector `part`'s indices: its value k is pixel k / 3 of plane k % 3.
-constexpr std::array<std::int32_t, 16> joinIndex(int part, bool blue) {
+/// The inverse: lane j takes the pixel whose value of `channel` lies in lane j of some vector.
+constexpr std::array<std::int32_t, 16> joinIndex(int channel) {
   std::array<std::int32_t, 16> index{};
   for (int j = 0; j < 16; ++j) {
-    const int k = 16 * part + j;
-    const int pixel = k / 3;
-    const int channel = k % 3;
-    index[static_cast<std::size_t>(j)] =
-        blue ? (channel == 2 ? 16 + pixel : j) : (channel == 1 ? 16 + pixel : pixel);
+    const int vector = ((channel - j) % 3 + 3) % 3;
+    index[static_cast<std::size_t>(j)] = (16 * vector + j - channel) / 3;
   }
   return index;
 }
@@ -338,19 +342,21 @@ constexpr std::array<std::int32_t, 16> greyIndex(int part) {
 }
 
 struct PixelShuffles {
-  std::array<std::array<std::int32_t, 16>, 6> split{splitIndex(0, false), splitIndex(0, true),
-                                                    splitIndex(1, false), splitIndex(1, true),
-                                                    splitIndex(2, false), splitIndex(2, true)};
-  std::array<std::array<std::int32_t, 16>, 6> join{joinIndex(0, false), joinIndex(0, true),
-                                                   joinIndex(1, false), joinIndex(1, true),
-                                                   joinIndex(2, false), joinIndex(2, true)};
+  std::array<std::array<std::int32_t, 16>, 3> split{splitIndex(0), splitIndex(1), splitIndex(2)};
+  std::array<std::array<std::int32_t, 16>, 3> join{joinIndex(0), joinIndex(1), joinIndex(2)};
   std::array<std::array<std::int32_t, 16>, 3> grey{greyIndex(0), greyIndex(1), greyIndex(2)};
 };
 constexpr PixelShuffles kPixelShuffles;
 
-VORN_AVX512 inline __m512 permute2Avx512(__m512 a, const std::array<std::int32_t, 16>& index,
-                                         __m512 b) {
-  return _mm512_permutex2var_ps(a, _mm512_loadu_si512(index.data()), b);
+VORN_AVX512 inline __m512 permuteAvx512(const std::array<std::int32_t, 16>& index, __m512 v) {
+  return _mm512_maskz_permutexvar_ps(0xffff, _mm512_loadu_si512(index.data()), v);
+}
+
+/// Lane j of a, b or c: the one of the three vectors i = 0, 1, 2 with (j + i + shift) mod 3 == 0.
+template <int Shift>
+VORN_AVX512 inline __m512 blendThirds(__m512 a, __m512 b, __m512 c) {
+  const __m512 ab = _mm512_mask_blend_ps(thirdLanes(Shift + 1), a, b);
+  return _mm512_mask_blend_ps(thirdLanes(Shift + 2), ab, c);
 }
 
 /// How many of the 16 values of output vector `part` hold the first count of 16 pixels.
@@ -365,9 +371,10 @@ VORN_AVX512 inline void loadPixelsAvx512(const float* in, std::size_t count, __m
   __m512 v[3];
   for (std::size_t part = 0; part < 3; ++part)
     v[part] = loadLanesAvx512(in + 16 * part, partLanes(part, count));
-  for (std::size_t c = 0; c < 3; ++c)
-    planes[c] = permute2Avx512(permute2Avx512(v[0], kPixelShuffles.split[2 * c], v[1]),
-                               kPixelShuffles.split[2 * c + 1], v[2]);
+  // Vector i lane j holds channel (j + i) mod 3.
+  planes[0] = permuteAvx512(kPixelShuffles.split[0], blendThirds<0>(v[0], v[1], v[2]));
+  planes[1] = permuteAvx512(kPixelShuffles.split[1], blendThirds<2>(v[0], v[1], v[2]));
+  planes[2] = permuteAvx512(kPixelShuffles.split[2], blendThirds<1>(v[0], v[1], v[2]));
 }
 
 /// Output vector `part` of 16 interleaved pixels (count of them kept) written to out.
@@ -378,12 +385,13 @@ VORN_AVX512 inline void storePartAvx512(__m512 v, std::size_t part, float* out, 
 /// The first count of 16 pixels in planes, interleaved into out.
 VORN_AVX512 inline void storePixelsAvx512(const __m512 (&planes)[3], float* out,
                                           std::size_t count) {
-  for (std::size_t part = 0; part < 3; ++part) {
-    storePartAvx512(
-        permute2Avx512(permute2Avx512(planes[0], kPixelShuffles.join[2 * part], planes[1]),
-                       kPixelShuffles.join[2 * part + 1], planes[2]),
-        part, out, count);
-  }
+  const __m512 r = permuteAvx512(kPixelShuffles.join[0], planes[0]);
+  const __m512 g = permuteAvx512(kPixelShuffles.join[1], planes[1]);
+  const __m512 b = permuteAvx512(kPixelShuffles.join[2], planes[2]);
+  // Lane j of output vector i takes channel (j + i) mod 3.
+  storePartAvx512(blendThirds<0>(r, b, g), 0, out, count);
+  storePartAvx512(blendThirds<1>(r, b, g), 1, out, count);
+  storePartAvx512(blendThirds<2>(r, b, g), 2, out, count);
 }
 
 /// Splitting and decoding in one pass: each value is read and written once.
