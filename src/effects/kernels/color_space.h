@@ -241,17 +241,19 @@ float linearToSrgbExact(float linear);
 
 /// Cube root by a bit-level estimate and two Newton steps (relative error about 1e-6).
 inline float fastCbrt(float x) {
-  const float magnitude = std::fabs(x);
-  // The bits divided by 3 in floating point: a vector unit has no integer divide, and the
-  // estimate needs no more than float's precision.
+  const std::uint32_t bits = std::bit_cast<std::uint32_t>(x);
+  // The magnitude's bits divided by 3 in floating point: a vector unit has no integer divide,
+  // and the estimate needs no more than float's precision.
   const auto third = static_cast<std::uint32_t>(static_cast<std::int32_t>(
-      static_cast<float>(std::bit_cast<std::int32_t>(magnitude)) * (1.0f / 3.0f)));
-  const float guess = std::bit_cast<float>(third + 0x2a514067u);
+      static_cast<float>(static_cast<std::int32_t>(bits & 0x7fffffffu)) * (1.0f / 3.0f)));
+  // The estimate takes x's sign, and Newton's steps keep it: the root of -x is minus that of x,
+  // with no sign restored at the end.
+  const float guess = std::bit_cast<float>((third + 0x2a514067u) | (bits & 0x80000000u));
   // Newton's step (2y + a / y^2) / 3 as 2y / 3 + (a / 3) / y^2: a multiply fewer.
-  const float aThird = magnitude * (1.0f / 3.0f);
+  const float aThird = x * (1.0f / 3.0f);
   float y = guess * (2.0f / 3.0f) + aThird / (guess * guess);
   y = y * (2.0f / 3.0f) + aThird / (y * y);
-  return std::copysign(y, x);
+  return y;
 }
 
 /// atan2 by a minimax polynomial (error below 3e-4 radian), branch-free.
