@@ -317,6 +317,16 @@ TEST(ColorSpaceTest, FastPowerFunctionsFollowTheLibrary) {
     }
   }
   EXPECT_LT(worst, 2e-6) << "largest relative error of x^p";
+  // Cube roots of cone responses: odd to the bit, so mirrored colours stay mirrored.
+  double cbrtWorst = 0.0;
+  for (float x = 1e-12f; x < 1e6f; x *= 1.00731f) {
+    const float root = detail::fastCbrt(x);
+    cbrtWorst = std::max(cbrtWorst, std::fabs(root / std::cbrt(static_cast<double>(x)) - 1.0));
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(detail::fastCbrt(-x)),
+              std::bit_cast<std::uint32_t>(-root))
+        << x;
+  }
+  EXPECT_LT(cbrtWorst, 1.5e-6) << "largest relative error of the cube root";
   // Whole powers of two are exact, so unit gains keep pixels bit for bit.
   for (int n = -20; n <= 20; ++n)
     EXPECT_EQ(detail::fastExp2(static_cast<float>(n)), std::ldexp(1.0f, n));
