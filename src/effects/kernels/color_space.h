@@ -249,10 +249,11 @@ inline float fastCbrt(float x) {
   // The estimate takes x's sign, and Newton's steps keep it: the root of -x is minus that of x,
   // with no sign restored at the end.
   const float guess = std::bit_cast<float>((third + 0x2a514067u) | (bits & 0x80000000u));
-  // Newton's step (2y + a / y^2) / 3 as 2y / 3 + (a / 3) / y^2: a multiply fewer.
+  // Newton's step (2y + a / y^2) / 3 as 2y / 3 + (a / 3) / y^2: a multiply fewer, and the rest
+  // one fused multiply-add, which rounds alike on every CPU.
   const float aThird = x * (1.0f / 3.0f);
-  float y = guess * (2.0f / 3.0f) + aThird / (guess * guess);
-  y = y * (2.0f / 3.0f) + aThird / (y * y);
+  float y = std::fma(guess, 2.0f / 3.0f, aThird / (guess * guess));
+  y = std::fma(y, 2.0f / 3.0f, aThird / (y * y));
   return y;
 }
 
@@ -352,8 +353,12 @@ inline constexpr Matrix3 kLinearSrgbToLms{{0.4122214708f, 0.5363325363f, 0.05144
 
 /// The cube roots of the cone responses toLms gives linear light r, g, b.
 inline LmsRoot lmsRootsOf(const Matrix3& toLms, float r, float g, float b) {
-  toLms.apply(r, g, b);
-  return LmsRoot::of(r, g, b);
+  // Fused multiply-adds, like LmsRoot's own conversions.
+  const auto row = [&](std::size_t i) {
+    const std::array<float, 9>& k = toLms.m;
+    return std::fma(k[i], r, std::fma(k[i + 1], g, k[i + 2] * b));
+  };
+  return LmsRoot::of(row(0), row(3), row(6));
 }
 
 inline void oklabToLinear(const Oklab& c, float& r, float& g, float& b) {
