@@ -235,13 +235,6 @@ Matrix3 adaptationToD65(std::array<float, 2> white);
 Matrix3 bradfordAdaptation(const Matrix3& toXyz, std::array<float, 2> white,
                            std::array<float, 2> target);
 
-/// v clamped to [0, 1] (NaN to either end) by its bits: non-negative floats order as their bits
-/// do as integers. Two integer min/max, where GCC splits a float clamp into masked paths.
-inline float unitClampBits(float v) {
-  const std::int32_t bits = std::bit_cast<std::int32_t>(v);
-  return std::bit_cast<float>(std::min(std::max(bits, 0), std::bit_cast<std::int32_t>(1.0f)));
-}
-
 /// The cubic smooth step from edge0 to edge1, its scale folded once per call.
 struct FusedStep {
   FusedStep(float edge0, float edge1)

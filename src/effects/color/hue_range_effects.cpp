@@ -35,14 +35,15 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float richer = 1.0f + 0.15f * amount;
   const float deeper = 0.6f * amount;
   const float darker = 0.3f * amount;
-  return detail::lmsRootKernel(
-      [richer, deeper, darker, sky = HueWindow(detail::wheelHue(210.0f), 50.0f)](LmsRoot& roots) {
-        const Oklab lab = roots.oklab();
-        const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
-        // The gain is at least 1: no clamp.
-        roots.reshape(lab.L, std::fma(deeper, w, richer),
-                      lab.L * std::fma(-darker * w, detail::smoothStep(0.3f, 0.85f, lab.L), 1.0f));
-      });
+  return detail::lmsRootKernel([richer, deeper, darker,
+                                sky = HueWindow(detail::wheelHue(210.0f), 50.0f),
+                                bright = detail::FusedStep(0.3f, 0.85f)](LmsRoot& roots) {
+    const Oklab lab = roots.oklab();
+    const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
+    // The gain is at least 1: no clamp.
+    roots.reshape(lab.L, std::fma(deeper, w, richer),
+                  lab.L * std::fma(-darker * w, bright(lab.L), 1.0f));
+  });
 }
 
 // Foliage: chroma and a little lightness for yellow-green to green hues.

@@ -385,6 +385,14 @@ float wheelHueAngle(float degrees);
 /// near-neutral areas cannot flicker between hues.
 inline constexpr float kNeutralChroma = 0.03f;
 
+/// v clamped to [0, 1] (NaN to either end) by its bits: non-negative floats order as their bits
+/// do as integers. Two integer min/max, where GCC splits a float clamp into compares and masked
+/// moves, and a compare costs the vector unit as much as a multiply-add.
+inline float unitClampBits(float v) {
+  const std::int32_t bits = std::bit_cast<std::int32_t>(v);
+  return std::bit_cast<float>(std::min(std::max(bits, 0), std::bit_cast<std::int32_t>(1.0f)));
+}
+
 /// v clamped to [0, 1], NaN to 0: one select after the other takes fewer vector instructions
 /// than std::clamp, whose NaN passes through.
 inline float intoUnitInterval(float v) {
@@ -402,11 +410,9 @@ class HueWindow {
     // The step's scale is folded into the centre and the edge.
     // Fused multiply-adds: fewer vector instructions, and one rounding on every CPU.
     float t = std::fma(a, centre_.cosine, b * centre_.sine) / (c + 1e-12f) - edge_;
-    // At most 1 but for rounding, where the step is flat: only the low side (and NaN) is cut,
-    // as a second bound makes a chain of masked compares of the vector loops.
-    t = t > 0.0f ? t : 0.0f;
-    float grey = c * (1.0f / kNeutralChroma);
-    grey = grey < 1.0f ? grey : 1.0f;
+    // At most 1 but for rounding, where the step is flat. A NaN colour stays NaN.
+    t = unitClampBits(t);
+    const float grey = unitClampBits(c * (1.0f / kNeutralChroma));
     return t * t * std::fma(-2.0f, t, 3.0f) * grey;
   }
 
