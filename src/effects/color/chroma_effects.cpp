@@ -23,8 +23,8 @@ constexpr float kStrongChroma = 0.25f;
 struct VibranceWeight {
   detail::HueWindow skin{detail::wheelHue(25.0f), 35.0f};
   float operator()(float a, float b, float c) const {
-    float room = std::fma(c, -1.0f / kStrongChroma, 1.0f);
-    room = room > 0.0f ? room : 0.0f;
+    // At most 1: only the low side is cut.
+    const float room = detail::unitClampBits(std::fma(c, -1.0f / kStrongChroma, 1.0f));
     return room * room * std::fma(-0.7f, skin.weight(a, b, c), 1.0f);
   }
 };

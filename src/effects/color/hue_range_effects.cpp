@@ -20,7 +20,7 @@ namespace {
 /// The Oklab lightness change a hue-keyed effect makes at full weight, by contrast about the
 /// middle of the range; k in [-0.5, 0.5] keeps the curve rising and 0 and 1 fixed.
 inline float lightnessContrast(float L, float k) {
-  const float x = detail::intoUnitInterval(L);
+  const float x = detail::unitClampBits(L);
   return 4.0f * k * x * (1.0f - x) * (x - 0.5f);
 }
 
