@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "effects/color/color_kernels.h"
+#include "effects/color/hue_gains.h"
 #include "effects/effect_test_support.h"
 #include "effects/kernels/color_space.h"
 #include "effects/kernels/luminance.h"
@@ -616,6 +617,31 @@ TEST(ColorCurvesTest, BlackAndWhiteGainsMeetTheSlidersAndEaseBetweenThem) {
 
 // The film looks' closed forms against the curves they are defined as, with their ends: below 0
 // (and NaN) the value at 0, above 1 the end slope.
+// The gains' pass (a count of starts passed and permutes where the CPU has AVX-512) against the
+// per-pixel selects, bit for bit: segment starts exactly, the wrap through pi, NaN and a tail.
+TEST(ColorCurvesTest, BlackAndWhiteGainPassMatchesThePerPixelGains) {
+  const detail::HueGains gains({0.8f, -1.0f, 0.35f, 0.0f, -0.6f, 0.2f});
+  std::vector<float> angles;
+  for (float h = -3.2f; h < 3.2f; h += 0.00731f) angles.push_back(h);
+  for (int k = 0; k < 6; ++k) {
+    const float start = detail::wheelHueAngle(60.0f * static_cast<float>(k));
+    angles.insert(angles.end(), {start, std::nextafter(start, -4.0f), std::nextafter(start, 4.0f)});
+  }
+  angles.insert(angles.end(), {std::nanf(""), 3.14159265f, -3.14159265f, 0.0f, -0.0f});
+  std::vector<float> pass = angles;
+  gains.apply(pass.data(), pass.size());
+  ASSERT_NE(pass.size() % 16, 0u);
+  for (std::size_t i = 0; i < angles.size(); ++i) {
+    const float one = gains(angles[i]);
+    if (std::isnan(one)) {
+      EXPECT_TRUE(std::isnan(pass[i])) << angles[i];
+    } else {
+      EXPECT_EQ(std::bit_cast<std::uint32_t>(pass[i]), std::bit_cast<std::uint32_t>(one))
+          << angles[i];
+    }
+  }
+}
+
 TEST(ColorCurvesTest, LookCurvesFollowTheirDefinitionsAndTheirEnds) {
   std::vector<PixelRGB<float>> pixels;
   for (int i = 0; i <= 50; ++i) {

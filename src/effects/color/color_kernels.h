@@ -155,28 +155,6 @@ std::unique_ptr<RowKernel> lmsRootKernel(Adjust adjust) {
   return lmsRootKernel(Matrix3{}, adjust);
 }
 
-/// Every pixel made the neutral grey of Oklab lightness lightness(const LmsRoot&): r = g = b
-/// exactly, and one transfer curve per pixel where a colour takes three.
-template <typename Lightness>
-std::unique_ptr<RowKernel> greyKernel(Lightness lightness) {
-  return finiteRowKernel(
-      [lightness](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
-        forPlaneBlocks<true, PlaneResult::GreyInR>(
-            [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
-              toLmsRoots(kLinearSrgbToLms, r, g, b, n);
-              // A grey's cone responses are all its linear value, so that value is L^3.
-              adjustPlanes(
-                  [&lightness](float& l, float& m, float& s, std::size_t)
-                      __attribute__((always_inline)) {
-                        const float L = lightness(LmsRoot{l, m, s});
-                        l = L * L * L;
-                      },
-                  r, g, b, n);
-            },
-            in, out, count);
-      });
-}
-
 /// A fixed linear map of Oklab on every pixel, folded per call into one matrix on its roots.
 std::unique_ptr<RowKernel> oklabMatrixKernel(const Matrix3& onOklab);
 

@@ -5,6 +5,7 @@
 #include <numbers>
 
 #include "effects/color/color_kernels.h"
+#include "effects/color/hue_gains.h"
 #include "vorn/effects/color_effects.h"
 
 // Effects keyed to a range of hues: smooth Oklab hue weights that fade out towards grey, so
@@ -83,80 +84,38 @@ namespace {
 /// Oklab chroma at which a colour's slider acts fully in the black-and-white mix.
 constexpr float kFullMixChroma = 0.2f;
 
-/// The black-and-white lightness gain by hue: each of the six wheel colours has its slider,
-/// hues between two of them ease from one to the other along a raised cosine. Worked out per
-/// pixel from the hue angle, with no table: the vector units have no cheap gather.
-class HueGains {
- public:
-  explicit HueGains(const std::array<float, 6>& sliders) {
-    std::array<float, 6> angles{};
-    for (std::size_t k = 0; k < 6; ++k)
-      angles[k] = detail::wheelHueAngle(60.0f * static_cast<float>(k));
-    // Segments in order of their starting angle, so that the last one passed is the pixel's.
-    std::array<std::size_t, 6> order{0, 1, 2, 3, 4, 5};
-    std::sort(order.begin(), order.end(),
-              [&](std::size_t i, std::size_t j) { return angles[i] < angles[j]; });
-    for (std::size_t i = 0; i < 6; ++i) {
-      const std::size_t k = order[i];
-      const std::size_t next = (k + 1) % 6;
-      const float span = std::fmod(angles[next] - angles[k] + 2.0f * kTurn, kTurn);
-      start_[i] = angles[k];
-      scale_[i] = 1.0f / std::max(span, 1e-3f);
-      shift_[i] = -angles[k] * scale_[i] - 0.5f;
-      middle_[i] = 0.5f * (sliders[k] + sliders[next]);
-      change_[i] = sliders[next] - sliders[k];
-    }
-    // Below the first start, the last segment, which wraps around through pi.
-    wrapShift_ = shift_[5] + kTurn * scale_[5];
-  }
-  /// The gain at a hue angle in [-pi, pi].
-  float operator()(float angle) const {
-    float scale = scale_[5];
-    float shift = wrapShift_;
-    float middle = middle_[5];
-    float change = change_[5];
-    // Written out, each value read before its select: a loop here, or a read under the select,
-    // leaves the pixel loop unvectorised.
-    const auto pick = [&](std::size_t i) __attribute__((always_inline)) {
-      const float segmentScale = scale_[i];
-      const float segmentShift = shift_[i];
-      const float segmentMiddle = middle_[i];
-      const float segmentChange = change_[i];
-      const bool passed = angle >= start_[i];
-      scale = passed ? segmentScale : scale;
-      shift = passed ? segmentShift : shift;
-      middle = passed ? segmentMiddle : middle;
-      change = passed ? segmentChange : change;
-    };
-    pick(0);
-    pick(1);
-    pick(2);
-    pick(3);
-    pick(4);
-    pick(5);
-    // The place in the segment, from -1/2 at its start to 1/2 at its end; the picked segment
-    // holds the angle, so no clamp (a NaN angle comes with a NaN chroma, which decides).
-    const float x = std::fma(angle, scale, shift);
-    // The raised cosine 0.5 - 0.5 cos(pi (x + 1/2)) less its middle, 0.5 sin(pi x), as an odd
-    // polynomial (error below 4e-5, a tenth of what the hue angle's error makes).
-    const float x2 = x * x;
-    const float v = std::fma(
-        change,
-        std::fma(std::fma(1.1497733917e+00f, x2, -2.5684526057e+00f), x2, 1.5703200169e+00f) * x,
-        middle);
-    // At most half as light again or 40 % darker: a strong filter, short of clipping.
-    return v > 0.0f ? 0.5f * v : 0.4f * v;
-  }
-
- private:
-  static constexpr float kTurn = 2.0f * std::numbers::pi_v<float>;
-  std::array<float, 6> start_{};
-  std::array<float, 6> scale_{};
-  std::array<float, 6> shift_{};
-  std::array<float, 6> middle_{};
-  std::array<float, 6> change_{};
-  float wrapShift_ = 0.0f;
-};
+/// The full black-and-white mix: every pixel the neutral grey of Oklab lightness
+/// L (1 + strength gain), r = g = b exactly, one transfer curve per pixel where a colour takes
+/// three. The hues' gains take a pass of their own, where the vector unit reads them by permutes.
+std::unique_ptr<detail::RowKernel> greyMixKernel(const detail::HueGains& gains, float perChroma) {
+  return detail::finiteRowKernel(
+      [gains, perChroma](const PixelRGB<float>* in, PixelRGB<float>* out, std::size_t count) {
+        detail::forPlaneBlocks<true, detail::PlaneResult::GreyInR>(
+            [&](float* r, float* g, float* b, std::size_t n, std::size_t) {
+              detail::toLmsRoots(detail::kLinearSrgbToLms, r, g, b, n);
+              // Lightness, the mix's strength and the hue angle.
+              detail::adjustPlanes(
+                  [perChroma](float& l, float& m, float& s, std::size_t)
+                      __attribute__((always_inline)) {
+                        const Oklab lab = LmsRoot{l, m, s}.oklab();
+                        l = lab.L;
+                        m = std::min(detail::chroma(lab) * perChroma, 1.0f);
+                        s = detail::fastAtan2(lab.b, lab.a);
+                      },
+                  r, g, b, n);
+              gains.apply(b, n);
+              // A grey's cone responses are all its linear value, so that value is L^3.
+              detail::adjustPlanes(
+                  [](float& L, float& strength, float& gain, std::size_t)
+                      __attribute__((always_inline)) {
+                        const float grey = std::fma(L, strength * gain, L);
+                        L = grey * grey * grey;
+                      },
+                  r, g, b, n);
+            },
+            in, out, count);
+      });
+}
 
 }  // namespace
 
@@ -170,23 +129,16 @@ PointEffect::Kernel BWChannelsEffect::prepare(const Setup&) const {
   // The grey's lightness L (1 + strength gain) blended in by amount is L (1 + amount strength
   // gain): the amount goes into the strength, which it also bounds.
   const float perChroma = amount / kFullMixChroma;
-  const auto greyLightness = [ amount, perChroma, gains = HueGains(sliders) ](const Oklab& lab)
-      __attribute__((always_inline)) {
+  const detail::HueGains gains(sliders);
+  // The full mix, the usual black and white, keeps no colour: the picture is its greys.
+  if (amount == 1.0f) return greyMixKernel(gains, perChroma);
+  return detail::lmsRootKernel([ keep = 1.0f - amount, amount, perChroma,
+                                 gains ](LmsRoot & roots) __attribute__((always_inline)) {
+    const Oklab lab = roots.oklab();
     const float strength = std::min(detail::chroma(lab) * perChroma, amount);
     const float change = strength * gains(detail::fastAtan2(lab.b, lab.a));
-    return std::fma(lab.L, change, lab.L);
-  };
-  // The full mix, the usual black and white, keeps no colour: the picture is its greys.
-  if (amount == 1.0f) {
-    return detail::greyKernel([greyLightness](const LmsRoot& roots) __attribute__((always_inline)) {
-      return greyLightness(roots.oklab());
-    });
-  }
-  return detail::lmsRootKernel([ keep = 1.0f - amount, greyLightness ](LmsRoot & roots)
-                                   __attribute__((always_inline)) {
-                                     const Oklab lab = roots.oklab();
-                                     roots.reshape(lab.L, keep, greyLightness(lab));
-                                   });
+    roots.reshape(lab.L, keep, std::fma(lab.L, change, lab.L));
+  });
 }
 
 }  // namespace vorn
