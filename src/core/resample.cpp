@@ -1,4 +1,5 @@
 #include "core/resample.h"
+#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -141,6 +142,7 @@ bool resampleImage(const _ImageData<T>& src, const _Rect<int>& roi, _ImageData<T
   const bool shrinks = dst.width < region.width || dst.height < region.height;
   const int interpolation =
       shrinks ? cv::INTER_AREA : (highQuality ? cv::INTER_LANCZOS4 : cv::INTER_LINEAR);
+  openCvOnCpu();
   cv::resize(input, output, output.size(), 0, 0, interpolation);
   return output.data == reinterpret_cast<uchar*>(dst.data);
 }

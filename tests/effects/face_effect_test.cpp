@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 
@@ -114,6 +116,12 @@ TEST_F(FaceEffects, FindsTheFaceOfThePortraitAndItsEyes) {
     EXPECT_LT(face->eyes[0].x, face->eyes[1].x);
     EXPECT_LT(face->eyes[0].y, face->box.y + 0.6f * face->box.height);
   }
+  // Detection ran on the CPU without OpenCV probing for an OpenCL device, which loads the
+  // system's OpenCL loader and drivers into the process.
+  std::ifstream maps("/proc/self/maps");
+  const std::string mapped((std::istreambuf_iterator<char>(maps)),
+                           std::istreambuf_iterator<char>());
+  EXPECT_EQ(mapped.find("libOpenCL"), std::string::npos);
 }
 
 TEST_F(FaceEffects, SoftenerSmoothsTheFaceAndLeavesTheRestAlone) {

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/opencv_cpu.h"
 #include "effects/kernels/atrous.h"
 #include "effects/kernels/cloned_loop.h"
 #include "effects/kernels/decimate.h"
@@ -98,6 +99,7 @@ void shrinkLocalWiener(Plane& band, float t, const detail::RenderControl& contro
   });
   cv::Mat energyMat(band.height(), band.width(), CV_32FC1, energy.data());
   constexpr int kSide = 2 * kWienerRadius + 1;
+  detail::openCvOnCpu();
   cv::blur(energyMat, energyMat, cv::Size(kSide, kSide), cv::Point(-1, -1), cv::BORDER_REPLICATE);
   control.checkpoint();
   const float noise = t * t;

@@ -1,4 +1,5 @@
 #include "effects/face/face_detection.h"
+#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/objdetect.hpp>
@@ -118,6 +119,7 @@ std::vector<cv::Rect> detect(Cascade& cascade, const cv::Mat& gray, int minimumS
                              int neighbours) {
   std::vector<cv::Rect> found;
   const std::lock_guard<std::mutex> lock(cascade.mutex);
+  openCvOnCpu();
   cascade.classifier.detectMultiScale(gray, found, 1.1, neighbours, 0,
                                       cv::Size(minimumSide, minimumSide));
   // The classifier gathers hits from several threads; a fixed order keeps renders repeatable.

@@ -1,4 +1,5 @@
 #include "effects/kernels/guided_filter.h"
+#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -33,6 +34,7 @@ void filterInBands(const Plane& input, Plane& output, int radius, const RenderCo
       const int top = band * bandRows;
       const int bottom = std::min(top + bandRows, input.height());
       cv::Mat target = out.rowRange(top, bottom);
+      openCvOnCpu();
       filter(in.rowRange(top, bottom), target);
     }
   });
