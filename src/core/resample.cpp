@@ -1,5 +1,4 @@
 #include "core/resample.h"
-#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -10,6 +9,7 @@
 
 #include "core/image_data_internal.h"
 #include "core/kernels.h"
+#include "core/opencv_cpu.h"
 #include "core/parallel.h"
 #include "core/pixel_traits.h"
 

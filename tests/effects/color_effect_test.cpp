@@ -615,10 +615,9 @@ TEST(ColorCurvesTest, BlackAndWhiteGainsMeetTheSlidersAndEaseBetweenThem) {
   }
 }
 
-// The film looks' closed forms against the curves they are defined as, with their ends: below 0
-// (and NaN) the value at 0, above 1 the end slope.
 // The gains' pass (a count of starts passed and permutes where the CPU has AVX-512) against the
-// per-pixel selects, bit for bit: segment starts exactly, the wrap through pi, NaN and a tail.
+// per-pixel selects, bit for bit (segment starts exactly, the wrap through pi, NaN and a tail),
+// and both against the sliders at the wheel colours, which a CPU without AVX-512 checks alone.
 TEST(ColorCurvesTest, BlackAndWhiteGainPassMatchesThePerPixelGains) {
   const detail::HueGains gains({0.8f, -1.0f, 0.35f, 0.0f, -0.6f, 0.2f});
   std::vector<float> angles;
@@ -631,6 +630,13 @@ TEST(ColorCurvesTest, BlackAndWhiteGainPassMatchesThePerPixelGains) {
   std::vector<float> pass = angles;
   gains.apply(pass.data(), pass.size());
   ASSERT_NE(pass.size() % 16, 0u);
+  // At each wheel colour the gain is its slider's share: half of it lighter, 0.4 of it darker.
+  const std::array<float, 6> sliders = {0.8f, -1.0f, 0.35f, 0.0f, -0.6f, 0.2f};
+  const std::size_t starts = angles.size() - 5 - 18;
+  for (std::size_t k = 0; k < 6; ++k) {
+    const float share = sliders[k] > 0.0f ? 0.5f * sliders[k] : 0.4f * sliders[k];
+    EXPECT_NEAR(pass[starts + 3 * k], share, 1e-4f) << k;
+  }
   for (std::size_t i = 0; i < angles.size(); ++i) {
     const float one = gains(angles[i]);
     if (std::isnan(one)) {
@@ -642,6 +648,8 @@ TEST(ColorCurvesTest, BlackAndWhiteGainPassMatchesThePerPixelGains) {
   }
 }
 
+// The film looks' closed forms against the curves they are defined as, with their ends: below 0
+// (and NaN) the value at 0, above 1 the end slope.
 TEST(ColorCurvesTest, LookCurvesFollowTheirDefinitionsAndTheirEnds) {
   std::vector<PixelRGB<float>> pixels;
   for (int i = 0; i <= 50; ++i) {

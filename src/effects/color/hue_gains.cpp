@@ -1,9 +1,8 @@
 #include "effects/color/hue_gains.h"
 
-#include <immintrin.h>
-
 #include <algorithm>
 
+#include "effects/kernels/avx512_lanes.h"
 #include "effects/kernels/color_space.h"
 
 namespace vorn::detail {
@@ -34,46 +33,47 @@ HueGains::HueGains(const std::array<float, 6>& sliders) {
 
 namespace {
 
-__attribute__((target("avx512f"))) void applyAvx512(const std::array<float, 6>& start,
-                                                    const float* scales, const float* shifts,
-                                                    const float* middles, const float* changes,
-                                                    float* angles, std::size_t count) {
+/// Lane i: the table's lane index[i].
+VORN_AVX512 inline __m512 lookUp(__m512i index, __m512 table) {
+  return _mm512_maskz_permutexvar_ps(0xffff, index, table);
+}
+
+VORN_AVX512 void applyAvx512(const std::array<float, 6>& start, const float* scales,
+                             const float* shifts, const float* middles, const float* changes,
+                             float* angles, std::size_t count) {
   const __m512 scaleTable = _mm512_loadu_ps(scales);
   const __m512 shiftTable = _mm512_loadu_ps(shifts);
   const __m512 middleTable = _mm512_loadu_ps(middles);
   const __m512 changeTable = _mm512_loadu_ps(changes);
-  for (std::size_t i = 0; i < count; i += 16) {
-    const __mmask16 lanes =
-        static_cast<__mmask16>(count - i >= 16 ? 0xffffu : (1u << (count - i)) - 1u);
-    const __m512 angle = _mm512_maskz_loadu_ps(lanes, angles + i);
+  forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
+    const __m512 angle = loadLanesAvx512(angles + i, n);
     // NaN passes no start, as in the selects.
     __m512i passed = _mm512_setzero_si512();
     for (const float s : start)
       passed =
           _mm512_mask_add_epi32(passed, _mm512_cmp_ps_mask(angle, _mm512_set1_ps(s), _CMP_GE_OQ),
                                 passed, _mm512_set1_epi32(1));
-    const __m512 x = _mm512_fmadd_ps(angle, _mm512_maskz_permutexvar_ps(0xffff, passed, scaleTable),
-                                     _mm512_maskz_permutexvar_ps(0xffff, passed, shiftTable));
+    // The steps of HueGains::gainIn, in its order.
+    const __m512 x = _mm512_fmadd_ps(angle, lookUp(passed, scaleTable), lookUp(passed, shiftTable));
     const __m512 x2 = _mm512_mul_ps(x, x);
     const __m512 sine =
         _mm512_mul_ps(_mm512_fmadd_ps(_mm512_fmadd_ps(_mm512_set1_ps(HueGains::kSine[0]), x2,
                                                       _mm512_set1_ps(HueGains::kSine[1])),
                                       x2, _mm512_set1_ps(HueGains::kSine[2])),
                       x);
-    const __m512 v = _mm512_fmadd_ps(_mm512_maskz_permutexvar_ps(0xffff, passed, changeTable), sine,
-                                     _mm512_maskz_permutexvar_ps(0xffff, passed, middleTable));
+    const __m512 v =
+        _mm512_fmadd_ps(lookUp(passed, changeTable), sine, lookUp(passed, middleTable));
     const __mmask16 lighter = _mm512_cmp_ps_mask(v, _mm512_setzero_ps(), _CMP_GT_OQ);
     const __m512 gain = _mm512_mask_mul_ps(_mm512_mul_ps(v, _mm512_set1_ps(0.4f)), lighter, v,
                                            _mm512_set1_ps(0.5f));
-    _mm512_mask_storeu_ps(angles + i, lanes, gain);
-  }
+    storeLanesAvx512(angles + i, gain, n);
+  });
 }
 
 }  // namespace
 
 void HueGains::apply(float* angles, std::size_t count) const {
-  static const bool avx512 = __builtin_cpu_supports("avx512f") != 0;
-  if (avx512) {
+  if (hasAvx512()) {
     applyAvx512(start_, scale_.data(), shift_.data(), middle_.data(), change_.data(), angles,
                 count);
     return;

@@ -48,6 +48,10 @@ class HueGains {
   /// AVX-512 the segment's numbers come from a count of starts passed and four permutes.
   void apply(float* angles, std::size_t count) const;
 
+  static constexpr std::array<float, 3> kSine = {1.1497733917e+00f, -2.5684526057e+00f,
+                                                 1.5703200169e+00f};
+
+ private:
   /// The gain at an angle of the segment with these numbers.
   static float gainIn(float angle, float scale, float shift, float middle, float change) {
     // The place in the segment, from -1/2 at its start to 1/2 at its end; the picked segment
@@ -62,10 +66,6 @@ class HueGains {
     return v > 0.0f ? 0.5f * v : 0.4f * v;
   }
 
-  static constexpr std::array<float, 3> kSine = {1.1497733917e+00f, -2.5684526057e+00f,
-                                                 1.5703200169e+00f};
-
- private:
   static constexpr float kTurn = 2.0f * std::numbers::pi_v<float>;
   /// Segment starts in increasing order.
   std::array<float, 6> start_{};

@@ -1,5 +1,4 @@
 #include "effects/face/face_detection.h"
-#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/objdetect.hpp>
@@ -16,6 +15,7 @@
 #include <set>
 #include <tuple>
 
+#include "core/opencv_cpu.h"
 #include "vorn/core/data_store.h"
 #include "vorn/core/log.h"
 

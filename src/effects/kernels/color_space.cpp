@@ -1,8 +1,7 @@
 #include "effects/kernels/color_space.h"
 
 #include "core/dispatch.h"
-
-#include <immintrin.h>
+#include "effects/kernels/avx512_lanes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -124,18 +123,6 @@ const CurveTables& curveTables() {
   return tables;
 }
 
-bool hasAvx512() {
-  static const bool supported = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") != 0;
-  }();
-  return supported;
-}
-
-#define VORN_AVX512 __attribute__((target("avx512f")))
-// For the bodies of loops given as closures: a closure does not inherit its function's target.
-#define VORN_AVX512_INLINE __attribute__((always_inline, target("avx512f")))
-
 // Zero-masked forms with whole masks below: the plain ones start from an undefined vector, which
 // GCC 12 warns of as an uninitialised read.
 
@@ -248,35 +235,6 @@ VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
   return {{_mm512_loadu_ps(table), _mm512_loadu_ps(table + 16)},
           1.0f / kSrgbSlopeAtOne,
           std::numeric_limits<float>::max()};
-}
-
-/// The first `values` of 16 lanes.
-inline __mmask16 firstLanes(std::size_t values) {
-  return static_cast<__mmask16>((1u << (values < 16 ? values : 16)) - 1u);
-}
-
-/// The first n of 16 lanes of v stored at out.
-VORN_AVX512 inline void storeLanesAvx512(float* out, __m512 v, std::size_t n) {
-  if (n == 16) {
-    _mm512_storeu_ps(out, v);
-  } else {
-    _mm512_mask_storeu_ps(out, firstLanes(n), v);
-  }
-}
-
-/// The first n of 16 values at in, the rest zero.
-VORN_AVX512 inline __m512 loadLanesAvx512(const float* in, std::size_t n) {
-  return n == 16 ? _mm512_loadu_ps(in) : _mm512_maskz_loadu_ps(firstLanes(n), in);
-}
-
-/// body(i, n) for the vectors of count values or pixels, n of them in the vector: the constant
-/// 16 in the main loop, so that it compiles without masks or tail branches, and once more for
-/// the rest, below 16.
-template <typename Body>
-VORN_AVX512 inline void forVectors(std::size_t count, const Body& body) {
-  std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) body(i, std::integral_constant<std::size_t, 16>{});
-  if (i < count) body(i, count - i);
 }
 
 /// out[i] = curve(in[i]) for count values; in may be out. Runs of 16 inside [0, 1] take the unit
@@ -429,10 +387,8 @@ VORN_AVX512 void encodeGreyFromPlaneAvx512(const float* y, float* out, std::size
   const auto curve = encodeCurveAvx512();
   forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
     const __m512 v = curve(maxAvx512(loadLanesAvx512(y + i, n), _mm512_setzero_ps()));
-    for (std::size_t part = 0; part < 3; ++part) {
-      const __m512i index = _mm512_loadu_si512(kPixelShuffles.grey[part].data());
-      storePartAvx512(_mm512_maskz_permutexvar_ps(0xffff, index, v), part, out + 3 * i, n);
-    }
+    for (std::size_t part = 0; part < 3; ++part)
+      storePartAvx512(permuteAvx512(kPixelShuffles.grey[part], v), part, out + 3 * i, n);
   });
 }
 

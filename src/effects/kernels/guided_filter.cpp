@@ -1,10 +1,10 @@
 #include "effects/kernels/guided_filter.h"
-#include "core/opencv_cpu.h"
 
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
 
+#include "core/opencv_cpu.h"
 #include "effects/render.h"
 
 namespace vorn::detail {
