@@ -73,6 +73,13 @@ TEST(ColorSpaceTest, OklabAndTransferMatchReferenceAndRoundTrip) {
   std::vector<float> values;
   for (float v = -2.0f; v < 4.0f; v += 0.0037f) values.push_back(v);
   values.insert(values.end(), {std::nanf(""), INFINITY, -INFINITY, 0.0f, 1.0f});
+  // A toe's last value among values above it: whatever the vector holding it, that vector must
+  // still take the toe.
+  for (const float toeEnd : {0.04045f, 0.0031308f}) {
+    values.insert(values.end(), 16, 0.5f);
+    values.push_back(toeEnd);
+    values.insert(values.end(), 16, 0.5f);
+  }
   std::vector<float> decoded(values.size());
   std::vector<float> encoded(values.size());
   transfer.decode.apply(values.data(), decoded.data(), values.size());

@@ -102,20 +102,9 @@ std::array<float, 16> binadeScales(const std::array<float, Bits>& steps) {
   return scales;
 }
 
-/// encodeScale's value for each exponent field E modulo 16 and each half of the binade, at
-/// (E modulo 16) * 2 + half: the index of two-register permutes.
-std::array<float, 32> encodeScales() {
-  std::array<float, 32> scales{};
-  for (std::uint32_t k = 0; k < 32; ++k) {
-    float f;
-    scales[k] = encodeScale(std::bit_cast<float>((112u + k / 2) << 23 | (k % 2) << 22), f);
-  }
-  return scales;
-}
-
 struct CurveTables {
   std::array<float, 16> decode = binadeScales(kDecodeSteps);
-  std::array<float, 32> encode = encodeScales();
+  std::array<float, 16> encode = binadeScales(kEncodeSteps);
 };
 
 const CurveTables& curveTables() {
@@ -160,41 +149,47 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
-/// srgbDecodeUnit for 16 values; scales[0] holds binadeScales.
-VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, const __m512* scales) {
+/// srgbDecodeUnit for 16 values above its toe; scales holds binadeScales.
+VORN_AVX512 inline __m512 decodeAboveToeAvx512(__m512 m, __m512 scales) {
   const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
-  const __m512 scale = binadeScaleAvx512(t, f, scales[0]);
-  const __m512 power = _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
-  return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
+  const __m512 scale = binadeScaleAvx512(t, f, scales);
+  return _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
+}
+
+/// srgbDecodeUnit for 16 values.
+VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
+  return _mm512_mask_mul_ps(decodeAboveToeAvx512(m, scales),
+                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(1.0f / 12.92f));
 }
 
-/// srgbEncodeUnit for 16 values; scales[0] and scales[1] hold encodeScales.
-VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, const __m512* scales) {
-  const __m512i bits = _mm512_castps_si512(m);
-  __m512 f = _mm512_maskz_getmant_ps(0xffff, m, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
-  f = _mm512_mask_mul_ps(f, _mm512_test_epi32_mask(bits, _mm512_set1_epi32(0x00400000)), f,
-                         _mm512_set1_ps(2.0f / 3.0f));
-  // The permute reads the low five bits of each index: four of the exponent, the half's bit.
-  const __m512 scale =
-      _mm512_permutex2var_ps(scales[0], _mm512_maskz_srli_epi32(0xffff, bits, 22), scales[1]);
-  const __m512 root =
-      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
-  return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
+/// srgbEncodeUnit for 16 values above its toe; scales holds binadeScales.
+VORN_AVX512 inline __m512 encodeAboveToeAvx512(__m512 m, __m512 scales) {
+  __m512 f;
+  const __m512 scale = binadeScaleAvx512(m, f, scales);
+  return _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
+}
+
+/// srgbEncodeUnit for 16 values.
+VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
+  return _mm512_mask_mul_ps(encodeAboveToeAvx512(m, scales),
+                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(12.92f));
 }
 
-using UnitCurveAvx512 = __m512 (*)(__m512, const __m512*);
+using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
 
 /// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
 /// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
 /// ending at `limit`, the sign of x, NaN as 0).
-template <UnitCurveAvx512 Unit>
+template <UnitCurveAvx512 Unit, UnitCurveAvx512 AboveToe>
 struct CurveAvx512 {
-  __m512 scales[2];
+  __m512 scales;
   float slope;
   float limit;
+  /// The largest value the toe's straight line takes, as its bits.
+  std::uint32_t toeEnd;
 
   VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
   /// The curve for x without negative values or NaN.
@@ -211,30 +206,33 @@ struct CurveAvx512 {
   VORN_AVX512 __m512 whole(__m512 x) const {
     return copySignAvx512(positive(magnitudeAvx512(x)), x);
   }
-  /// Vectors wholly inside [0, 1] take the unit curve alone, those above it only the line.
+  /// Vectors wholly inside (toe, 1] take the power alone, those inside [0, 1] the unit curve, and
+  /// those above it only the line.
   VORN_AVX512 __m512 operator()(__m512 x) const {
-    // As unsigned integers, negative values and NaN lie above 1.
+    // As unsigned integers, negative values and NaN lie above 1; less the toe's end and one,
+    // the toe wraps round above them too.
     const __m512i bits = _mm512_castps_si512(x);
+    const auto pastToe = static_cast<int>(toeEnd + 1u);
     // Expected: laid out as the straight path, the usual case runs without a taken branch.
-    if (__builtin_expect(_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff, 1))
-      return unit(x);
+    if (__builtin_expect(_mm512_cmple_epu32_mask(_mm512_sub_epi32(bits, _mm512_set1_epi32(pastToe)),
+                                                 _mm512_set1_epi32(0x3f800000 - pastToe)) == 0xffff,
+                         1))
+      return AboveToe(x, scales);
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
     // At most +infinity as unsigned integers: no sign bit and no NaN.
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
     return whole(x);
   }
 };
 
-VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
-  return {{_mm512_loadu_ps(curveTables().decode.data()), _mm512_setzero_ps()},
-          kSrgbSlopeAtOne,
-          std::numeric_limits<float>::infinity()};
+VORN_AVX512 inline CurveAvx512<decodeUnitAvx512, decodeAboveToeAvx512> decodeCurveAvx512() {
+  return {_mm512_loadu_ps(curveTables().decode.data()), kSrgbSlopeAtOne,
+          std::numeric_limits<float>::infinity(), std::bit_cast<std::uint32_t>(0.04045f)};
 }
 
-VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
-  const float* table = curveTables().encode.data();
-  return {{_mm512_loadu_ps(table), _mm512_loadu_ps(table + 16)},
-          1.0f / kSrgbSlopeAtOne,
-          std::numeric_limits<float>::max()};
+VORN_AVX512 inline CurveAvx512<encodeUnitAvx512, encodeAboveToeAvx512> encodeCurveAvx512() {
+  return {_mm512_loadu_ps(curveTables().encode.data()), 1.0f / kSrgbSlopeAtOne,
+          std::numeric_limits<float>::max(), std::bit_cast<std::uint32_t>(0.0031308f)};
 }
 
 /// out[i] = curve(in[i]) for count values; in may be out. Runs of 16 inside [0, 1] take the unit
