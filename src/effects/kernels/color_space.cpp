@@ -206,18 +206,28 @@ struct CurveAvx512 {
   VORN_AVX512 __m512 whole(__m512 x) const {
     return copySignAvx512(positive(magnitudeAvx512(x)), x);
   }
+  VORN_AVX512 __m512 operator()(__m512 x) const { return curveOf<false>(x); }
+  /// The curve for x clipped at black (NaN too).
+  VORN_AVX512 __m512 ofClipped(__m512 x) const { return curveOf<true>(x); }
+
   /// Vectors wholly inside (toe, 1] take the power alone, those inside [0, 1] the unit curve, and
-  /// those above it only the line.
-  VORN_AVX512 __m512 operator()(__m512 x) const {
+  /// those above it only the line. The first kind needs no clip at black.
+  template <bool ClipBlack>
+  VORN_AVX512 __m512 curveOf(__m512 x) const {
     // As unsigned integers, negative values and NaN lie above 1; less the toe's end and one,
     // the toe wraps round above them too.
-    const __m512i bits = _mm512_castps_si512(x);
+    __m512i bits = _mm512_castps_si512(x);
     const auto pastToe = static_cast<int>(toeEnd + 1u);
     // Expected: laid out as the straight path, the usual case runs without a taken branch.
     if (__builtin_expect(_mm512_cmple_epu32_mask(_mm512_sub_epi32(bits, _mm512_set1_epi32(pastToe)),
                                                  _mm512_set1_epi32(0x3f800000 - pastToe)) == 0xffff,
                          1))
       return AboveToe(x, scales);
+    if constexpr (ClipBlack) {
+      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
+      x = maxAvx512(x, _mm512_setzero_ps());
+      bits = _mm512_castps_si512(x);
+    }
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
     // At most +infinity as unsigned integers: no sign bit and no NaN.
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
@@ -372,9 +382,7 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
     __m512 x[3];
     for (std::size_t c = 0; c < 3; ++c) {
       x[c] = loadLanesAvx512(in[c] + i, n);
-      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
-      if constexpr (Clip) x[c] = maxAvx512(x[c], _mm512_setzero_ps());
-      x[c] = curve(x[c]);
+      x[c] = Clip ? curve.ofClipped(x[c]) : curve(x[c]);
     }
     storePixelsAvx512(x, out + 3 * i, n);
   });
@@ -384,7 +392,7 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
 VORN_AVX512 void encodeGreyFromPlaneAvx512(const float* y, float* out, std::size_t count) {
   const auto curve = encodeCurveAvx512();
   forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
-    const __m512 v = curve(maxAvx512(loadLanesAvx512(y + i, n), _mm512_setzero_ps()));
+    const __m512 v = curve.ofClipped(loadLanesAvx512(y + i, n));
     for (std::size_t part = 0; part < 3; ++part)
       storePartAvx512(permuteAvx512(kPixelShuffles.grey[part], v), part, out + 3 * i, n);
   });
