@@ -399,9 +399,9 @@ class HueWindow {
   float weight(float a, float b, float c) const {
     // The step's scale is folded into the centre and the edge.
     // Fused multiply-adds: fewer vector instructions, and one rounding on every CPU.
-    float t = std::fma(a, centre_.cosine, b * centre_.sine) / (c + 1e-12f) - edge_;
-    // At most 1 but for rounding, where the step is flat. NaN goes to either end: a NaN
-    // colour's roots stay NaN whatever its weight, and encode to black.
+    float t = std::fma(a, centre_.cosine, b * centre_.sine) / c - edge_;
+    // At most 1 but for rounding, where the step is flat. NaN goes to either end: a grey's
+    // 0 / 0 then meets a fade of 0, and a NaN colour's roots stay NaN whatever its weight.
     t = unitClampBits(t);
     const float grey = unitClampBits(c * (1.0f / kNeutralChroma));
     return t * t * std::fma(-2.0f, t, 3.0f) * grey;
