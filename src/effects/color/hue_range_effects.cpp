@@ -32,7 +32,8 @@ inline float lightnessContrast(float L, float k) {
 PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
-  // Per-call factors folded: 1 + 0.6 w + 0.15 amount and 0.3 w, w the weight times amount.
+  // Per-call factors folded: chroma times 1 + 0.6 w + 0.15 amount, lightness times
+  // 1 - 0.3 w bright, w the weight times amount.
   const float richer = 1.0f + 0.15f * amount;
   const float deeper = 0.6f * amount;
   const float darker = 0.3f * amount;
@@ -42,8 +43,10 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
     const Oklab lab = roots.oklab();
     const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
     // The gain is at least 1: no clamp.
-    roots.reshape(lab.L, std::fma(deeper, w, richer),
-                  lab.L * std::fma(-darker * w, bright(lab.L), 1.0f));
+    const float gain = std::fma(deeper, w, richer);
+    // New lightness L (1 - darker w bright) less gain L, folded into one factor of L.
+    roots.scaleAndLift(
+        gain, lab.L * std::fma(-w, std::fma(darker, bright(lab.L), deeper), 1.0f - richer));
   });
 }
 

@@ -302,11 +302,12 @@ struct LmsRoot {
     return std::fma(k[0], l, std::fma(k[1], m, k[2] * s));
   }
   /// The colour with Oklab chroma times gain and lightness moved from L to newL (L its own).
-  void reshape(float L, float gain, float newL) {
-    const float grey = std::fma(-gain, L, newL);
-    l = std::fma(gain, l, grey);
-    m = std::fma(gain, m, grey);
-    s = std::fma(gain, s, grey);
+  void reshape(float L, float gain, float newL) { scaleAndLift(gain, std::fma(-gain, L, newL)); }
+  /// The roots times gain plus lift: Oklab chroma times gain, lightness gain L + lift.
+  void scaleAndLift(float gain, float lift) {
+    l = std::fma(gain, l, lift);
+    m = std::fma(gain, m, lift);
+    s = std::fma(gain, s, lift);
   }
   /// The colour moved by w times the Oklab difference whose roots' difference is d.
   void add(float w, const LmsRoot& d) {
