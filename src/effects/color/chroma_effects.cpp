@@ -21,11 +21,13 @@ constexpr float kStrongChroma = 0.25f;
 /// How much vibrance may act on a colour of chroma c: fully on grey-ish colours, not at all on
 /// strong ones, and less on skin so faces do not turn orange.
 struct VibranceWeight {
-  detail::HueWindow skin{detail::wheelHue(25.0f), 35.0f};
+  /// Skin keeps 0.3 of the weight: the window's peak is the share taken away.
+  detail::HueWindow skin{detail::wheelHue(25.0f), 35.0f, 0.7f};
   float operator()(float a, float b, float c) const {
     // At most 1: only the low side is cut.
     const float room = detail::unitClampBits(std::fma(c, -1.0f / kStrongChroma, 1.0f));
-    return room * room * std::fma(-0.7f, skin.weight(a, b, c), 1.0f);
+    const float roomSquared = room * room;
+    return std::fma(-roomSquared, skin.weight(a, b, c), roomSquared);
   }
 };
 

@@ -561,7 +561,8 @@ HueDirection wheelHue(float degrees) {
   return {std::cos(angle), std::sin(angle)};
 }
 
-HueWindow::HueWindow(HueDirection centre, float halfWidthDegrees) {
+HueWindow::HueWindow(HueDirection centre, float halfWidthDegrees, float peak)
+    : peak_(std::clamp(peak, 0.0f, 1.0f)), fadeSlope_(peak_ / kNeutralChroma) {
   const float edge =
       std::cos(std::clamp(halfWidthDegrees, 1.0f, 179.0f) * std::numbers::pi_v<float> / 180.0f);
   const float scale = 1.0f / (1.0f - edge);

@@ -376,12 +376,17 @@ float wheelHueAngle(float degrees);
 /// near-neutral areas cannot flicker between hues.
 inline constexpr float kNeutralChroma = 0.03f;
 
+/// v clamped to [0, top] for top >= 0 (NaN to either end) by its bits, as unitClampBits.
+inline float clampBits(float v, float top) {
+  const std::int32_t bits = std::bit_cast<std::int32_t>(v);
+  return std::bit_cast<float>(std::min(std::max(bits, 0), std::bit_cast<std::int32_t>(top)));
+}
+
 /// v clamped to [0, 1] (NaN to either end) by its bits: non-negative floats order as their bits
 /// do as integers. Two integer min/max, where GCC splits a float clamp into compares and masked
 /// moves, and a compare costs the vector unit as much as a multiply-add.
 inline float unitClampBits(float v) {
-  const std::int32_t bits = std::bit_cast<std::int32_t>(v);
-  return std::bit_cast<float>(std::min(std::max(bits, 0), std::bit_cast<std::int32_t>(1.0f)));
+  return clampBits(v, 1.0f);
 }
 
 /// v clamped to [0, 1], NaN to 0: one select after the other takes fewer vector instructions
@@ -395,7 +400,8 @@ inline float intoUnitInterval(float v) {
 /// cosine of the hue difference between (no hue angle, no seam at +-180 degrees).
 class HueWindow {
  public:
-  HueWindow(HueDirection centre, float halfWidthDegrees);
+  /// peak in (0, 1] scales the weights: one multiply fewer than scaling them after.
+  HueWindow(HueDirection centre, float halfWidthDegrees, float peak = 1.0f);
   /// The window's weight for (a, b) of chroma c, faded out towards grey.
   float weight(float a, float b, float c) const {
     // The step's scale is folded into the centre and the edge.
@@ -404,13 +410,16 @@ class HueWindow {
     // At most 1 but for rounding, where the step is flat. NaN goes to either end: a grey's
     // 0 / 0 then meets a fade of 0, and a NaN colour's roots stay NaN whatever its weight.
     t = unitClampBits(t);
-    const float grey = unitClampBits(c * (1.0f / kNeutralChroma));
+    // The fade towards grey rises to the peak.
+    const float grey = clampBits(c * fadeSlope_, peak_);
     return t * t * std::fma(-2.0f, t, 3.0f) * grey;
   }
 
  private:
   HueDirection centre_;
   float edge_;
+  float peak_;
+  float fadeSlope_;
 };
 
 }  // namespace vorn::detail
