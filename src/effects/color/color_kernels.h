@@ -226,6 +226,11 @@ struct FusedStep {
     const float t = at(x);
     return std::fma(t * t, std::fma(2.0f, t, -3.0f), 1.0f);
   }
+  /// base + k times the step, k folded into the cubic: no more operations than the step alone.
+  float scaledFrom(float base, float k, float x) const {
+    const float t = at(x);
+    return std::fma(t * t, std::fma(-2.0f * k, t, 3.0f * k), base);
+  }
   float at(float x) const { return unitClampBits(std::fma(x, scale, offset)); }
   float scale;
   float offset;

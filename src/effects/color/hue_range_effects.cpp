@@ -46,7 +46,7 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
     const float gain = std::fma(deeper, w, richer);
     // New lightness L (1 - darker w bright) less gain L, folded into one factor of L.
     roots.scaleAndLift(
-        gain, lab.L * std::fma(-w, std::fma(darker, bright(lab.L), deeper), 1.0f - richer));
+        gain, lab.L * std::fma(-w, bright.scaledFrom(deeper, darker, lab.L), 1.0f - richer));
   });
 }
 
