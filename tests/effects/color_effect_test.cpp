@@ -280,6 +280,9 @@ TEST(ColorSpaceTest, FusedStepsAndTheBitClampHoldAtTheirEdges) {
     const float x = static_cast<float>(i) / 20.0f;
     EXPECT_NEAR(step(x), detail::smoothStep(0.35f, 0.8f, x), 1e-6f) << x;
     EXPECT_NEAR(step.falling(x), 1.0f - detail::smoothStep(0.35f, 0.8f, x), 1e-6f) << x;
+    EXPECT_NEAR(step.scaledFrom(0.3f, -0.45f, x), 0.3f - 0.45f * detail::smoothStep(0.35f, 0.8f, x),
+                1e-6f)
+        << x;
   }
   // The bit clamp is exact where it matters: both zeros, the subnormals, just inside and
   // outside 1, the infinities; NaN lands on an end rather than passing through.
@@ -296,6 +299,25 @@ TEST(ColorSpaceTest, FusedStepsAndTheBitClampHoldAtTheirEdges) {
   }
   const float nan = detail::unitClampBits(std::numeric_limits<float>::quiet_NaN());
   EXPECT_TRUE(nan == 0.0f || nan == 1.0f);
+  // A lower top: held exactly, and the values under it kept.
+  EXPECT_EQ(detail::clampBits(0.9f, 0.7f), 0.7f);
+  EXPECT_EQ(detail::clampBits(0.69f, 0.7f), 0.69f);
+  EXPECT_EQ(detail::clampBits(-0.1f, 0.7f), 0.0f);
+}
+
+// A window's peak scales its weights everywhere, the fade towards grey included.
+TEST(ColorSpaceTest, HueWindowPeakScalesItsWeights) {
+  const detail::HueWindow full(detail::wheelHue(25.0f), 35.0f);
+  const detail::HueWindow lower(detail::wheelHue(25.0f), 35.0f, 0.7f);
+  float largest = 0.0f;
+  for (float hue = -3.1f; hue < 3.2f; hue += 0.05f) {
+    for (const float c : {0.0f, 0.01f, 0.029f, 0.05f, 0.2f}) {
+      const float a = c * std::cos(hue), b = c * std::sin(hue);
+      EXPECT_NEAR(lower.weight(a, b, c), 0.7f * full.weight(a, b, c), 1e-6f) << hue << " " << c;
+      largest = std::max(largest, lower.weight(a, b, c));
+    }
+  }
+  EXPECT_NEAR(largest, 0.7f, 0.01f);
 }
 
 TEST(ColorSpaceTest, ChannelCurveFollowsItsFunctionAndContinuesPastItsEnds) {
