@@ -219,12 +219,12 @@ struct FusedStep {
       : scale(1.0f / (edge1 - edge0)), offset(-edge0 * (1.0f / (edge1 - edge0))) {}
   float operator()(float x) const {
     const float t = at(x);
-    return t * t * std::fma(-2.0f, t, 3.0f);
+    return t * t * threeLessTwice(t);
   }
   /// 1 minus the step, in one fused multiply-add more rather than a subtraction after it.
   float falling(float x) const {
     const float t = at(x);
-    return std::fma(t * t, std::fma(2.0f, t, -3.0f), 1.0f);
+    return std::fma(t * t, -threeLessTwice(t), 1.0f);
   }
   /// base + k times the step, k folded into the cubic: no more operations than the step alone.
   float scaledFrom(float base, float k, float x) const {
