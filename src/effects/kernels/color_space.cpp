@@ -149,23 +149,32 @@ VORN_AVX512 inline __m512 copySignAvx512(__m512 y, __m512 x) {
                                 _mm512_castps_si512(x), _mm512_castps_si512(y), 0xca));
 }
 
-/// srgbDecodeUnit for 16 values; scales holds binadeScales.
-VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
+/// srgbDecodeUnit for 16 values above its toe; scales holds binadeScales.
+VORN_AVX512 inline __m512 decodeAboveToeAvx512(__m512 m, __m512 scales) {
   const __m512 t = _mm512_add_ps(m, _mm512_set1_ps(0.055f));
   __m512 f;
   const __m512 scale = binadeScaleAvx512(t, f, scales);
-  const __m512 power = _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
-  return _mm512_mask_mul_ps(power, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
+  return _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
+}
+
+/// srgbDecodeUnit for 16 values.
+VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
+  return _mm512_mask_mul_ps(decodeAboveToeAvx512(m, scales),
+                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(1.0f / 12.92f));
 }
 
-/// srgbEncodeUnit for 16 values; scales holds binadeScales.
-VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
+/// srgbEncodeUnit for 16 values above its toe; scales holds binadeScales.
+VORN_AVX512 inline __m512 encodeAboveToeAvx512(__m512 m, __m512 scales) {
   __m512 f;
   const __m512 scale = binadeScaleAvx512(m, f, scales);
-  const __m512 root =
-      _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
-  return _mm512_mask_mul_ps(root, _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
+  return _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
+}
+
+/// srgbEncodeUnit for 16 values.
+VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
+  return _mm512_mask_mul_ps(encodeAboveToeAvx512(m, scales),
+                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
                             _mm512_set1_ps(12.92f));
 }
 
@@ -174,11 +183,13 @@ using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
 /// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
 /// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
 /// ending at `limit`, the sign of x, NaN as 0).
-template <UnitCurveAvx512 Unit>
+template <UnitCurveAvx512 Unit, UnitCurveAvx512 AboveToe>
 struct CurveAvx512 {
   __m512 scales;
   float slope;
   float limit;
+  /// The largest value the toe's straight line takes, as its bits.
+  std::uint32_t toeEnd;
 
   VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
   /// The curve for x without negative values or NaN.
@@ -195,27 +206,43 @@ struct CurveAvx512 {
   VORN_AVX512 __m512 whole(__m512 x) const {
     return copySignAvx512(positive(magnitudeAvx512(x)), x);
   }
-  /// Vectors wholly inside [0, 1] take the unit curve alone, those above it only the line.
-  VORN_AVX512 __m512 operator()(__m512 x) const {
-    // As unsigned integers, negative values and NaN lie above 1.
-    const __m512i bits = _mm512_castps_si512(x);
+  VORN_AVX512 __m512 operator()(__m512 x) const { return curveOf<false>(x); }
+  /// The curve for x clipped at black (NaN too).
+  VORN_AVX512 __m512 ofClipped(__m512 x) const { return curveOf<true>(x); }
+
+  /// Vectors wholly inside (toe, 1] take the power alone, those inside [0, 1] the unit curve, and
+  /// those above it only the line. The first kind needs no clip at black.
+  template <bool ClipBlack>
+  VORN_AVX512 __m512 curveOf(__m512 x) const {
+    // As unsigned integers, negative values and NaN lie above 1; less the toe's end and one,
+    // the toe wraps round above them too.
+    __m512i bits = _mm512_castps_si512(x);
+    const auto pastToe = static_cast<int>(toeEnd + 1u);
     // Expected: laid out as the straight path, the usual case runs without a taken branch.
-    if (__builtin_expect(_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff, 1))
-      return unit(x);
+    if (__builtin_expect(_mm512_cmple_epu32_mask(_mm512_sub_epi32(bits, _mm512_set1_epi32(pastToe)),
+                                                 _mm512_set1_epi32(0x3f800000 - pastToe)) == 0xffff,
+                         1))
+      return AboveToe(x, scales);
+    if constexpr (ClipBlack) {
+      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
+      x = maxAvx512(x, _mm512_setzero_ps());
+      bits = _mm512_castps_si512(x);
+    }
+    if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x3f800000)) == 0xffff) return unit(x);
     // At most +infinity as unsigned integers: no sign bit and no NaN.
     if (_mm512_cmple_epu32_mask(bits, _mm512_set1_epi32(0x7f800000)) == 0xffff) return positive(x);
     return whole(x);
   }
 };
 
-VORN_AVX512 inline CurveAvx512<decodeUnitAvx512> decodeCurveAvx512() {
+VORN_AVX512 inline CurveAvx512<decodeUnitAvx512, decodeAboveToeAvx512> decodeCurveAvx512() {
   return {_mm512_loadu_ps(curveTables().decode.data()), kSrgbSlopeAtOne,
-          std::numeric_limits<float>::infinity()};
+          std::numeric_limits<float>::infinity(), std::bit_cast<std::uint32_t>(0.04045f)};
 }
 
-VORN_AVX512 inline CurveAvx512<encodeUnitAvx512> encodeCurveAvx512() {
+VORN_AVX512 inline CurveAvx512<encodeUnitAvx512, encodeAboveToeAvx512> encodeCurveAvx512() {
   return {_mm512_loadu_ps(curveTables().encode.data()), 1.0f / kSrgbSlopeAtOne,
-          std::numeric_limits<float>::max()};
+          std::numeric_limits<float>::max(), std::bit_cast<std::uint32_t>(0.0031308f)};
 }
 
 /// out[i] = curve(in[i]) for count values; in may be out. Runs of 16 inside [0, 1] take the unit
@@ -355,9 +382,7 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
     __m512 x[3];
     for (std::size_t c = 0; c < 3; ++c) {
       x[c] = loadLanesAvx512(in[c] + i, n);
-      // max(x, 0) is 0 for NaN and -0 too, as clippedIf.
-      if constexpr (Clip) x[c] = maxAvx512(x[c], _mm512_setzero_ps());
-      x[c] = curve(x[c]);
+      x[c] = Clip ? curve.ofClipped(x[c]) : curve(x[c]);
     }
     storePixelsAvx512(x, out + 3 * i, n);
   });
@@ -367,7 +392,7 @@ VORN_AVX512 void encodeFromPlanesAvx512(const float* r, const float* g, const fl
 VORN_AVX512 void encodeGreyFromPlaneAvx512(const float* y, float* out, std::size_t count) {
   const auto curve = encodeCurveAvx512();
   forVectors(count, [&](std::size_t i, auto n) VORN_AVX512_INLINE {
-    const __m512 v = curve(maxAvx512(loadLanesAvx512(y + i, n), _mm512_setzero_ps()));
+    const __m512 v = curve.ofClipped(loadLanesAvx512(y + i, n));
     for (std::size_t part = 0; part < 3; ++part)
       storePartAvx512(permuteAvx512(kPixelShuffles.grey[part], v), part, out + 3 * i, n);
   });
