@@ -33,20 +33,18 @@ PointEffect::Kernel PolarizeEffect::prepare(const Setup&) const {
   const float amount = mappedValue(0, 0.0f, 0.5f, 1.0f);
   if (amount == 0.0f) return nullptr;
   // Per-call factors folded: chroma times 1 + 0.6 w + 0.15 amount, lightness times
-  // 1 - 0.3 w bright, w the weight times amount.
+  // 1 - 0.3 w bright, w the weight times amount. The window's peak carries 0.6 amount.
   const float richer = 1.0f + 0.15f * amount;
   const float deeper = 0.6f * amount;
-  const float darker = 0.3f * amount;
-  return detail::lmsRootKernel([richer, deeper, darker,
-                                sky = HueWindow(detail::wheelHue(210.0f), 50.0f),
+  return detail::lmsRootKernel([richer, sky = HueWindow(detail::wheelHue(210.0f), 50.0f, deeper),
                                 bright = detail::FusedStep(0.3f, 0.85f)](LmsRoot& roots) {
     const Oklab lab = roots.oklab();
-    const float w = sky.weight(lab.a, lab.b, detail::chroma(lab));
-    // The gain is at least 1: no clamp.
-    const float gain = std::fma(deeper, w, richer);
-    // New lightness L (1 - darker w bright) less gain L, folded into one factor of L.
+    // 0.6 amount w; the gain is at least 1: no clamp.
+    const float deepening = sky.weight(lab.a, lab.b, detail::chroma(lab));
+    // New lightness L (1 - 0.3 amount w bright) less gain L, folded into one factor of L.
     roots.scaleAndLift(
-        gain, lab.L * std::fma(-w, bright.scaledFrom(deeper, darker, lab.L), 1.0f - richer));
+        deepening + richer,
+        lab.L * std::fma(-deepening, bright.scaledFrom(1.0f, 0.5f, lab.L), 1.0f - richer));
   });
 }
 
