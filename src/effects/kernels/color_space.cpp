@@ -44,11 +44,13 @@ const Matrix3& linearSrgbToXyz() {
 }
 
 float srgbToLinearExact(float encoded) {
-  return encoded <= 0.04045f ? encoded / 12.92f : std::pow((encoded + 0.055f) / 1.055f, 2.4f);
+  return encoded <= kSrgbEncodedToeEnd ? encoded / 12.92f
+                                       : std::pow((encoded + 0.055f) / 1.055f, 2.4f);
 }
 
 float linearToSrgbExact(float linear) {
-  return linear <= 0.0031308f ? 12.92f * linear : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
+  return linear <= kSrgbLinearToeEnd ? 12.92f * linear
+                                     : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
 namespace {
@@ -157,13 +159,6 @@ VORN_AVX512 inline __m512 decodeAboveToeAvx512(__m512 m, __m512 scales) {
   return _mm512_mul_ps(hornerAvx512(kDecodePolynomial, f), scale);
 }
 
-/// srgbDecodeUnit for 16 values.
-VORN_AVX512 inline __m512 decodeUnitAvx512(__m512 m, __m512 scales) {
-  return _mm512_mask_mul_ps(decodeAboveToeAvx512(m, scales),
-                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.04045f), _CMP_LE_OQ), m,
-                            _mm512_set1_ps(1.0f / 12.92f));
-}
-
 /// srgbEncodeUnit for 16 values above its toe; scales holds binadeScales.
 VORN_AVX512 inline __m512 encodeAboveToeAvx512(__m512 m, __m512 scales) {
   __m512 f;
@@ -171,33 +166,32 @@ VORN_AVX512 inline __m512 encodeAboveToeAvx512(__m512 m, __m512 scales) {
   return _mm512_fmadd_ps(hornerAvx512(kEncodePolynomial, f), scale, _mm512_set1_ps(-0.055f));
 }
 
-/// srgbEncodeUnit for 16 values.
-VORN_AVX512 inline __m512 encodeUnitAvx512(__m512 m, __m512 scales) {
-  return _mm512_mask_mul_ps(encodeAboveToeAvx512(m, scales),
-                            _mm512_cmp_ps_mask(m, _mm512_set1_ps(0.0031308f), _CMP_LE_OQ), m,
-                            _mm512_set1_ps(12.92f));
-}
+using PowerAvx512 = __m512 (*)(__m512, __m512);
 
-using UnitCurveAvx512 = __m512 (*)(__m512, __m512);
-
-/// One of the sRGB curves on 16 values with the numbers it needs: unit is its part on [0, 1],
-/// carried to every value as SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1
-/// ending at `limit`, the sign of x, NaN as 0).
-template <UnitCurveAvx512 Unit, UnitCurveAvx512 AboveToe>
+/// One of the sRGB curves on 16 values with the numbers it needs: its part on [0, 1] is the
+/// straight toe of `toeSlope` up to `toeEnd` and AboveToe past it, carried to every value as
+/// SrgbDecode and SrgbEncode carry theirs (the line of `slope` above 1 ending at `limit`, the sign
+/// of x, NaN as 0).
+template <PowerAvx512 AboveToe>
 struct CurveAvx512 {
   __m512 scales;
   float slope;
   float limit;
-  /// The largest value the toe's straight line takes, as its bits.
-  std::uint32_t toeEnd;
+  float toeEnd;
+  float toeSlope;
 
-  VORN_AVX512 __m512 unit(__m512 x) const { return Unit(x, scales); }
+  /// srgbDecodeUnit or srgbEncodeUnit for 16 values.
+  VORN_AVX512 __m512 unit(__m512 x) const {
+    return _mm512_mask_mul_ps(AboveToe(x, scales),
+                              _mm512_cmp_ps_mask(x, _mm512_set1_ps(toeEnd), _CMP_LE_OQ), x,
+                              _mm512_set1_ps(toeSlope));
+  }
   /// The curve for x without negative values or NaN.
   VORN_AVX512 __m512 positive(__m512 x) const {
     const __m512 one = _mm512_set1_ps(1.0f);
     const __mmask16 above = _mm512_cmp_ps_mask(x, one, _CMP_GT_OQ);
     // The line's steps under the mask, over the unit curve's values.
-    __m512 y = _mm512_mask_sub_ps(Unit(x, scales), above, x, one);
+    __m512 y = _mm512_mask_sub_ps(unit(x), above, x, one);
     y = _mm512_mask_mul_ps(y, above, y, _mm512_set1_ps(slope));
     y = _mm512_mask_add_ps(y, above, y, one);
     return _mm512_mask_min_ps(y, above, y, _mm512_set1_ps(limit));
@@ -217,7 +211,7 @@ struct CurveAvx512 {
     // As unsigned integers, negative values and NaN lie above 1; less the toe's end and one,
     // the toe wraps round above them too.
     __m512i bits = _mm512_castps_si512(x);
-    const auto pastToe = static_cast<int>(toeEnd + 1u);
+    const auto pastToe = static_cast<int>(std::bit_cast<std::uint32_t>(toeEnd) + 1u);
     // Expected: laid out as the straight path, the usual case runs without a taken branch.
     if (__builtin_expect(_mm512_cmple_epu32_mask(_mm512_sub_epi32(bits, _mm512_set1_epi32(pastToe)),
                                                  _mm512_set1_epi32(0x3f800000 - pastToe)) == 0xffff,
@@ -235,14 +229,14 @@ struct CurveAvx512 {
   }
 };
 
-VORN_AVX512 inline CurveAvx512<decodeUnitAvx512, decodeAboveToeAvx512> decodeCurveAvx512() {
+VORN_AVX512 inline CurveAvx512<decodeAboveToeAvx512> decodeCurveAvx512() {
   return {_mm512_loadu_ps(curveTables().decode.data()), kSrgbSlopeAtOne,
-          std::numeric_limits<float>::infinity(), std::bit_cast<std::uint32_t>(0.04045f)};
+          std::numeric_limits<float>::infinity(), kSrgbEncodedToeEnd, 1.0f / 12.92f};
 }
 
-VORN_AVX512 inline CurveAvx512<encodeUnitAvx512, encodeAboveToeAvx512> encodeCurveAvx512() {
+VORN_AVX512 inline CurveAvx512<encodeAboveToeAvx512> encodeCurveAvx512() {
   return {_mm512_loadu_ps(curveTables().encode.data()), 1.0f / kSrgbSlopeAtOne,
-          std::numeric_limits<float>::max(), std::bit_cast<std::uint32_t>(0.0031308f)};
+          std::numeric_limits<float>::max(), kSrgbLinearToeEnd, 12.92f};
 }
 
 /// out[i] = curve(in[i]) for count values; in may be out. Runs of 16 inside [0, 1] take the unit

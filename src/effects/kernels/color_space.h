@@ -80,6 +80,9 @@ inline float fastPow(float x, float p) {
 
 /// The sRGB decoding's slope at 1 (2.4 / 1.055): encoded values above 1 continue along it.
 inline constexpr float kSrgbSlopeAtOne = 2.4f / 1.055f;
+/// The ends of the sRGB curves' straight toes: encoded, and in linear light.
+inline constexpr float kSrgbEncodedToeEnd = 0.04045f;
+inline constexpr float kSrgbLinearToeEnd = 0.0031308f;
 
 /// t = 2^-n f with f in [1, 2) returned through f, and 2^(-n p) for n below 2^Bits made of the
 /// powers steps = {2^-p, 2^-2p, 2^-4p, 2^-8p} picked by the bits of n. A chain of selects on n
@@ -149,7 +152,7 @@ inline float srgbDecodeUnit(float m) {
   // Computed for every value, so the select below needs no branch. Where the power is kept, its
   // argument lies in [0.095, 1.055]; elsewhere it is finite and unused.
   const float power = srgbDecodePower(m + 0.055f);
-  return m <= 0.04045f ? m * (1.0f / 12.92f) : power;
+  return m <= kSrgbEncodedToeEnd ? m * (1.0f / 12.92f) : power;
 }
 
 /// sRGB decoding of any value: negative values mirror the positive side, values above 1 continue
@@ -170,7 +173,7 @@ struct SrgbDecode {
 inline float srgbEncodeUnit(float m) {
   // Kept for m in (0.0031308, 1] only, within the root's range; finite and unused elsewhere.
   const float root = srgbEncodeRoot(m);
-  return m <= 0.0031308f ? m * 12.92f : root;
+  return m <= kSrgbLinearToeEnd ? m * 12.92f : root;
 }
 
 /// sRGB encoding, the inverse of SrgbDecode over the whole range (its line above 1 included).
